@@ -1,0 +1,197 @@
+#include "commands/serviceinterfacemanager.h"
+
+#include "vpncore/ovpnconnection.h"
+
+#include <QtCore/QDebug>
+#include <QtCore/QJsonDocument>
+#include <QtCore/QJsonObject>
+#include <QtCore/QTimer>
+
+#include <chrono>
+#include <utility>
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr std::chrono::milliseconds kHeartbeatLimit = 30s;
+
+const QLatin1String kTypeKey("type");
+const QLatin1String kCommandKey("cmd");
+const QLatin1String kArgumentKey("arg");
+const QLatin1String kStatusKey("status");
+
+const QLatin1String kOpenvpn("openvpn");
+const QLatin1String kConnect("connect");
+const QLatin1String kDisconnect("disconnect");
+const QLatin1String kOvpnTcp("ovpnTcp");
+const QLatin1String kOvpnUdp("ovpnUdp");
+
+} // namespace
+
+ServiceInterfaceManager::ServiceInterfaceManager(QObject *parent)
+    // Never deleted: a running tunnel, and the connection that holds it, outlive the manager.
+    : ServiceInterfaceManager(new vpncore::OvpnConnection, parent)
+{
+}
+
+ServiceInterfaceManager::ServiceInterfaceManager(vpncore::IOvpnConnection *connection,
+                                                 QObject *parent)
+    : ServiceInterfaceSource(parent)
+    , livenessTimer(new QTimer(this))
+    , ovpnConnection(connection)
+{
+    // A coarse timer of 30 s may fire half a second early; a client must not lose its tunnel then.
+    livenessTimer->setTimerType(Qt::PreciseTimer);
+    connect(livenessTimer, &QTimer::timeout, this, &ServiceInterfaceManager::timeout_slot);
+    qDebug() << "Source Node Started";
+}
+
+ServiceInterfaceManager::~ServiceInterfaceManager()
+{
+    livenessTimer->stop();
+}
+
+void ServiceInterfaceManager::vpn_command(const QString &message,
+                                          const VpnServerInformation &vpnServer)
+{
+    // Called from within the socket's readyRead, which delivers nothing more of this connection
+    // until it has returned, and with references that the next packet overwrites. So the command
+    // is decoded and copied here, and runs later.
+    const Command command = decode(message);
+    if (command == Command::None)
+        return;
+    waitingCommands.enqueue(command);
+    waitingServer = command == Command::Disconnect ? VpnServerInformation() : vpnServer;
+    scheduleNextCommand();
+}
+
+void ServiceInterfaceManager::scheduleNextCommand()
+{
+    QMetaObject::invokeMethod(this, &ServiceInterfaceManager::runNextCommand,
+                              Qt::QueuedConnection);
+}
+
+void ServiceInterfaceManager::runNextCommand()
+{
+    if (waitingCommands.isEmpty())
+        return;
+    if (runningCommand != Command::None) { // and its wait is where this is called from
+        endOvertakenAttempt();
+        return;
+    }
+
+    runningCommand = waitingCommands.dequeue();
+    const bool isOvertaken = !waitingCommands.isEmpty();
+    if (runningCommand == Command::Disconnect)
+        execute(runningCommand, {});
+    else if (isOvertaken)
+        answer(kConnect, vpncore::OvpnConnection::overtakenResult());
+    else
+        execute(runningCommand, std::exchange(waitingServer, {}));
+    runningCommand = Command::None;
+
+    if (!waitingCommands.isEmpty())
+        scheduleNextCommand();
+}
+
+void ServiceInterfaceManager::endOvertakenAttempt()
+{
+    if (isEndingAttempt || runningCommand == Command::Disconnect)
+        return;
+    isEndingAttempt = true;
+    ovpnConnection->disconnect();
+    isEndingAttempt = false;
+}
+
+void ServiceInterfaceManager::parseVpnCmd(const QString &message,
+                                          const VpnServerInformation &vpnServer)
+{
+    execute(decode(message), vpnServer);
+}
+
+ServiceInterfaceManager::Command ServiceInterfaceManager::decode(const QString &message)
+{
+    const QString type = getJsonValue(kTypeKey, message);
+    qDebug() << "Command status " << type;
+    if (type == kOpenvpn) {
+        const QString cmd = getJsonValue(kCommandKey, message);
+        qDebug() << "result params " << cmd;
+        if (cmd == kDisconnect)
+            return Command::Disconnect;
+    } else if (type == kConnect) {
+        const QString cmd = getJsonValue(kCommandKey, message);
+        qDebug() << "Connect cmd" << cmd;
+        if (cmd == kOvpnTcp)
+            return Command::ConnectTcp;
+        if (cmd == kOvpnUdp)
+            return Command::ConnectUdp;
+    }
+    return Command::None;
+}
+
+void ServiceInterfaceManager::execute(Command command, const VpnServerInformation &vpnServer)
+{
+    switch (command) {
+    case Command::None:
+        break;
+    case Command::Disconnect:
+        answer(kDisconnect, ovpnConnection->disconnect());
+        break;
+    case Command::ConnectTcp:
+        answer(kConnect, ovpnConnection->connectTcp(vpnServer));
+        break;
+    case Command::ConnectUdp:
+        answer(kConnect, ovpnConnection->connectUdp(vpnServer));
+        break;
+    }
+}
+
+void ServiceInterfaceManager::answer(const QString &cmd, const OperationResult &result)
+{
+    // A nested command's answer resets the flag, so it is set here and not before the command.
+    commandHandled = true;
+    sendCmd(kOpenvpn, cmd, result);
+}
+
+QString ServiceInterfaceManager::getJsonValue(const QString &key, const QString &json)
+{
+    QJsonParseError error;
+    const QJsonObject object = QJsonDocument::fromJson(json.toUtf8(), &error).object();
+    if (error.error != QJsonParseError::NoError)
+        return {};
+    return object.value(key).toString();
+}
+
+void ServiceInterfaceManager::sendCmd(const QString &type, const QString &cmd,
+                                      const OperationResult &result)
+{
+    QJsonObject message;
+    if (type == kOpenvpn || type == kConnect || type == kDisconnect) {
+        message.insert(kTypeKey, type);
+        message.insert(kCommandKey, cmd);
+        message.insert(kStatusKey, commandHandled);
+    }
+    if (type == kOpenvpn)
+        message.insert(kArgumentKey, cmd); // the same text again is wanted
+    commandHandled = false;
+
+    const QString text =
+        QString::fromUtf8(QJsonDocument(message).toJson(QJsonDocument::Compact));
+    qDebug() << "Send command service" << text;
+    Q_EMIT vpn_cmd_result(text, result);
+}
+
+void ServiceInterfaceManager::server_slot(bool clientState)
+{
+    qDebug() << "Replica state is " << (clientState ? "true" : "false");
+    livenessTimer->stop();
+    livenessTimer->start(kHeartbeatLimit);
+}
+
+void ServiceInterfaceManager::timeout_slot()
+{
+    qDebug() << "Client was disconnected";
+    ovpnConnection->disconnect();
+    livenessTimer->stop();
+}

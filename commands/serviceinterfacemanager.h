@@ -1,0 +1,90 @@
+#pragma once
+
+#include "rep_serviceinterface_source.h"
+
+#include <QtCore/QQueue>
+
+class QTimer;
+
+namespace vpncore {
+class IOvpnConnection;
+}
+
+/// Decodes a client's commands, drives its OpenVPN connection and answers; one for each client.
+///
+/// A command is a JSON object of strings. These have an effect, and every other text has none and
+/// gets no answer:
+///
+///     {"type":"openvpn","cmd":"disconnect"}
+///     {"type":"connect","cmd":"ovpnTcp"}
+///     {"type":"connect","cmd":"ovpnUdp"}
+///
+/// Every command is answered by one vpn_cmd_result() signal, in the order of the commands. The
+/// JSON text of an answer says only which command it belongs to; the outcome is in the record.
+class ServiceInterfaceManager : public ServiceInterfaceSource
+{
+    Q_OBJECT
+
+public:
+    /// Creates its own vpncore::OvpnConnection.
+    explicit ServiceInterfaceManager(QObject *parent);
+
+    /// @param connection what the commands act on; not owned, and used as long as this lives.
+    ServiceInterfaceManager(vpncore::IOvpnConnection *connection, QObject *parent);
+
+    /// Leaves the connection alone: a tunnel that is up stays up.
+    ~ServiceInterfaceManager() override;
+
+    /// Executes one command and answers it. The event loop turns until the command is done (16 s
+    /// and more for a connect), so this may be called again from inside; the newer command then
+    /// ends the attempt of the older one.
+    /// @param message the command, JSON.
+    /// @param vpnServer where to connect to; not read by other commands.
+    void parseVpnCmd(const QString &message, const VpnServerInformation &vpnServer);
+
+    /// @return the string value of @p key in the JSON object @p json; empty when the text is not
+    ///         valid JSON or not an object, when the key is missing or its value is no string.
+    QString getJsonValue(const QString &key, const QString &json);
+
+    /// Emits vpn_cmd_result() with the JSON text for @p type and @p cmd.
+    /// @param type "openvpn", "connect" or "disconnect"; any other yields an empty object.
+    /// @param result passed on unchanged.
+    void sendCmd(const QString &type, const QString &cmd, const OperationResult &result);
+
+public Q_SLOTS:
+    /// The client's heartbeat. From the first one on, the client must call again within 30 s, or
+    /// its tunnel is taken down.
+    /// @param clientState logged only.
+    void server_slot(bool clientState) override;
+
+    /// Takes a command from the client and returns at once; the command runs from the event loop.
+    ///
+    /// One command runs at a time. When a newer one arrives while an attempt to connect waits,
+    /// the attempt gives up; a connect that was overtaken before it began is answered as a failed
+    /// attempt without starting anything. So whatever a client pipelines, the last command
+    /// decides, and neither stack nor memory grows with the number of commands.
+    void vpn_command(const QString &message, const VpnServerInformation &vpnServer) override;
+
+private Q_SLOTS:
+    void timeout_slot();
+
+private:
+    enum class Command { None, Disconnect, ConnectTcp, ConnectUdp };
+
+    Command decode(const QString &message);
+    void execute(Command command, const VpnServerInformation &vpnServer);
+    void answer(const QString &cmd, const OperationResult &result);
+    void scheduleNextCommand();
+    void runNextCommand();
+    void endOvertakenAttempt();
+
+    QTimer *livenessTimer;
+    vpncore::IOvpnConnection *ovpnConnection;
+    bool commandHandled = false;
+
+    QQueue<Command> waitingCommands;
+    /// Belongs to the newest waiting command; the older ones are overtaken and need none.
+    VpnServerInformation waitingServer;
+    Command runningCommand = Command::None;
+    bool isEndingAttempt = false;
+};

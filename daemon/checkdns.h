@@ -1,0 +1,6 @@
+#pragma once
+
+/// Restores the DNS settings that an earlier run left changed, and logs what that printed.
+///
+/// Blocks for 10 s at most, without turning the event loop. Failures show only in the log.
+void checkDNS();

@@ -1,0 +1,30 @@
+#include "daemon/checkdns.h"
+#include "ipc/localserver.h"
+
+#include <QtCore/QCoreApplication>
+#include <QtCore/QDebug>
+#include <QtCore/QDir>
+#include <QtCore/QStandardPaths>
+
+namespace {
+
+/// Makes the folder in which the tunnel's scripts keep the DNS settings that they replace.
+void createDataFolder()
+{
+    const QString path = QStandardPaths::writableLocation(QStandardPaths::AppConfigLocation)
+        + QStringLiteral("/data");
+    qDebug() << path;
+    if (!QDir().mkpath(path))
+        qDebug() << "Directory isn't created";
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    QCoreApplication application(argc, argv);
+    createDataFolder();
+    checkDNS();
+    LocalServer server;
+    return QCoreApplication::exec();
+}

