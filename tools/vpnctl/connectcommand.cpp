@@ -164,7 +164,10 @@ void ConnectCommand::close(ExitCode exitCode)
 {
     m_phase = Phase::Closing;
     m_exitCode = exitCode;
-    report().disconnecting();
+    if (exitCode == ExitCode::Failed)
+        report().cleaningUp();
+    else
+        report().disconnecting();
     session().stopTunnel();
     awaitAnswer(0s);
 }

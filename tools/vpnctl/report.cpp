@@ -191,6 +191,12 @@ void Report::disconnecting()
     print(QStringLiteral("disconnecting"), {}, QStringLiteral("Disconnecting"));
 }
 
+void Report::cleaningUp()
+{
+    print(QStringLiteral("disconnecting"), {},
+          QStringLiteral("Taking down what the attempt left running"));
+}
+
 void Report::takenDown(int endpoint)
 {
     print(QStringLiteral("takenDown"), {{QStringLiteral("endpoint"), endpoint}},

@@ -58,6 +58,9 @@ public:
 
     void disconnecting();
 
+    /// As disconnecting(), after an attempt that failed.
+    void cleaningUp();
+
     /// The tunnel is down because somebody else sent the command.
     void takenDown(int endpoint);
 
