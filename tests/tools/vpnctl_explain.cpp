@@ -52,7 +52,8 @@ private Q_SLOTS:
     {
         QTest::addColumn<QString>("key");
         for (const char *key :
-             {"label.can_not_create_config_for_open_vpn", "warning.open_vpn_running_fails_check_apps",
+             {"label.can_not_create_config_for_open_vpn",
+              "warning.open_vpn_running_fails_check_apps",
               "warning.open_vpn_does_not_exists_try_another_protocol",
               "warning.open_vpn_connection_time_out", "warning.open_vpn_server_does_not_respond",
               "warning.can_not_open_vpn_check_is_admin_granted", "warning.l2tp_connection_fail"}) {

@@ -81,7 +81,8 @@ private Q_SLOTS:
         const CommandLine line = parse(QStringLiteral("--help"));
         QVERIFY(!line.isError);
         for (const char *command : {"connect", "disconnect", "ping", "watch", "raw"})
-            QVERIFY2(line.text.contains(QStringLiteral("\n  %1 ").arg(QLatin1String(command))), command);
+            QVERIFY2(line.text.contains(QStringLiteral("\n  %1 ").arg(QLatin1String(command))),
+                     command);
     }
 
     void helpOfACommandHasItsOptionsAndAnExample()
@@ -100,14 +101,16 @@ private Q_SLOTS:
         QTest::addColumn<QString>("text");
         QTest::addRow("nothing") << QString()
                                  << QStringLiteral("Say what to do, for example \"vpnctl ping\".");
-        QTest::addRow("no such command") << QStringLiteral("dance")
-                                         << QStringLiteral("There is no command \"dance\".");
-        QTest::addRow("no such option") << QStringLiteral("ping --loud")
-                                        << QStringLiteral("Unknown option 'loud'.");
-        QTest::addRow("option of another command") << QStringLiteral("ping --endpoint 1")
-                                                   << QStringLiteral("Unknown option 'endpoint'.");
-        QTest::addRow("no source") << QStringLiteral("connect") << QStringLiteral(
-            "Say where to connect to, with one of --config, --server and --host.");
+        QTest::addRow("no such command")
+            << QStringLiteral("dance") << QStringLiteral("There is no command \"dance\".");
+        QTest::addRow("no such option")
+            << QStringLiteral("ping --loud") << QStringLiteral("Unknown option 'loud'.");
+        QTest::addRow("option of another command")
+            << QStringLiteral("ping --endpoint 1") << QStringLiteral("Unknown option 'endpoint'.");
+        QTest::addRow("no source")
+            << QStringLiteral("connect")
+            << QStringLiteral(
+                   "Say where to connect to, with one of --config, --server and --host.");
         QTest::addRow("two sources") << QStringLiteral("connect --config a --host b --ca c")
                                      << QStringLiteral("Say where to connect to, with one of "
                                                        "--config, --server and --host.");
@@ -123,7 +126,8 @@ private Q_SLOTS:
             << QStringLiteral("connect --host a --ca c --port 65536")
             << QStringLiteral("--port must be a number from 1 to 65535, not \"65536\".");
         QTest::addRow("port 0") << QStringLiteral("connect --host a --ca c --port 0")
-                                << QStringLiteral("--port must be a number from 1 to 65535, not \"0\".");
+                                << QStringLiteral(
+                                       "--port must be a number from 1 to 65535, not \"0\".");
         QTest::addRow("no endpoint") << QStringLiteral("disconnect")
                                      << QStringLiteral("Say which endpoint, with --endpoint N.");
         QTest::addRow("no text") << QStringLiteral("raw")
@@ -144,7 +148,8 @@ private Q_SLOTS:
     void profileGivesOneTargetARemote()
     {
         Files files;
-        const QString path = files.write(QStringLiteral("o.ovpn"), "remote a 1 udp\nremote b 2 tcp\n");
+        const QString path =
+            files.write(QStringLiteral("o.ovpn"), "remote a 1 udp\nremote b 2 tcp\n");
         QCOMPARE(targetsOf(QStringLiteral("connect --config ") + path),
                  (QStringList{QStringLiteral("a 1 UDP"), QStringLiteral("b 2 TCP")}));
     }
@@ -152,7 +157,8 @@ private Q_SLOTS:
     void wantedTransportSelectsItsRemotes()
     {
         Files files;
-        const QString path = files.write(QStringLiteral("o.ovpn"), "remote a 1 udp\nremote b 2 tcp\n");
+        const QString path =
+            files.write(QStringLiteral("o.ovpn"), "remote a 1 udp\nremote b 2 tcp\n");
         QCOMPARE(targetsOf(QStringLiteral("connect --tcp --config ") + path),
                  QStringList{QStringLiteral("b 2 TCP")});
     }
@@ -170,8 +176,9 @@ private Q_SLOTS:
         QTest::addColumn<QString>("options");
         QTest::addColumn<QByteArray>("json");
         QTest::addColumn<QString>("target");
-        QTest::addRow("both ports") << QString() << QByteArray(R"({"host":"a","udpPort":1,"tcpPort":2})")
-                                    << QStringLiteral("a 1 UDP");
+        QTest::addRow("both ports")
+            << QString() << QByteArray(R"({"host":"a","udpPort":1,"tcpPort":2})")
+            << QStringLiteral("a 1 UDP");
         QTest::addRow("--tcp") << QStringLiteral("--tcp")
                                << QByteArray(R"({"host":"a","udpPort":1,"tcpPort":2})")
                                << QStringLiteral("a 2 TCP");
@@ -194,8 +201,9 @@ private Q_SLOTS:
     {
         Files files;
         const QString path = files.write(QStringLiteral("r.json"), R"({"host":"a","udpPort":1})");
-        QCOMPARE(targetsOf(QStringLiteral("connect --tcp --server ") + path),
-                 QStringList{path + QStringLiteral(" gives no port for TCP: \"tcpPort\" is missing.")});
+        QCOMPARE(
+            targetsOf(QStringLiteral("connect --tcp --server ") + path),
+            QStringList{path + QStringLiteral(" gives no port for TCP: \"tcpPort\" is missing.")});
     }
 
     void hostGoesByUdp1194UnlessToldOtherwise_data()
@@ -212,7 +220,8 @@ private Q_SLOTS:
         QFETCH(QString, options);
         QFETCH(QString, target);
         Files files;
-        const QString ca = files.write(QStringLiteral("ca.crt"), pemtexts::certificate().toLatin1());
+        const QString ca =
+            files.write(QStringLiteral("ca.crt"), pemtexts::certificate().toLatin1());
         QCOMPARE(targetsOf(QStringLiteral("connect --host a --ca %1 %2").arg(ca, options)),
                  QStringList{target});
     }
@@ -225,13 +234,15 @@ private Q_SLOTS:
                                              + pemtexts::certificate().toLatin1() + "</ca>\n");
         const CommandLine line = parse(QStringLiteral("connect --config ") + path);
         QString error;
-        const std::optional<TargetList> list = readTargets(line.options.value_or(Options()), &error);
+        const std::optional<TargetList> list =
+            readTargets(line.options.value_or(Options()), &error);
         QVERIFY2(list, qPrintable(error));
-        QCOMPARE(list->notes,
-                 (QStringList{QStringLiteral("Not carried over from the profile: verb, tls-auth. The "
-                                             "server may let nobody in without: tls-auth."),
-                              QStringLiteral(
-                                  "openvpn will most likely refuse to start without: cert, key.")}));
+        QCOMPARE(
+            list->notes,
+            (QStringList{
+                QStringLiteral("Not carried over from the profile: verb, tls-auth. The "
+                               "server may let nobody in without: tls-auth."),
+                QStringLiteral("openvpn will most likely refuse to start without: cert, key.")}));
     }
 };
 

@@ -25,15 +25,16 @@ private Q_SLOTS:
     void textAroundTheBlocksIsLeftOut()
     {
         QString error;
-        const QString text = QStringLiteral("Certificate:\n  Serial: %1\n") + pemtexts::certificate()
-            + QStringLiteral("up /tmp/script\n");
+        const QString text = QStringLiteral("Certificate:\n  Serial: %1\n")
+            + pemtexts::certificate() + QStringLiteral("up /tmp/script\n");
         QCOMPARE(read(PemKind::Authority, text, &error), pemtexts::certificate());
     }
 
     void allBlocksOfAChainAreKept()
     {
         QString error;
-        const QString chain = pemtexts::certificate() + pemtexts::certificate(QStringLiteral("REVG"));
+        const QString chain =
+            pemtexts::certificate() + pemtexts::certificate(QStringLiteral("REVG"));
         QCOMPARE(read(PemKind::Certificate, chain, &error), chain);
     }
 
@@ -65,8 +66,8 @@ private Q_SLOTS:
         QString error;
         const QString text = pemtexts::certificate(QStringLiteral("QUJD\n</ca>\nup /tmp/script"));
         QCOMPARE(read(PemKind::Authority, text, &error), std::nullopt);
-        QCOMPARE(error, QStringLiteral(
-            "some.pem holds no certificate in PEM form (\"-----BEGIN ...\")."));
+        QCOMPARE(error,
+                 QStringLiteral("some.pem holds no certificate in PEM form (\"-----BEGIN ...\")."));
     }
 
     void blockWithoutEndIsRefused()
@@ -107,8 +108,9 @@ private Q_SLOTS:
         QFETCH(QString, text);
         QString error;
         QCOMPARE(read(PemKind::Key, text, &error), std::nullopt);
-        QCOMPARE(error, QStringLiteral("The key in some.pem is encrypted, and the daemon cannot ask "
-                                       "for its pass phrase; store it decrypted."));
+        QCOMPARE(error,
+                 QStringLiteral("The key in some.pem is encrypted, and the daemon cannot ask "
+                                "for its pass phrase; store it decrypted."));
     }
 
     void missingFileIsNamed()
@@ -117,8 +119,9 @@ private Q_SLOTS:
         QCOMPARE(pemFromFile(PemKind::Key, QStringLiteral("me.key"),
                              QDir(QStringLiteral("/nowhere")), &error),
                  std::nullopt);
-        QCOMPARE(error, QStringLiteral(
-            "Cannot read the key file /nowhere/me.key: No such file or directory."));
+        QCOMPARE(
+            error,
+            QStringLiteral("Cannot read the key file /nowhere/me.key: No such file or directory."));
     }
 
     void relativePathIsRelativeToTheFolder()
@@ -129,8 +132,9 @@ private Q_SLOTS:
         file.write(pemtexts::certificate().toLatin1());
         file.close();
         QString error;
-        QCOMPARE(pemFromFile(PemKind::Authority, QStringLiteral("ca.crt"), QDir(folder.path()), &error),
-                 pemtexts::certificate());
+        QCOMPARE(
+            pemFromFile(PemKind::Authority, QStringLiteral("ca.crt"), QDir(folder.path()), &error),
+            pemtexts::certificate());
     }
 };
 

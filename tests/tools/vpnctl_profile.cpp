@@ -65,7 +65,8 @@ private Q_SLOTS:
 
     void remoteWithoutPortAndTransportIsUdp1194()
     {
-        QCOMPARE(remotesOf(QStringLiteral("remote a\n")), QStringList{QStringLiteral("a 1194 UDP")});
+        QCOMPARE(remotesOf(QStringLiteral("remote a\n")),
+                 QStringList{QStringLiteral("a 1194 UDP")});
     }
 
     void portAndProtoLinesFillWhatRemotesLeaveOpen()
@@ -76,9 +77,10 @@ private Q_SLOTS:
 
     void connectionBlockKeepsItsOwnPortAndProto()
     {
-        QCOMPARE(remotesOf(QStringLiteral("<connection>\nremote a\nport 443\nproto tcp\n</connection>\n"
-                                          "<connection>\nremote b\n</connection>\n")),
-                 (QStringList{QStringLiteral("a 443 TCP"), QStringLiteral("b 1194 UDP")}));
+        QCOMPARE(
+            remotesOf(QStringLiteral("<connection>\nremote a\nport 443\nproto tcp\n</connection>\n"
+                                     "<connection>\nremote b\n</connection>\n")),
+            (QStringList{QStringLiteral("a 443 TCP"), QStringLiteral("b 1194 UDP")}));
     }
 
     void protoNamesATransport_data()
@@ -101,8 +103,9 @@ private Q_SLOTS:
 
     void commentsAndQuotesAreReadAsOpenvpnReadsThem()
     {
-        QCOMPARE(remotesOf(QStringLiteral("# remote x\n;remote y\n  remote \"a\" '443' tcp # old\n")),
-                 QStringList{QStringLiteral("a 443 TCP")});
+        QCOMPARE(
+            remotesOf(QStringLiteral("# remote x\n;remote y\n  remote \"a\" '443' tcp # old\n")),
+            QStringList{QStringLiteral("a 443 TCP")});
     }
 
     void windowsLineEndsAreFine()
@@ -113,10 +116,10 @@ private Q_SLOTS:
 
     void inlineBlocksAreRead()
     {
-        const OvpnProfile profile = parse(QStringLiteral("remote a\n<ca>\n") + pemtexts::certificate(QStringLiteral("Q0E="))
-                                          + QStringLiteral("</ca>\n<cert>\n") + pemtexts::certificate()
-                                          + QStringLiteral("</cert>\n<key>\n") + pemtexts::key()
-                                          + QStringLiteral("</key>\n"));
+        const OvpnProfile profile = parse(
+            QStringLiteral("remote a\n<ca>\n") + pemtexts::certificate(QStringLiteral("Q0E="))
+            + QStringLiteral("</ca>\n<cert>\n") + pemtexts::certificate()
+            + QStringLiteral("</cert>\n<key>\n") + pemtexts::key() + QStringLiteral("</key>\n"));
         QCOMPARE(profile.ca, pemtexts::certificate(QStringLiteral("Q0E=")));
         QCOMPARE(profile.cert, pemtexts::certificate());
         QCOMPARE(profile.key, pemtexts::key());
@@ -142,22 +145,23 @@ private Q_SLOTS:
     void whatTheDaemonSetsAnywayIsNotReported()
     {
         // The daemon's own scripts are no reason to be silent about the profile's.
-        const QString daemonsOwn = vpncore::ovpnTemplate()
-                                       .arg(QStringLiteral("udp"), QStringLiteral("a"),
-                                            pemtexts::certificate(), pemtexts::certificate(),
-                                            pemtexts::key())
-                                       .arg(1194)
-                                       .arg(QStringLiteral("/Resources"));
+        const QString daemonsOwn =
+            vpncore::ovpnTemplate()
+                .arg(QStringLiteral("udp"), QStringLiteral("a"), pemtexts::certificate(),
+                     pemtexts::certificate(), pemtexts::key())
+                .arg(1194)
+                .arg(QStringLiteral("/Resources"));
         QCOMPARE(parse(daemonsOwn).notCarriedOver,
                  (QStringList{QStringLiteral("up"), QStringLiteral("down")}));
     }
 
     void otherDirectivesAreReportedOnce()
     {
-        const OvpnProfile profile =
-            parse(QStringLiteral("client\nremote a\nverb 3\nauth SHA256\nverb 4\nroute 10.0.0.0\n"));
-        QCOMPARE(profile.notCarriedOver, (QStringList{QStringLiteral("verb"), QStringLiteral("auth"),
-                                                      QStringLiteral("route")}));
+        const OvpnProfile profile = parse(
+            QStringLiteral("client\nremote a\nverb 3\nauth SHA256\nverb 4\nroute 10.0.0.0\n"));
+        QCOMPARE(
+            profile.notCarriedOver,
+            (QStringList{QStringLiteral("verb"), QStringLiteral("auth"), QStringLiteral("route")}));
         QCOMPARE(profile.likelyNeeded, QStringList());
     }
 
@@ -171,10 +175,12 @@ private Q_SLOTS:
     {
         QTest::addColumn<QString>("lines");
         QTest::addColumn<QString>("name");
-        QTest::addRow("inline tls-crypt")
-            << QStringLiteral("<tls-crypt>\nremote z\n</tls-crypt>\n") << QStringLiteral("tls-crypt");
-        QTest::addRow("tls-auth") << QStringLiteral("tls-auth ta.key 1\n") << QStringLiteral("tls-auth");
-        QTest::addRow("password") << QStringLiteral("auth-user-pass\n") << QStringLiteral("auth-user-pass");
+        QTest::addRow("inline tls-crypt") << QStringLiteral("<tls-crypt>\nremote z\n</tls-crypt>\n")
+                                          << QStringLiteral("tls-crypt");
+        QTest::addRow("tls-auth") << QStringLiteral("tls-auth ta.key 1\n")
+                                  << QStringLiteral("tls-auth");
+        QTest::addRow("password") << QStringLiteral("auth-user-pass\n")
+                                  << QStringLiteral("auth-user-pass");
     }
 
     void directivesThatServersInsistOnAreMarked()
@@ -191,33 +197,44 @@ private Q_SLOTS:
     {
         QTest::addColumn<QString>("text");
         QTest::addColumn<QString>("reason");
-        QTest::addRow("no remote") << QStringLiteral("client\n") << QStringLiteral(
-            "office.ovpn names no server: it has no \"remote\" line.");
-        QTest::addRow("port 0") << QStringLiteral("remote a 0\n") << QStringLiteral(
-            "office.ovpn, line 1: \"0\" is no port; ports are 1 to 65535.");
-        QTest::addRow("port 65536") << QStringLiteral("client\nremote a 65536\n") << QStringLiteral(
-            "office.ovpn, line 2: \"65536\" is no port; ports are 1 to 65535.");
-        QTest::addRow("port line") << QStringLiteral("port many\nremote a\n") << QStringLiteral(
-            "office.ovpn, line 1: \"many\" is no port; ports are 1 to 65535.");
-        QTest::addRow("transport") << QStringLiteral("remote a\nproto sctp\n") << QStringLiteral(
-            "office.ovpn, line 2: \"sctp\" is no transport; the daemon knows udp and tcp.");
-        QTest::addRow("host") << QStringLiteral("remote \"a\\\" b\"\n") << QStringLiteral(
-            "office.ovpn, line 1: \"a\" b\" is no host name or address.");
-        QTest::addRow("no host") << QStringLiteral("remote\n") << QStringLiteral(
-            "office.ovpn, line 1: \"\" is no host name or address.");
-        QTest::addRow("quote") << QStringLiteral("remote \"a\n") << QStringLiteral(
-            "office.ovpn, line 1: a quote does not end.");
-        QTest::addRow("open block") << QStringLiteral("remote a\n<ca>\nx\n") << QStringLiteral(
-            "office.ovpn, line 2: <ca> does not end with </ca>.");
+        QTest::addRow("no remote")
+            << QStringLiteral("client\n")
+            << QStringLiteral("office.ovpn names no server: it has no \"remote\" line.");
+        QTest::addRow("port 0")
+            << QStringLiteral("remote a 0\n")
+            << QStringLiteral("office.ovpn, line 1: \"0\" is no port; ports are 1 to 65535.");
+        QTest::addRow("port 65536")
+            << QStringLiteral("client\nremote a 65536\n")
+            << QStringLiteral("office.ovpn, line 2: \"65536\" is no port; ports are 1 to 65535.");
+        QTest::addRow("port line")
+            << QStringLiteral("port many\nremote a\n")
+            << QStringLiteral("office.ovpn, line 1: \"many\" is no port; ports are 1 to 65535.");
+        QTest::addRow("transport")
+            << QStringLiteral("remote a\nproto sctp\n")
+            << QStringLiteral(
+                   "office.ovpn, line 2: \"sctp\" is no transport; the daemon knows udp and tcp.");
+        QTest::addRow("host") << QStringLiteral("remote \"a\\\" b\"\n")
+                              << QStringLiteral(
+                                     "office.ovpn, line 1: \"a\" b\" is no host name or address.");
+        QTest::addRow("no host") << QStringLiteral(
+            "remote\n") << QStringLiteral("office.ovpn, line 1: \"\" is no host name or address.");
+        QTest::addRow("quote") << QStringLiteral("remote \"a\n")
+                               << QStringLiteral("office.ovpn, line 1: a quote does not end.");
+        QTest::addRow("open block")
+            << QStringLiteral("remote a\n<ca>\nx\n")
+            << QStringLiteral("office.ovpn, line 2: <ca> does not end with </ca>.");
         QTest::addRow("open connection")
-            << QStringLiteral("<connection>\nremote a\n") << QStringLiteral(
-                   "office.ovpn: <connection> does not end with </connection>.");
-        QTest::addRow("missing file") << QStringLiteral("remote a\nca ca.crt\n") << QStringLiteral(
-            "Cannot read the ca file /nowhere/ca.crt: No such file or directory.");
-        QTest::addRow("no file") << QStringLiteral("remote a\nkey\n") << QStringLiteral(
-            "office.ovpn, line 2: \"key\" lacks its file.");
+            << QStringLiteral("<connection>\nremote a\n")
+            << QStringLiteral("office.ovpn: <connection> does not end with </connection>.");
+        QTest::addRow("missing file")
+            << QStringLiteral("remote a\nca ca.crt\n")
+            << QStringLiteral(
+                   "Cannot read the ca file /nowhere/ca.crt: No such file or directory.");
+        QTest::addRow("no file") << QStringLiteral("remote a\nkey\n")
+                                 << QStringLiteral("office.ovpn, line 2: \"key\" lacks its file.");
         QTest::addRow("no PEM inline")
-            << QStringLiteral("remote a\n<cert>\nx\n</cert>\n") << QStringLiteral(
+            << QStringLiteral("remote a\n<cert>\nx\n</cert>\n")
+            << QStringLiteral(
                    "<cert> in office.ovpn holds no certificate in PEM form (\"-----BEGIN ...\").");
     }
 
@@ -232,8 +249,9 @@ private Q_SLOTS:
     {
         QString error;
         QVERIFY(!readOvpnProfile(QStringLiteral("/nowhere/office.ovpn"), &error));
-        QCOMPARE(error, QStringLiteral(
-            "Cannot read the profile /nowhere/office.ovpn: No such file or directory."));
+        QCOMPARE(error,
+                 QStringLiteral(
+                     "Cannot read the profile /nowhere/office.ovpn: No such file or directory."));
     }
 };
 

@@ -31,15 +31,16 @@ class VpnctlRecord : public QObject
 private Q_SLOTS:
     void everyFieldIsRead()
     {
-        const QJsonObject object{{QStringLiteral("name"), QStringLiteral("Office")},
-                                 {QStringLiteral("id"), 7},
-                                 {QStringLiteral("info"), QStringLiteral("main building")},
-                                 {QStringLiteral("host"), QStringLiteral("192.0.2.1")},
-                                 {QStringLiteral("ca"), pemtexts::certificate()},
-                                 {QStringLiteral("key"), pemtexts::key()},
-                                 {QStringLiteral("cert"), pemtexts::certificate(QStringLiteral("REVG"))},
-                                 {QStringLiteral("udpPort"), 1194},
-                                 {QStringLiteral("tcpPort"), 443}};
+        const QJsonObject object{
+            {QStringLiteral("name"), QStringLiteral("Office")},
+            {QStringLiteral("id"), 7},
+            {QStringLiteral("info"), QStringLiteral("main building")},
+            {QStringLiteral("host"), QStringLiteral("192.0.2.1")},
+            {QStringLiteral("ca"), pemtexts::certificate()},
+            {QStringLiteral("key"), pemtexts::key()},
+            {QStringLiteral("cert"), pemtexts::certificate(QStringLiteral("REVG"))},
+            {QStringLiteral("udpPort"), 1194},
+            {QStringLiteral("tcpPort"), 443}};
         QString error;
         const std::optional<ServerRecord> record = parse(QJsonDocument(object).toJson(), &error);
         QVERIFY2(record, qPrintable(error));
@@ -68,9 +69,11 @@ private Q_SLOTS:
     void unknownKeysAreReported()
     {
         QString error;
-        const std::optional<ServerRecord> record = parse(R"({"host":"a","port":1,"HOST":"b"})", &error);
+        const std::optional<ServerRecord> record =
+            parse(R"({"host":"a","port":1,"HOST":"b"})", &error);
         QVERIFY2(record, qPrintable(error));
-        QCOMPARE(record->unknownKeys, (QStringList{QStringLiteral("HOST"), QStringLiteral("port")}));
+        QCOMPARE(record->unknownKeys,
+                 (QStringList{QStringLiteral("HOST"), QStringLiteral("port")}));
     }
 
     void pathsAreRelativeToTheRecord()
@@ -95,8 +98,9 @@ private Q_SLOTS:
         QTest::addColumn<QByteArray>("json");
         QTest::addColumn<QString>("reason");
         const QString ports = QStringLiteral("must be a whole number from 0 to 65535.");
-        QTest::addRow("no JSON") << QByteArray("host: a") << QStringLiteral(
-            "record.json is not valid JSON: illegal value (at byte 1).");
+        QTest::addRow("no JSON")
+            << QByteArray("host: a")
+            << QStringLiteral("record.json is not valid JSON: illegal value (at byte 1).");
         QTest::addRow("array") << QByteArray("[]")
                                << QStringLiteral("record.json must hold one JSON object.");
         QTest::addRow("no host") << QByteArray("{}")
@@ -104,21 +108,25 @@ private Q_SLOTS:
         QTest::addRow("host with a line end")
             << QByteArray(R"({"host":"a\nup x"})")
             << QStringLiteral("record.json: \"host\" is no host name or address.");
-        QTest::addRow("host is a number") << QByteArray(R"({"host":1})")
-                                          << QStringLiteral("record.json: \"host\" must be a text.");
+        QTest::addRow("host is a number")
+            << QByteArray(R"({"host":1})")
+            << QStringLiteral("record.json: \"host\" must be a text.");
         QTest::addRow("port too large") << QByteArray(R"({"host":"a","udpPort":65536})")
                                         << QStringLiteral("record.json: \"udpPort\" ") + ports;
         QTest::addRow("port negative") << QByteArray(R"({"host":"a","tcpPort":-1})")
                                        << QStringLiteral("record.json: \"tcpPort\" ") + ports;
-        QTest::addRow("port with a fraction") << QByteArray(R"({"host":"a","tcpPort":44.3})")
-                                              << QStringLiteral("record.json: \"tcpPort\" ") + ports;
+        QTest::addRow("port with a fraction")
+            << QByteArray(R"({"host":"a","tcpPort":44.3})")
+            << QStringLiteral("record.json: \"tcpPort\" ") + ports;
         QTest::addRow("port is a text") << QByteArray(R"({"host":"a","tcpPort":"443"})")
                                         << QStringLiteral("record.json: \"tcpPort\" ") + ports;
         QTest::addRow("missing file")
-            << QByteArray(R"({"host":"a","ca":"ca.crt"})") << QStringLiteral(
+            << QByteArray(R"({"host":"a","ca":"ca.crt"})")
+            << QStringLiteral(
                    "Cannot read the ca file /nowhere/ca.crt: No such file or directory.");
         QTest::addRow("cert as key")
-            << withPem(QStringLiteral("key"), pemtexts::certificate()) << QStringLiteral(
+            << withPem(QStringLiteral("key"), pemtexts::certificate())
+            << QStringLiteral(
                    "\"key\" in record.json holds no private key in PEM form (\"-----BEGIN ...\").");
     }
 

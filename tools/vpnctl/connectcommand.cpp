@@ -52,7 +52,7 @@ void ConnectCommand::stop()
     if (m_phase == Phase::Closing && !isSameStopRequest())
         finish(ExitCode::Interrupted);
     else
-        beginStop();
+        hangUp();
 }
 
 bool ConnectCommand::isSameStopRequest() const
@@ -63,25 +63,13 @@ bool ConnectCommand::isSameStopRequest() const
 
 void ConnectCommand::hangUp()
 {
-    beginStop();
-}
-
-void ConnectCommand::beginStop()
-{
+    if (m_phase == Phase::Closing)
+        return;
     m_sinceStop.start();
-    switch (m_phase) {
-    case Phase::Opening:
+    if (m_phase == Phase::Opening)
         finish(ExitCode::Interrupted);
-        break;
-    case Phase::Connecting:
-        close(ExitCode::Interrupted);
-        break;
-    case Phase::Holding:
-        close(ExitCode::Done);
-        break;
-    case Phase::Closing:
-        break;
-    }
+    else
+        close(m_phase == Phase::Holding ? ExitCode::Done : ExitCode::Interrupted);
 }
 
 QString ConnectCommand::activity(std::chrono::milliseconds elapsed) const

@@ -35,7 +35,6 @@ private:
     void handleAnswer(const QString &message, const OperationResult &result);
     void handleConnected();
     void handleAnswerWhileHolding(const QString &message, const OperationResult &result);
-    void beginStop();
     bool isSameStopRequest() const;
     void close(ExitCode exitCode);
 

@@ -43,9 +43,10 @@ int run(const Options &options, Report &report)
     StopRequests stopRequests;
     const std::unique_ptr<Command> command = Command::create(options, report);
     // Queued: the command may finish before the event loop runs, or while it is being called.
-    QObject::connect(command.get(), &Command::finished, qApp,
-                     [](ExitCode exitCode) { QCoreApplication::exit(exitStatus(exitCode)); },
-                     Qt::QueuedConnection);
+    QObject::connect(
+        command.get(), &Command::finished, qApp,
+        [](ExitCode exitCode) { QCoreApplication::exit(exitStatus(exitCode)); },
+        Qt::QueuedConnection);
     QObject::connect(&report, &Report::outputClosed, command.get(), &Command::hangUp,
                      Qt::QueuedConnection);
     QObject::connect(&stopRequests, &StopRequests::signalled, command.get(), &Command::stop);

@@ -23,7 +23,8 @@ struct CommandHelp
 constexpr CommandHelp kCommands[] = {
     {Command::Connect, "connect", "bring a tunnel up and hold it",
      "connect (--config FILE | --server FILE | --host HOST --ca FILE ...) [options]",
-     "Brings a tunnel up and holds it until Ctrl-C, SIGTERM or the end of the standard input, then\n"
+     "Brings a tunnel up and holds it until Ctrl-C, SIGTERM or the end of the standard input, "
+     "then\n"
      "takes it down and exits.",
      "  vpnctl connect --config office.ovpn\n"
      "  vpnctl connect --server record.json --tcp\n"
@@ -124,9 +125,9 @@ const QCommandLineOption &portOption()
 
 const QCommandLineOption &caOption()
 {
-    static const QCommandLineOption option(QStringLiteral("ca"),
-                                           QStringLiteral("With --host: the authority's certificate."),
-                                           QStringLiteral("file"));
+    static const QCommandLineOption option(
+        QStringLiteral("ca"), QStringLiteral("With --host: the authority's certificate."),
+        QStringLiteral("file"));
     return option;
 }
 
@@ -171,9 +172,9 @@ QList<QCommandLineOption> optionsOf(Command command)
     QList<QCommandLineOption> options{helpOption(), jsonOption()};
     switch (command) {
     case Command::Connect:
-        options += {configOption(), serverOption(), hostOption(), portOption(), caOption(),
-                    certOption(), keyOption(), udpOption(), tcpOption(), detachOption(),
-                    timeoutOption()};
+        options += {configOption(), serverOption(), hostOption(),   portOption(),
+                    caOption(),     certOption(),   keyOption(),    udpOption(),
+                    tcpOption(),    detachOption(), timeoutOption()};
         break;
     case Command::Disconnect:
         options += {endpointOption(), timeoutOption()};
@@ -205,7 +206,8 @@ QString generalHelp()
                                   "Drives the VPN daemon talvexvpnd from the terminal.\n\n"
                                   "Commands:\n");
     for (const CommandHelp &help : kCommands) {
-        text += QStringLiteral("  %1 %2\n").arg(QLatin1String(help.name), -11)
+        text += QStringLiteral("  %1 %2\n")
+                    .arg(QLatin1String(help.name), -11)
                     .arg(QLatin1String(help.summary));
     }
     text += QStringLiteral("\nOptions:\n"
@@ -303,8 +305,8 @@ private:
 
 void checkConnect(const Options &options, OptionReader &reader)
 {
-    const int sources = !options.configPath.isEmpty() + !options.recordPath.isEmpty()
-        + !options.host.isEmpty();
+    const int sources =
+        !options.configPath.isEmpty() + !options.recordPath.isEmpty() + !options.host.isEmpty();
     if (sources != 1) {
         reader.fail(QStringLiteral("Say where to connect to, with one of --config, --server and "
                                    "--host."));
@@ -382,7 +384,8 @@ CommandLine parseCommandLine(const QStringList &arguments)
 
     const CommandHelp *help = commandNamed(positional.constFirst());
     if (!help)
-        return wrongUse(QStringLiteral("There is no command \"%1\".").arg(positional.constFirst()), json);
+        return wrongUse(QStringLiteral("There is no command \"%1\".").arg(positional.constFirst()),
+                        json);
 
     QCommandLineParser parser;
     const QList<QCommandLineOption> known = optionsOf(help->command);

@@ -17,15 +17,32 @@ constexpr qint64 kLargestFile = 1024 * 1024;
 
 /// What the daemon's own configuration has too, so that nothing is lost.
 constexpr const char *kSameInDaemon[] = {
-    "client", "dev tun", "tls-client", "resolv-retry infinite", "nobind", "persist-key",
-    "persist-tun", "remote-cert-tls server", "comp-lzo", "verb 1", "tun-mtu 1500",
-    "tun-mtu-extra 32", "mssfix 1450", "ping 15", "ping-restart 0", "ping-timer-rem",
-    "reneg-sec 0", "pull", "fast-io", "cipher AES-256-CBC", "script-security 2",
+    "client",
+    "dev tun",
+    "tls-client",
+    "resolv-retry infinite",
+    "nobind",
+    "persist-key",
+    "persist-tun",
+    "remote-cert-tls server",
+    "comp-lzo",
+    "verb 1",
+    "tun-mtu 1500",
+    "tun-mtu-extra 32",
+    "mssfix 1450",
+    "ping 15",
+    "ping-restart 0",
+    "ping-timer-rem",
+    "reneg-sec 0",
+    "pull",
+    "fast-io",
+    "cipher AES-256-CBC",
+    "script-security 2",
 };
 
 constexpr const char *kLikelyNeeded[] = {
-    "auth-user-pass", "tls-auth", "tls-crypt", "tls-crypt-v2", "pkcs12", "secret", "static-challenge",
-    "http-proxy", "socks-proxy",
+    "auth-user-pass", "tls-auth",         "tls-crypt",  "tls-crypt-v2", "pkcs12",
+    "secret",         "static-challenge", "http-proxy", "socks-proxy",
 };
 
 template<std::size_t Size>
@@ -37,7 +54,8 @@ bool contains(const char *const (&list)[Size], const QString &text)
 
 std::optional<Transport> transportFrom(const QString &proto)
 {
-    if (proto == QLatin1String("udp") || proto == QLatin1String("udp4") || proto == QLatin1String("udp6"))
+    if (proto == QLatin1String("udp") || proto == QLatin1String("udp4")
+        || proto == QLatin1String("udp6"))
         return Transport::Udp;
     for (const char *tcp : {"tcp", "tcp4", "tcp6", "tcp-client", "tcp4-client", "tcp6-client"}) {
         if (proto == QLatin1String(tcp))
@@ -57,8 +75,8 @@ std::optional<QStringList> wordsOf(const QString &line)
     QChar quote;
     for (int index = 0; index < line.size(); ++index) {
         const QChar character = line.at(index);
-        const bool isEscape = character == QLatin1Char('\\') && quote != QLatin1Char('\'')
-            && index + 1 < line.size();
+        const bool isEscape =
+            character == QLatin1Char('\\') && quote != QLatin1Char('\'') && index + 1 < line.size();
         if (isEscape) {
             word += line.at(++index);
             isInWord = true;
@@ -291,9 +309,11 @@ private:
     void finish()
     {
         if (m_isInConnection)
-            m_error = QStringLiteral("%1: <connection> does not end with </connection>.").arg(m_source);
+            m_error =
+                QStringLiteral("%1: <connection> does not end with </connection>.").arg(m_source);
         else if (m_remotes.isEmpty())
-            m_error = QStringLiteral("%1 names no server: it has no \"remote\" line.").arg(m_source);
+            m_error =
+                QStringLiteral("%1 names no server: it has no \"remote\" line.").arg(m_source);
         for (RemoteLine remote : qAsConst(m_remotes)) {
             complete(remote, m_global);
             complete(remote, {kStandardPort, Transport::Udp});
@@ -340,8 +360,8 @@ std::optional<OvpnProfile> readOvpnProfile(const QString &path, QString *error)
         *error = QStringLiteral("The profile %1 is too large.").arg(path);
         return {};
     }
-    return parseOvpnProfile(QString::fromUtf8(file.readAll()), path,
-                            QFileInfo(path).absoluteDir(), error);
+    return parseOvpnProfile(QString::fromUtf8(file.readAll()), path, QFileInfo(path).absoluteDir(),
+                            error);
 }
 
 } // namespace vpnctl

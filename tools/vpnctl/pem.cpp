@@ -83,7 +83,8 @@ std::optional<QString> pemFromText(PemKind kind, const QString &text, const QStr
     for (const Block &block : blocksOf(text)) {
         if (block.isEncrypted()) {
             *error = QStringLiteral("The key in %1 is encrypted, and the daemon cannot ask for its "
-                                    "pass phrase; store it decrypted.").arg(source);
+                                    "pass phrase; store it decrypted.")
+                         .arg(source);
             return {};
         }
         isKindSeen = isKindSeen || isOfKind(kind, block.label);

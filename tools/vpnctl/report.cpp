@@ -26,7 +26,7 @@ int terminalWidth()
     constexpr int kStandardWidth = 80;
     winsize size = {};
     return ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col
-                                                                          : kStandardWidth;
+                                                                           : kStandardWidth;
 }
 
 double secondsOf(std::chrono::milliseconds time)
@@ -81,7 +81,8 @@ void Report::pong(std::chrono::nanoseconds roundTrip)
 {
     const double milliseconds = std::chrono::duration<double, std::milli>(roundTrip).count();
     print(QStringLiteral("pong"), {{QStringLiteral("milliseconds"), rounded(milliseconds, 3)}},
-          QStringLiteral("The daemon is there and answered after %1 ms.").arg(milliseconds, 0, 'f', 1));
+          QStringLiteral("The daemon is there and answered after %1 ms.")
+              .arg(milliseconds, 0, 'f', 1));
 }
 
 void Report::endpoint(int endpoint)
@@ -149,7 +150,8 @@ void Report::answer(const QString &message, const OperationResult &result,
     } else {
         text += QStringLiteral(": ") + explanation.text;
         if (!explanation.advice.isEmpty())
-            text += QStringLiteral("\nWhat to do: %1\nKey: %2").arg(explanation.advice, result.message);
+            text +=
+                QStringLiteral("\nWhat to do: %1\nKey: %2").arg(explanation.advice, result.message);
     }
 
     QJsonObject fields{{QStringLiteral("command"), command},
@@ -177,7 +179,8 @@ void Report::detached(int endpoint)
 {
     print(QStringLiteral("detached"), {{QStringLiteral("endpoint"), endpoint}},
           QStringLiteral("The tunnel is up and stays up. To take it down: "
-                         "vpnctl disconnect --endpoint %1").arg(endpoint));
+                         "vpnctl disconnect --endpoint %1")
+              .arg(endpoint));
 }
 
 void Report::watching(int endpoint)

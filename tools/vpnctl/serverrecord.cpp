@@ -44,10 +44,7 @@ public:
         return integer(key, standard, Limits::min(), Limits::max());
     }
 
-    qint32 port(const QString &key)
-    {
-        return integer(key, kNotServed, kNotServed, kHighestPort);
-    }
+    qint32 port(const QString &key) { return integer(key, kNotServed, kNotServed, kHighestPort); }
 
     QString pem(PemKind kind)
     {

@@ -11,8 +11,8 @@ namespace vpnctl {
 
 /// A server record as support staff write it: a JSON object with the keys "name", "id", "info",
 /// "host", "ca", "key", "cert", "udpPort" and "tcpPort", all but "host" optional. "ca", "key" and
-/// "cert" are paths of PEM files, or the PEM text itself. A port that is missing or 0 means that the
-/// server does not serve the transport.
+/// "cert" are paths of PEM files, or the PEM text itself. A port that is missing or 0 means that
+/// the server does not serve the transport.
 struct ServerRecord
 {
     VpnServerInformation server;

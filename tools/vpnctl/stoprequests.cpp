@@ -87,7 +87,8 @@ void StopRequests::watchStandardInput()
 void StopRequests::readSignals()
 {
     std::array<char, 64> bytes;
-    while (::read(signalPipe[0], bytes.data(), bytes.size()) > 0) { }
+    while (::read(signalPipe[0], bytes.data(), bytes.size()) > 0) {
+    }
     Q_EMIT signalled();
 }
 

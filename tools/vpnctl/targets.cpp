@@ -77,9 +77,8 @@ std::optional<TargetList> fromRecord(const Options &options, QString *error)
         return {};
     Target target;
     target.server = record->server;
-    const Transport standard = target.server.udpPort != 0 || target.server.tcpPort == 0
-        ? Transport::Udp
-        : Transport::Tcp;
+    const Transport standard =
+        target.server.udpPort != 0 || target.server.tcpPort == 0 ? Transport::Udp : Transport::Tcp;
     target.transport = options.transport.value_or(standard);
     if (target.port() == 0) {
         *error = QStringLiteral("%1 gives no port for %2: \"%3\" is missing.")

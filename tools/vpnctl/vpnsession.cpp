@@ -35,14 +35,16 @@ Problem mainSocketProblem(const QLocalSocket &socket, QLocalSocket::LocalSocketE
     const QString name = shared::getIpcServiceUrl();
     switch (error) {
     case QLocalSocket::ServerNotFoundError:
-        return noDaemon(QStringLiteral("The daemon is not running: there is no socket %1.").arg(name),
-                        QStringLiteral("Start it: sudo launchctl load -w "
-                                       "/Library/LaunchDaemons/TalvexVpnd.plist"));
+        return noDaemon(
+            QStringLiteral("The daemon is not running: there is no socket %1.").arg(name),
+            QStringLiteral("Start it: sudo launchctl load -w "
+                           "/Library/LaunchDaemons/TalvexVpnd.plist"));
     case QLocalSocket::ConnectionRefusedError:
         return noDaemon(
             QStringLiteral("The daemon is not running: it left the socket %1 behind.").arg(name),
             QStringLiteral("Remove the file (sudo rm '%1'), or the daemon cannot listen; then "
-                           "start the daemon.").arg(name));
+                           "start the daemon.")
+                .arg(name));
     case QLocalSocket::SocketAccessError:
         return noDaemon(QStringLiteral("You may not connect to the daemon's socket %1.").arg(name),
                         QStringLiteral("Check the permissions of the socket; every user should be "
@@ -72,7 +74,8 @@ Problem endpointProblem(int endpoint)
 {
     QLocalSocket socket;
     socket.connectToServer(shared::getIpcServiceUrl());
-    if (!socket.waitForConnected(static_cast<int>(std::chrono::milliseconds(kHandshakeLimit).count())))
+    if (!socket.waitForConnected(
+            static_cast<int>(std::chrono::milliseconds(kHandshakeLimit).count())))
         return mainSocketProblem(socket, socket.error());
     return {ExitCode::WrongUse, QStringLiteral("The daemon has no endpoint %1.").arg(endpoint),
             QStringLiteral("\"vpnctl connect\" prints the number of its endpoint; endpoints end "
@@ -176,7 +179,8 @@ void VpnSession::createEndpoint()
                     return;
                 const int endpoint = call->returnValue().toInt();
                 if (endpoint <= 0) {
-                    fail({ExitCode::Failed, QStringLiteral("The daemon could not make an endpoint."),
+                    fail({ExitCode::Failed,
+                          QStringLiteral("The daemon could not make an endpoint."),
                           QStringLiteral("A socket file in /tmp may be in the way, or the daemon "
                                          "has no descriptor left; its log says which.")});
                     return;
@@ -216,10 +220,9 @@ void VpnSession::handleOpened()
 
 void VpnSession::watchSocket(QLocalSocket *socket)
 {
-    connect(socket, &QLocalSocket::errorOccurred, this,
-            [this, socket](QLocalSocket::LocalSocketError error) {
-                handleSocketError(socket, error);
-            });
+    connect(
+        socket, &QLocalSocket::errorOccurred, this,
+        [this, socket](QLocalSocket::LocalSocketError error) { handleSocketError(socket, error); });
     connect(socket, &QLocalSocket::disconnected, this, [this] { fail(daemonGone()); });
 }
 
