@@ -1,0 +1,122 @@
+#include "tests/support/standins.h"
+
+#include <QtCore/QDir>
+#include <QtCore/QFile>
+#include <QtCore/QProcess>
+
+namespace {
+
+QString state(const QString &name)
+{
+    return QStringLiteral("/var/root/stand-ins/") + name;
+}
+
+QByteArray contentOf(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+QStringList linesOf(const QString &path)
+{
+    return QString::fromUtf8(contentOf(path)).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+}
+
+void networksetup(const QStringList &arguments)
+{
+    QProcess::execute(QStringLiteral("/sbin/networksetup"), arguments);
+}
+
+} // namespace
+
+namespace standins {
+
+QVector<OpenvpnStart> openvpnStarts()
+{
+    QVector<OpenvpnStart> starts;
+    for (const QString &line : linesOf(state(QStringLiteral("openvpn/journal")))) {
+        // "PID 'program' 'argument'..." is a start; other lines say what became of it.
+        if (!line.contains(QLatin1String(" '")))
+            continue;
+        OpenvpnStart start;
+        start.pid = line.section(QLatin1Char(' '), 0, 0).toLongLong();
+        start.arguments = line.section(QLatin1Char('\''), 1, -2).split(QStringLiteral("' '"));
+        starts.append(start);
+    }
+    return starts;
+}
+
+int runningOpenvpns()
+{
+    int running = 0;
+    for (const OpenvpnStart &start : openvpnStarts())
+        running += isAlive(start.pid);
+    return running;
+}
+
+QByteArray configurationOf(const OpenvpnStart &start)
+{
+    return contentOf(state(QStringLiteral("openvpn/config.%1").arg(start.pid)));
+}
+
+QByteArray configurationModeOf(const OpenvpnStart &start)
+{
+    return contentOf(state(QStringLiteral("openvpn/mode.%1").arg(start.pid))).trimmed();
+}
+
+VpnServerInformation serverFor(const QString &scenario)
+{
+    VpnServerInformation server;
+    server.host = scenario;
+    server.udpPort = 1194;
+    server.tcpPort = 443;
+    return server;
+}
+
+QStringList dnsServers(const QString &service)
+{
+    return linesOf(state(QStringLiteral("networksetup/dns_%1").arg(service)));
+}
+
+QStringList searchDomains(const QString &service)
+{
+    return linesOf(state(QStringLiteral("networksetup/search_%1").arg(service)));
+}
+
+void setDns(const QString &service, const QStringList &servers, const QStringList &domains)
+{
+    networksetup(QStringList{QStringLiteral("-setdnsservers"), service} + servers);
+    networksetup(QStringList{QStringLiteral("-setsearchdomains"), service} + domains);
+}
+
+QStringList networksetupCalls()
+{
+    return linesOf(state(QStringLiteral("networksetup/journal")));
+}
+
+QString dataFolder()
+{
+    return QStringLiteral("/var/root/Library/Preferences/talvexvpnd/data");
+}
+
+QStringList backupFiles()
+{
+    return QDir(dataFolder()).entryList(QDir::Files | QDir::Hidden, QDir::Name);
+}
+
+void writeBackup(const QString &name, const QByteArray &content)
+{
+    QDir().mkpath(dataFolder());
+    QFile file(dataFolder() + QLatin1Char('/') + name);
+    if (!file.open(QIODevice::WriteOnly) || file.write(content) != content.size())
+        qFatal("cannot write the backup file %s", qPrintable(file.fileName()));
+}
+
+bool isAlive(qint64 pid)
+{
+    // The state follows the name, which is in parentheses and may hold anything.
+    const QByteArray stat = contentOf(QStringLiteral("/proc/%1/stat").arg(pid));
+    return !stat.isEmpty() && stat.mid(stat.lastIndexOf(')') + 2, 1) != "Z";
+}
+
+} // namespace standins
