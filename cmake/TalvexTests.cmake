@@ -47,5 +47,12 @@ function(talvex_add_test)
                 -P "${PROJECT_SOURCE_DIR}/cmake/ListTestFunctions.cmake"
         BYPRODUCTS "${testList}"
         VERBATIM)
-    set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES "${testList}")
+    set(guard "${CMAKE_CURRENT_BINARY_DIR}/${ARG_NAME}_guard.cmake")
+    file(WRITE "${guard}"
+        "if(EXISTS [==[${testList}]==])\n"
+        "  include([==[${testList}]==])\n"
+        "else()\n"
+        "  add_test([==[${ARG_NAME}]==] [==[${ARG_NAME}-is-not-built]==])\n"
+        "endif()\n")
+    set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES "${guard}")
 endfunction()

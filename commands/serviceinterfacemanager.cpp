@@ -68,8 +68,7 @@ void ServiceInterfaceManager::vpn_command(const QString &message,
 
 void ServiceInterfaceManager::scheduleNextCommand()
 {
-    QMetaObject::invokeMethod(this, &ServiceInterfaceManager::runNextCommand,
-                              Qt::QueuedConnection);
+    QMetaObject::invokeMethod(this, &ServiceInterfaceManager::runNextCommand, Qt::QueuedConnection);
 }
 
 void ServiceInterfaceManager::runNextCommand()
@@ -176,8 +175,7 @@ void ServiceInterfaceManager::sendCmd(const QString &type, const QString &cmd,
         message.insert(kArgumentKey, cmd); // the same text again is wanted
     commandHandled = false;
 
-    const QString text =
-        QString::fromUtf8(QJsonDocument(message).toJson(QJsonDocument::Compact));
+    const QString text = QString::fromUtf8(QJsonDocument(message).toJson(QJsonDocument::Compact));
     qDebug() << "Send command service" << text;
     Q_EMIT vpn_cmd_result(text, result);
 }

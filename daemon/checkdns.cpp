@@ -9,5 +9,5 @@ void checkDNS()
 {
     vpncore::runBashScript(vpncore::dnsRestoreScript(), vpncore::kDnsScriptLimit);
     // Always "true" is wanted: a failed restore shows in what networksetup printed, not here.
-    qDebug() << "check DNS result " << "true";
+    qDebug() << "check DNS result  true";
 }

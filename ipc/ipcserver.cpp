@@ -54,12 +54,10 @@ void IpcServer::logLifeOf(const ProcessDescriptor &descriptor)
     const QRemoteObjectHost *host = descriptor.serverNode.data();
     connect(descriptor.localServer.data(), &QObject::destroyed, this,
             [] { qDebug() << "IpcServer destroyed"; });
-    connect(host, &QRemoteObjectHost::error, this,
-            [](QRemoteObjectNode::ErrorCode code) {
-                qDebug() << "QRemoteObjectHost::error" << code;
-            });
-    connect(host, &QObject::destroyed, this,
-            [] { qDebug() << "QRemoteObjectHost::destroyed"; });
+    connect(host, &QRemoteObjectHost::error, this, [](QRemoteObjectNode::ErrorCode code) {
+        qDebug() << "QRemoteObjectHost::error" << code;
+    });
+    connect(host, &QObject::destroyed, this, [] { qDebug() << "QRemoteObjectHost::destroyed"; });
     connect(host, &QRemoteObjectHost::remoteObjectRemoved, this,
             [] { qDebug() << "QRemoteObjectHost::remoteObjectRemoved"; });
     connect(host, &QRemoteObjectHost::heartbeatIntervalChanged, this,

@@ -32,9 +32,11 @@ private:
     {
         explicit ProcessDescriptor(QObject *parent);
 
+        // Destroyed in reverse order. The host goes first: it tells its peers, through sockets
+        // that belong to the local server, that the manager is no longer there.
+        QSharedPointer<QLocalServer> localServer;
         QSharedPointer<ServiceInterfaceManager> ipcProcess;
         QSharedPointer<QRemoteObjectHost> serverNode;
-        QSharedPointer<QLocalServer> localServer;
     };
 
     void logLifeOf(const ProcessDescriptor &descriptor);

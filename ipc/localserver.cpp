@@ -23,9 +23,8 @@ LocalServer::LocalServer(QObject *parent)
     connect(m_server.data(), &QLocalServer::newConnection, this, &LocalServer::acceptConnection);
     connect(m_server.data(), &QObject::destroyed, this,
             [] { qDebug() << "LocalServer destroyed"; });
-    connect(&m_serverNode, &QRemoteObjectHost::remoteObjectRemoved, this, [] {
-        qDebug() << " QRemoteObjectHost::remoteObjectRemoved LocalServer destroyed";
-    });
+    connect(&m_serverNode, &QRemoteObjectHost::remoteObjectRemoved, this,
+            [] { qDebug() << " QRemoteObjectHost::remoteObjectRemoved LocalServer destroyed"; });
     connect(&m_serverNode, &QObject::destroyed, this,
             [] { qDebug() << " QRemoteObjectHost::destroyed LocalServer destroyed"; });
     connect(&m_serverNode, &QRemoteObjectHost::error, this,

@@ -31,7 +31,7 @@ inline QDataStream &operator<<(QDataStream &stream, const VpnServerInformation &
 inline QDataStream &operator>>(QDataStream &stream, VpnServerInformation &server)
 {
     return stream >> server.name >> server.id >> server.info >> server.host >> server.id
-           >> server.ca >> server.key >> server.cert >> server.udpPort >> server.tcpPort;
+        >> server.ca >> server.key >> server.cert >> server.udpPort >> server.tcpPort;
 }
 
 Q_DECLARE_METATYPE(VpnServerInformation)

@@ -10,7 +10,7 @@ QString runBashScript(const QString &script, std::chrono::milliseconds limit)
     QProcess bash;
     bash.start(QStringLiteral("/bin/bash"), {QStringLiteral("-c"), script});
     bash.waitForFinished(static_cast<int>(limit.count()));
-    const QString output = QString::fromUtf8(bash.readAllStandardOutput().constData());
+    QString output = QString::fromUtf8(bash.readAllStandardOutput().constData());
     qDebug() << output;
     bash.close();
     return output;

@@ -96,7 +96,7 @@ void MacPlatform::updateDns()
 {
     runBashScript(dnsRestoreScript(), kDnsScriptLimit);
     // Always "true" is wanted: a failed restore shows in what networksetup printed, not here.
-    qDebug() << "result output " << "true";
+    qDebug() << "result output  true";
 }
 
 bool MacPlatform::isEmptyDns()
@@ -110,7 +110,7 @@ void MacPlatform::cleanDns()
 {
     runBashScript(dnsClearingScript(), kDnsScriptLimit);
     // Always "true" is wanted, as in updateDns().
-    qDebug() << "result output " << "true";
+    qDebug() << "result output  true";
 }
 
 } // namespace vpncore

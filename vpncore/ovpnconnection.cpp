@@ -109,20 +109,19 @@ OperationResult OvpnConnection::connect(const VpnServerInformation &server,
 
 OperationResult OvpnConnection::connect(const QString &configText, const QString &protocolName)
 {
-    const OperationResult result = forceConnect(configText, protocolName);
+    OperationResult result = forceConnect(configText, protocolName);
     deleteConfigFile();
     return result;
 }
 
-OperationResult OvpnConnection::forceConnect(const QString &configText,
-                                             const QString &protocolName)
+OperationResult OvpnConnection::forceConnect(const QString &configText, const QString &protocolName)
 {
     QElapsedTimer request;
     request.start();
     bool retry = false;
     do {
         const quint64 ownDisconnect = disconnectCount + 1;
-        const OperationResult result = tryConnectOneTime(configText, protocolName, retry);
+        OperationResult result = tryConnectOneTime(configText, protocolName, retry);
         if (result.success || disconnectCount != ownDisconnect)
             return result;
         if (hasPassed(request, kRequestLimit))
@@ -212,8 +211,8 @@ bool OvpnConnection::writeConfigFile(QTemporaryFile &file, const QString &config
 void OvpnConnection::startOpenvpn()
 {
     const QString program = QCoreApplication::applicationDirPath() + QStringLiteral("/openvpn");
-    const QString command = QLatin1Char('"') + program
-        + QStringLiteral("\" --config \"%1\"").arg(configFileName);
+    const QString command =
+        QLatin1Char('"') + program + QStringLiteral("\" --config \"%1\"").arg(configFileName);
     qDebug() << program << command;
 
     process = std::make_unique<QProcess>();
@@ -282,8 +281,7 @@ OperationResult OvpnConnection::generateConfigText(ConnectionType &connectionTyp
 {
     // Two different tests are wanted: a type that is neither means UDP with the TCP port.
     const int port = connectionType == Udp ? server.udpPort : server.tcpPort;
-    const QString protocol =
-        connectionType == Tcp ? QStringLiteral("tcp") : QStringLiteral("udp");
+    const QString protocol = connectionType == Tcp ? QStringLiteral("tcp") : QStringLiteral("udp");
     configText = ovpnTemplate()
                      .arg(protocol, server.host, server.ca, server.cert, server.key)
                      .arg(port)

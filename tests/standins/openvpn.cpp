@@ -2,8 +2,8 @@
 ///
 ///     openvpn --config FILE
 ///
-/// The host in the configuration's `remote HOST PORT` line names the scenario (see kScenarios at the
-/// end); any other host plays "connects".
+/// The host in the configuration's `remote HOST PORT` line names the scenario (see kScenarios at
+/// the end); any other host plays "connects".
 ///
 /// It leaves its traces in ${TALVEX_STANDIN_STATE:-/var/root/stand-ins}/openvpn/:
 ///
@@ -52,7 +52,8 @@ constexpr std::size_t kFloodBytes = 64 * 1024 * 1024;
 constexpr unsigned int kChildSeconds = 60;
 
 /// SIGTERM has come; what happens then is the scenario's business.
-struct StopRequested {};
+struct StopRequested
+{};
 
 /// The process is to end by itself.
 struct Exit
@@ -77,14 +78,15 @@ public:
     void journal(const std::string &text) const
     {
         const std::string line = pid() + ' ' + text + '\n';
-        const int file = open(path("journal").c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
-        const bool written = file >= 0 && write(file, line.data(), line.size())
-                                              == static_cast<ssize_t>(line.size());
+        const int file =
+            open(path("journal").c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+        const bool written =
+            file >= 0 && write(file, line.data(), line.size()) == static_cast<ssize_t>(line.size());
         if (file >= 0)
             close(file);
         if (!written)
-            throw std::filesystem::filesystem_error("cannot write", path("journal"),
-                                                    std::error_code(errno, std::generic_category()));
+            throw std::filesystem::filesystem_error(
+                "cannot write", path("journal"), std::error_code(errno, std::generic_category()));
     }
 
     void keepConfiguration(const std::string &file, const std::string &text) const
@@ -134,8 +136,8 @@ struct Configuration
     std::string downScript;
 };
 
-/// "'/path with blanks/script'" without the two pairs of quotes, of which OpenVPN takes the outer ones
-/// off when it reads the line and the inner ones when it runs the script.
+/// "'/path with blanks/script'" without the two pairs of quotes, of which OpenVPN takes the outer
+/// ones off when it reads the line and the inner ones when it runs the script.
 std::string withoutQuotes(std::string text)
 {
     for (const char quote : {'"', '\''}) {
@@ -161,7 +163,8 @@ Configuration readConfiguration(const std::string &file)
     for (std::istringstream lines(configuration.text); std::getline(lines, line);) {
         const std::size_t blank = line.find(' ');
         const std::string directive = line.substr(0, blank);
-        const std::string value = blank == std::string::npos ? std::string() : line.substr(blank + 1);
+        const std::string value =
+            blank == std::string::npos ? std::string() : line.substr(blank + 1);
         if (directive == "remote")
             configuration.remoteHost = value.substr(0, value.find(' '));
         else if (directive == "up")
@@ -188,7 +191,8 @@ class Tunnel
 {
 public:
     Tunnel(const Traces &traces, Configuration configuration)
-        : m_traces(traces), m_configuration(std::move(configuration))
+        : m_traces(traces)
+        , m_configuration(std::move(configuration))
     {
         // A daemon that has gone must not end this process before SIGTERM does.
         std::signal(SIGPIPE, SIG_IGN);
@@ -206,15 +210,15 @@ public:
     const std::string &host() const { return m_configuration.remoteHost; }
     const Traces &traces() const { return m_traces; }
 
-    /// Writes the text, up to 4,096 bytes of it in one piece. Throws StopRequested when SIGTERM comes
-    /// before the reader has made room.
+    /// Writes the text, up to 4,096 bytes of it in one piece. Throws StopRequested when SIGTERM
+    /// comes before the reader has made room.
     void print(std::string_view text)
     {
         while (!text.empty()) {
             // There is room for PIPE_BUF bytes in a pipe that is ready, so the write cannot block.
             waitUntilWritable();
-            const ssize_t written = write(STDOUT_FILENO, text.data(),
-                                          std::min<std::size_t>(text.size(), PIPE_BUF));
+            const ssize_t written =
+                write(STDOUT_FILENO, text.data(), std::min<std::size_t>(text.size(), PIPE_BUF));
             if (written < 0)
                 return; // Nobody reads any more.
             text.remove_prefix(static_cast<std::size_t>(written));
@@ -226,7 +230,8 @@ public:
     {
         const auto deadline = std::chrono::steady_clock::now() + time;
         for (;;) {
-            const auto left = std::chrono::ceil<milliseconds>(deadline - std::chrono::steady_clock::now());
+            const auto left =
+                std::chrono::ceil<milliseconds>(deadline - std::chrono::steady_clock::now());
             if (left <= 0ms)
                 return;
             pollfd stop = {m_stopSignals, POLLIN, 0};
@@ -249,7 +254,8 @@ private:
     void waitUntilWritable()
     {
         std::array<pollfd, 2> files = {{{m_stopSignals, POLLIN, 0}, {STDOUT_FILENO, POLLOUT, 0}}};
-        while (poll(files.data(), files.size(), -1) < 0 && errno == EINTR) { }
+        while (poll(files.data(), files.size(), -1) < 0 && errno == EINTR) {
+        }
         if (files[0].revents)
             acceptStop();
     }
@@ -257,12 +263,13 @@ private:
     [[noreturn]] void acceptStop()
     {
         signalfd_siginfo signal = {};
-        while (read(m_stopSignals, &signal, sizeof signal) < 0 && errno == EINTR) { }
+        while (read(m_stopSignals, &signal, sizeof signal) < 0 && errno == EINTR) {
+        }
         throw StopRequested{};
     }
 
-    /// As OpenVPN does, with nothing in the environment but what it sets itself (and the place of the
-    /// stand-ins' traces). SIGTERM waits until the script has ended.
+    /// As OpenVPN does, with nothing in the environment but what it sets itself (and the place of
+    /// the stand-ins' traces). SIGTERM waits until the script has ended.
     bool runScript(const std::string &script, const char *type)
     {
         if (script.empty())
@@ -270,9 +277,11 @@ private:
 
         const std::string scriptType = std::string("script_type=") + type;
         const char *traces = std::getenv("TALVEX_STANDIN_STATE");
-        const std::string tracesVariable = std::string("TALVEX_STANDIN_STATE=") + (traces ? traces : "");
-        const std::array arguments = {script.c_str(), "tun0", "1500", "0", "10.8.0.2",
-                                      "255.255.255.0", "init", static_cast<const char *>(nullptr)};
+        const std::string tracesVariable =
+            std::string("TALVEX_STANDIN_STATE=") + (traces ? traces : "");
+        const std::array arguments = {
+            script.c_str(), "tun0",          "1500", "0",
+            "10.8.0.2",     "255.255.255.0", "init", static_cast<const char *>(nullptr)};
         const std::array variables = {"dev=tun0",
                                       scriptType.c_str(),
                                       "foreign_option_1=dhcp-option DNS 10.8.0.1",
@@ -288,7 +297,8 @@ private:
             _exit(127);
         }
         int status = -1;
-        while (child > 0 && waitpid(child, &status, 0) < 0 && errno == EINTR) { }
+        while (child > 0 && waitpid(child, &status, 0) < 0 && errno == EINTR) {
+        }
         return child > 0 && WIFEXITED(status) && WEXITSTATUS(status) == 0;
     }
 
@@ -330,7 +340,7 @@ void printSuccess(Tunnel &tunnel)
     tunnel.print(kSuccess);
 }
 
-void doNothing(Tunnel &) { }
+void doNothing(Tunnel &) {}
 
 void printLineEverySecond(Tunnel &tunnel)
 {
@@ -350,7 +360,8 @@ void splitMarker(Tunnel &tunnel)
 
 void printError(Tunnel &tunnel)
 {
-    tunnel.print("ERROR: Cannot open TUN/TAP dev /dev/net/tun: No such file or directory (errno=2)\n");
+    tunnel.print(
+        "ERROR: Cannot open TUN/TAP dev /dev/net/tun: No such file or directory (errno=2)\n");
 }
 
 void printWillRetry(Tunnel &tunnel)
@@ -360,7 +371,8 @@ void printWillRetry(Tunnel &tunnel)
 
 void printIpv6Error(Tunnel &tunnel)
 {
-    tunnel.print("ERROR: Linux ipv6 command failed: external program exited with error status: 2\n");
+    tunnel.print(
+        "ERROR: Linux ipv6 command failed: external program exited with error status: 2\n");
 }
 
 void printIpv6ErrorThenOthers(Tunnel &tunnel)
@@ -368,7 +380,8 @@ void printIpv6ErrorThenOthers(Tunnel &tunnel)
     printIpv6Error(tunnel);
     for (;;) {
         tunnel.wait(1s);
-        tunnel.print("ERROR: Linux route add command failed: external program exited with error status: 2\n");
+        tunnel.print("ERROR: Linux route add command failed: external program exited with error "
+                     "status: 2\n");
     }
 }
 
@@ -504,7 +517,8 @@ void stopSlowly(Tunnel &tunnel)
 
 using Act = void (*)(Tunnel &);
 
-/// After `start` the process stays until SIGTERM comes; then follow `stop` and the end with status 0.
+/// After `start` the process stays until SIGTERM comes; then follow `stop` and the end with status
+/// 0.
 struct Scenario
 {
     std::string_view host;
@@ -543,8 +557,9 @@ constexpr Scenario kScenarios[] = {
 
 const Scenario &scenarioFor(const std::string &host)
 {
-    const auto found = std::find_if(std::begin(kScenarios), std::end(kScenarios),
-                                    [&](const Scenario &scenario) { return scenario.host == host; });
+    const auto found =
+        std::find_if(std::begin(kScenarios), std::end(kScenarios),
+                     [&](const Scenario &scenario) { return scenario.host == host; });
     return found == std::end(kScenarios) ? kScenarios[0] : *found;
 }
 

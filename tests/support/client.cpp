@@ -2,6 +2,10 @@
 
 #include "ipc/ipcurls.h"
 
+#include <QtCore/QEventLoop>
+#include <QtCore/QTimer>
+#include <QtRemoteObjects/QRemoteObjectPendingCallWatcher>
+
 namespace {
 
 constexpr int kConnectLimitMs = 10'000;
@@ -28,10 +32,13 @@ bool Client::connectToMainSocket()
 
 int Client::createEndpoint()
 {
-    QRemoteObjectPendingReply<int> reply = m_main->createPrivilegedProcess();
-    if (!reply.waitForFinished(kConnectLimitMs))
-        return -2;
-    return reply.returnValue();
+    const QRemoteObjectPendingReply<int> reply = m_main->createPrivilegedProcess();
+    QRemoteObjectPendingCallWatcher watcher(reply);
+    QEventLoop loop;
+    connect(&watcher, &QRemoteObjectPendingCallWatcher::finished, &loop, &QEventLoop::quit);
+    QTimer::singleShot(kConnectLimitMs, &loop, &QEventLoop::quit);
+    loop.exec();
+    return reply.isFinished() ? reply.returnValue() : -2;
 }
 
 bool Client::attach(int endpoint)

@@ -33,7 +33,7 @@ bool isListening()
 DaemonProcess::DaemonProcess(Openvpn openvpn)
 {
     install(openvpn);
-    m_process.setProcessChannelMode(QProcess::SeparateChannels);
+    m_process.setReadChannel(QProcess::StandardError); // which waitForReadyRead() then waits for
     connect(&m_process, &QProcess::readyReadStandardError, this,
             [this] { m_log += m_process.readAllStandardError(); });
 }
@@ -48,7 +48,8 @@ void DaemonProcess::install(Openvpn openvpn)
     QDir().mkpath(programFolder());
     QDir().mkpath(kBundle + QStringLiteral("/Resources"));
     mustCopy(QStringLiteral(TALVEX_DAEMON), programFolder() + QStringLiteral("/talvexvpnd"));
-    for (const QString &script : {QStringLiteral("update_conf_up"), QStringLiteral("update_conf_down")}) {
+    for (const QString &script :
+         {QStringLiteral("update_conf_up"), QStringLiteral("update_conf_down")}) {
         mustCopy(QStringLiteral(TALVEX_RESOURCES "/") + script,
                  kBundle + QStringLiteral("/Resources/") + script);
     }

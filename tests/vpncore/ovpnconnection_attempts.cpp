@@ -10,8 +10,7 @@ using vpncore::OvpnConnection;
 
 namespace {
 
-const QString kAttemptFailed =
-    QStringLiteral("warning.can_not_open_vpn_check_is_admin_granted");
+const QString kAttemptFailed = QStringLiteral("warning.can_not_open_vpn_check_is_admin_granted");
 const QString kTimeOut = QStringLiteral("warning.open_vpn_connection_time_out");
 const QString kNoResponse = QStringLiteral("warning.open_vpn_server_does_not_respond");
 const QString kCannotStart = QStringLiteral("warning.open_vpn_running_fails_check_apps");
@@ -75,12 +74,13 @@ private Q_SLOTS:
     {
         QVERIFY(connectTo(QStringLiteral("prints-at-once-success")).success);
         const QStringList lines = m_log->lines();
-        QVERIFY(m_log->lines(QtWarningMsg).contains(
-            QStringLiteral("Resources folder doesn't exist")));
+        QVERIFY(
+            m_log->lines(QtWarningMsg).contains(QStringLiteral("Resources folder doesn't exist")));
 
         const int start = lines.indexOf(kSeparator);
         QVERIFY(start >= 0);
-        const QString configName = lines.at(start + 1).section(QStringLiteral("--config \\\""), 1)
+        const QString configName = lines.at(start + 1)
+                                       .section(QStringLiteral("--config \\\""), 1)
                                        .section(QLatin1Char('\\'), 0, 0);
         QVERIFY(!configName.isEmpty());
         const QString quoted = QLatin1Char('"') + programPath() + QLatin1Char('"');
@@ -121,8 +121,8 @@ private Q_SLOTS:
 
     void tcpUsesItsPortAndName()
     {
-        QVERIFY(m_connection->connectTcp(serverFor(QStringLiteral("prints-at-once-success")))
-                    .success);
+        QVERIFY(
+            m_connection->connectTcp(serverFor(QStringLiteral("prints-at-once-success"))).success);
         const QByteArray config = standins::configurationOf(standins::openvpnStarts().first());
         QVERIFY(config.contains("proto tcp\nremote prints-at-once-success 443\n"));
     }
@@ -259,7 +259,6 @@ private Q_SLOTS:
     void missingProgramFailsAtOnce()
     {
         // The executable moves to a folder of its own that has no openvpn.
-        OperationResult result;
         QProcess self;
         self.start(QStringLiteral("/bin/bash"),
                    {QStringLiteral("-c"),
@@ -335,12 +334,30 @@ private Q_SLOTS:
 
     void configurationThatCannotBeCreatedIsReported()
     {
-        QVERIFY(qputenv("TMPDIR", "/var/root/no-such-folder"));
+        qputenv("TMPDIR", "/usr"); // which is read-only
         const OperationResult result = connectTo(QStringLiteral("prints-at-once-success"));
-        qunsetenv("TMPDIR");
         QVERIFY(!result.success);
         QCOMPARE(result.message, QStringLiteral("label.can_not_create_config_for_open_vpn"));
         QCOMPARE(standins::openvpnStarts().size(), 0);
+    }
+
+    void configurationThatDoesNotFitOnTheDiskIsReportedAndRemoved()
+    {
+        const QString disk = QStringLiteral("/tmp/disk");
+        QVERIFY(QDir().mkdir(disk));
+        QCOMPARE(
+            QProcess::execute(QStringLiteral("mount"),
+                              {QStringLiteral("-t"), QStringLiteral("tmpfs"), QStringLiteral("-o"),
+                               QStringLiteral("size=4k"), QStringLiteral("tmpfs"), disk}),
+            0);
+        qputenv("TMPDIR", disk.toLatin1());
+        const QString text = QStringLiteral("remote prints-at-once-success 1\n")
+            + QString(20'000, QLatin1Char('#')) + QLatin1Char('\n');
+        const OperationResult result = m_connection->connect(text, QStringLiteral("UDP"));
+        QVERIFY(!result.success);
+        QCOMPARE(result.message, QStringLiteral("label.can_not_create_config_for_open_vpn"));
+        QCOMPARE(standins::openvpnStarts().size(), 0);
+        QCOMPARE(QDir(disk).entryList(QDir::Files | QDir::Hidden), QStringList());
     }
 
     void secondConnectReplacesTheFirstTunnel()
@@ -424,10 +441,7 @@ private Q_SLOTS:
         QVERIFY(timer.elapsed() < 2'000);
     }
 
-    void floodBeforeTheVerdictIsRead()
-    {
-        QVERIFY(connectTo(QStringLiteral("flood")).success);
-    }
+    void floodBeforeTheVerdictIsRead() { QVERIFY(connectTo(QStringLiteral("flood")).success); }
 
     void destructionStopsTheTunnel()
     {

@@ -11,8 +11,7 @@ using vpncore::OvpnConnection;
 
 namespace {
 
-const QString kAttemptFailed =
-    QStringLiteral("warning.can_not_open_vpn_check_is_admin_granted");
+const QString kAttemptFailed = QStringLiteral("warning.can_not_open_vpn_check_is_admin_granted");
 
 VpnServerInformation silent()
 {
@@ -83,9 +82,8 @@ private Q_SLOTS:
     /// The outer request is beyond its 16 seconds when the nested one has come up.
     void overtakenRequestDoesNotStopTheNewerTunnelWhenItsTimeIsUp()
     {
-        nest(5'000, [this] {
-            return m_connection.connectUdp(serverFor(QStringLiteral("late-success")));
-        });
+        nest(5'000,
+             [this] { return m_connection.connectUdp(serverFor(QStringLiteral("late-success"))); });
         QElapsedTimer timer;
         timer.start();
         const OperationResult result = m_connection.connectUdp(silent());
