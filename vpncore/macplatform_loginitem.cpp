@@ -3,6 +3,7 @@
 
 #include <QtCore/QDebug>
 #include <QtCore/QFile>
+#include <QtCore/QFileInfo>
 #include <QtCore/QTextStream>
 
 namespace vpncore {
@@ -24,7 +25,8 @@ const char kDeleteCommand[] =
 /// command line that runs it. The quotes in the commands are a shell's, and the callers split
 /// command lines by other rules; hence the file.
 ///
-/// Without the right to write there is no new file, and the command line runs what is there.
+/// Without the right to write there is no new file, and the command line runs what is there; when
+/// nothing is, it cannot be started.
 QString writeScript(const QString &fileName, const QString &command)
 {
     QFile file(fileName);
@@ -35,7 +37,11 @@ QString writeScript(const QString &fileName, const QString &command)
         file.close();
     }
     executeCommandLine(QStringLiteral("chmod +x %1").arg(fileName));
-    return QStringLiteral("./%1").arg(fileName);
+
+    const QString script = QStringLiteral("./%1").arg(fileName);
+    // The kernel starts no file without a "#!" line (ENOEXEC), and neither does QProcess. A shell
+    // that is given its name does, as execvp(3) would.
+    return QFileInfo(script).isExecutable() ? QStringLiteral("/bin/sh -c %1").arg(script) : script;
 }
 
 } // namespace

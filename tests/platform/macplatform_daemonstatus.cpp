@@ -51,14 +51,14 @@ private Q_SLOTS:
     void aRunningDaemonIsLoaded()
     {
         DaemonProcess daemon;
-        QVERIFY(daemon.start());
+        QVERIFY(daemon.startOnly());
         QVERIFY(MacPlatform::isDemonLoad());
     }
 
     void aDaemonThatHasEndedIsNotLoaded()
     {
         DaemonProcess daemon;
-        QVERIFY(daemon.start());
+        QVERIFY(daemon.startOnly());
         QVERIFY(MacPlatform::isDemonLoad());
         daemon.kill();
         QVERIFY(!MacPlatform::isDemonLoad());
@@ -67,7 +67,7 @@ private Q_SLOTS:
     void theProcessThatWasFoundIsLoggedInQuotes()
     {
         DaemonProcess daemon;
-        QVERIFY(daemon.start());
+        QVERIFY(daemon.startOnly());
         LogCapture log;
         MacPlatform::isDemonLoad();
         const QStringList lines = log.lines(QtDebugMsg);
