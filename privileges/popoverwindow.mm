@@ -9,7 +9,8 @@
 
 #include <chrono>
 
-// Built without automatic reference counting: what is allocated here is released here.
+// Built without automatic reference counting: what is allocated here is released here. Callers need
+// no autorelease pool, and NSLog wants one: hence the pool in every operation.
 
 namespace {
 
@@ -83,65 +84,69 @@ bool PopoverWindow::runAppScript(QString const &command, QString const &)
 
 bool PopoverWindow::runC(QString const &toolPath, QString const &argument)
 {
-    AuthorizationRef authorization = nullptr;
-    OSStatus status = AuthorizationCreate(nullptr, kAuthorizationEmptyEnvironment,
-                                          kAuthorizationFlagDefaults, &authorization);
-    if (status != errAuthorizationSuccess) {
-        NSLog(@"Error Creating Initial Authorization: %d", status);
-        return false;
+    @autoreleasepool {
+        AuthorizationRef authorization = nullptr;
+        OSStatus status = AuthorizationCreate(nullptr, kAuthorizationEmptyEnvironment,
+                                              kAuthorizationFlagDefaults, &authorization);
+        if (status != errAuthorizationSuccess) {
+            NSLog(@"Error Creating Initial Authorization: %d", status);
+            return false;
+        }
+
+        AuthorizationItem item = {kAdministratorRight, 0, nullptr, 0};
+        const AuthorizationRights rights = {1, &item};
+        status = AuthorizationCopyRights(authorization, &rights, kAuthorizationEmptyEnvironment,
+                                         kAuthorizationFlagInteractionAllowed
+                                             | kAuthorizationFlagExtendRights
+                                             | kAuthorizationFlagPreAuthorize,
+                                         nullptr);
+        // A failure from here on leaves the authorization allocated. That is wanted; macOS frees it
+        // when the process ends.
+        if (status != errAuthorizationSuccess) {
+            NSLog(@"Copy Rights Unsuccessful: %d", status);
+            qDebug() << "Copy Rights Unsuccessful: " << status;
+            return false;
+        }
+
+        QByteArray localToolPath = toolPath.toLocal8Bit();
+        QByteArray localArgument = argument.toLocal8Bit();
+        // The path comes again as an argument; the tool expects its own argument in second place.
+        char *const arguments[] = {localToolPath.data(), localArgument.data(), nullptr};
+        qDebug() << "runC" << " Path to app" << toolPath;
+        qDebug() << "Current tool: " << toolPath;
+        // The address and not the texts: an argument may be a secret.
+        qDebug() << "Current args: " << static_cast<const void *>(arguments);
+
+        status = startTool(authorization, localToolPath.constData(), arguments);
+        if (status != errAuthorizationSuccess) {
+            qDebug() << "Error: " << status;
+            NSLog(@"Error: %d", status);
+            return false;
+        }
+
+        qDebug() << "Current status: " << status;
+        vpncore::waitUntil(kToolStartTime);
+        AuthorizationFree(authorization, kAuthorizationFlagDestroyRights);
+        return true;
     }
-
-    AuthorizationItem item = {kAdministratorRight, 0, nullptr, 0};
-    const AuthorizationRights rights = {1, &item};
-    status = AuthorizationCopyRights(authorization, &rights, kAuthorizationEmptyEnvironment,
-                                     kAuthorizationFlagInteractionAllowed
-                                         | kAuthorizationFlagExtendRights
-                                         | kAuthorizationFlagPreAuthorize,
-                                     nullptr);
-    // A failure from here on leaves the authorization allocated. That is wanted; macOS frees it
-    // when the process ends.
-    if (status != errAuthorizationSuccess) {
-        NSLog(@"Copy Rights Unsuccessful: %d", status);
-        qDebug() << "Copy Rights Unsuccessful: " << status;
-        return false;
-    }
-
-    QByteArray localToolPath = toolPath.toLocal8Bit();
-    QByteArray localArgument = argument.toLocal8Bit();
-    // The path comes again as an argument; the tool expects its own argument in second place.
-    char *const arguments[] = {localToolPath.data(), localArgument.data(), nullptr};
-    qDebug() << "runC" << " Path to app" << toolPath;
-    qDebug() << "Current tool: " << toolPath;
-    // The address and not the texts: an argument may be a secret.
-    qDebug() << "Current args: " << static_cast<const void *>(arguments);
-
-    status = startTool(authorization, localToolPath.constData(), arguments);
-    if (status != errAuthorizationSuccess) {
-        qDebug() << "Error: " << status;
-        NSLog(@"Error: %d", status);
-        return false;
-    }
-
-    qDebug() << "Current status: " << status;
-    vpncore::waitUntil(kToolStartTime);
-    AuthorizationFree(authorization, kAuthorizationFlagDestroyRights);
-    return true;
 }
 
 bool PopoverWindow::chechAdmin()
 {
-    const QByteArray path = QStringLiteral("TalvexVPN").toLocal8Bit();
-    qDebug() << "PopoverWindow::chechAdmin()";
+    @autoreleasepool {
+        const QByteArray path = QStringLiteral("TalvexVPN").toLocal8Bit();
+        qDebug() << "PopoverWindow::chechAdmin()";
 
-    // No authorization is wanted: the answer to a call without one is what is reported.
-    const AuthorizationRef noAuthorization = nullptr;
-    char *const noArguments[] = {nullptr};
-    const OSStatus status = startTool(noAuthorization, path.constData(), noArguments);
-    if (status != errAuthorizationSuccess) {
-        NSLog(@"ChechAdmin......FALSE");
-        NSLog(@"Error: %d", status);
-        return false;
+        // No authorization is wanted: the answer to a call without one is what is reported.
+        const AuthorizationRef noAuthorization = nullptr;
+        char *const noArguments[] = {nullptr};
+        const OSStatus status = startTool(noAuthorization, path.constData(), noArguments);
+        if (status != errAuthorizationSuccess) {
+            NSLog(@"ChechAdmin......FALSE");
+            NSLog(@"Error: %d", status);
+            return false;
+        }
+        NSLog(@"ChechAdmin......TRUE");
+        return true;
     }
-    NSLog(@"ChechAdmin......TRUE");
-    return true;
 }
