@@ -30,9 +30,9 @@ const QLatin1String kOvpnUdp("ovpnUdp");
 } // namespace
 
 ServiceInterfaceManager::ServiceInterfaceManager(QObject *parent)
-    // Never deleted: a running tunnel, and the connection that holds it, outlive the manager.
     : ServiceInterfaceManager(new vpncore::OvpnConnection, parent)
 {
+    ownConnection.reset(static_cast<vpncore::OvpnConnection *>(ovpnConnection));
 }
 
 ServiceInterfaceManager::ServiceInterfaceManager(vpncore::IOvpnConnection *connection,
@@ -50,6 +50,8 @@ ServiceInterfaceManager::ServiceInterfaceManager(vpncore::IOvpnConnection *conne
 ServiceInterfaceManager::~ServiceInterfaceManager()
 {
     livenessTimer->stop();
+    if (ownConnection && ownConnection->hasProcess())
+        ownConnection.release();
 }
 
 void ServiceInterfaceManager::vpn_command(const QString &message,

@@ -4,11 +4,14 @@
 
 #include <QtCore/QQueue>
 
+#include <memory>
+
 class QTimer;
 
 namespace vpncore {
 class IOvpnConnection;
-}
+class OvpnConnection;
+} // namespace vpncore
 
 /// Decodes a client's commands, drives its OpenVPN connection and answers; one for each client.
 ///
@@ -32,7 +35,7 @@ public:
     /// @param connection what the commands act on; not owned, and used as long as this lives.
     ServiceInterfaceManager(vpncore::IOvpnConnection *connection, QObject *parent);
 
-    /// Leaves the connection alone: a tunnel that is up stays up.
+    /// Leaves a tunnel that is up as it is: it outlives the manager, and with it the connection.
     ~ServiceInterfaceManager() override;
 
     /// Executes one command and answers it. The event loop turns until the command is done (16 s
@@ -77,6 +80,8 @@ private:
     void scheduleNextCommand();
     void runNextCommand();
     void endOvertakenAttempt();
+
+    std::unique_ptr<vpncore::OvpnConnection> ownConnection;
 
     QTimer *livenessTimer;
     vpncore::IOvpnConnection *ovpnConnection;

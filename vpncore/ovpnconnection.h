@@ -46,6 +46,10 @@ public:
     /// @return success, always.
     OperationResult disconnect() override;
 
+    /// @return whether there is an `openvpn` process, or one that has ended since the last
+    ///         disconnect().
+    bool hasProcess() const { return process != nullptr; }
+
     /// Connects to a server; see forceConnect() for results and limits.
     /// @param connectionType chooses the transport and which of the two ports is used.
     OperationResult connect(const VpnServerInformation &server, ConnectionType connectionType);

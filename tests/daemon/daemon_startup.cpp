@@ -33,9 +33,10 @@ private Q_SLOTS:
         DaemonProcess daemon;
         QVERIFY(daemon.startOnly());
         QTRY_VERIFY(QFile::exists(shared::getIpcServiceUrl()));
-        QCOMPARE(daemon.log(),
-                 (QStringList{QStringLiteral("\"/var/root/Library/Preferences/talvexvpnd/data\""),
-                              QStringLiteral("\"\""), QStringLiteral("check DNS result  true")}));
+        QTRY_COMPARE(
+            daemon.log(),
+            (QStringList{QStringLiteral("\"/var/root/Library/Preferences/talvexvpnd/data\""),
+                         QStringLiteral("\"\""), QStringLiteral("check DNS result  true")}));
         QVERIFY(QDir(standins::dataFolder()).exists());
     }
 
@@ -44,7 +45,7 @@ private Q_SLOTS:
         QVERIFY(QDir().mkpath(standins::dataFolder()));
         DaemonProcess daemon;
         QVERIFY(daemon.startOnly());
-        QTRY_VERIFY(QFile::exists(shared::getIpcServiceUrl()));
+        QTRY_COMPARE(daemon.count(QStringLiteral("check DNS result  true")), 1);
         QCOMPARE(daemon.count(QStringLiteral("Directory isn't created")), 0);
     }
 
@@ -55,7 +56,7 @@ private Q_SLOTS:
         DaemonProcess daemon;
         QVERIFY(daemon.startOnly());
         QTRY_VERIFY(QFile::exists(shared::getIpcServiceUrl()));
-        QCOMPARE(daemon.log().value(1), QStringLiteral("Directory isn't created"));
+        QTRY_COMPARE(daemon.log().value(1), QStringLiteral("Directory isn't created"));
         Client client;
         QVERIFY(client.attachToNewEndpoint());
     }
@@ -94,7 +95,7 @@ private Q_SLOTS:
         DaemonProcess daemon;
         QVERIFY(daemon.startOnly());
         QTRY_VERIFY(QFile::exists(shared::getIpcServiceUrl()));
-        QCOMPARE(daemon.count(QStringLiteral("check DNS result  true")), 1);
+        QTRY_COMPARE(daemon.count(QStringLiteral("check DNS result  true")), 1);
     }
 
     void secondDaemonLogsAndIdlesWhileTheFirstServesOn()
@@ -168,16 +169,6 @@ private Q_SLOTS:
         daemon.setWrapper({QStringLiteral("/bin/bash"), QStringLiteral("-c"),
                            QStringLiteral("exec \"$0\" --help --version nonsense")});
         QVERIFY(daemon.start());
-    }
-
-    void everyLineIsOnStandardErrorInQtsDefaultForm()
-    {
-        // No time, no level: the file format of messageHandler() is not in use.
-        DaemonProcess daemon;
-        QVERIFY(daemon.start());
-        Client client;
-        QVERIFY(client.attachToNewEndpoint());
-        QTRY_COMPARE(daemon.count(QStringLiteral("IpcServer new connection")), 1);
     }
 };
 
