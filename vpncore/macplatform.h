@@ -61,8 +61,8 @@ public:
     ///
     /// @return success when the tool made the service, whatever the dialling did; otherwise a
     ///         failure with the key "warning.l2tp_connection_fail", or its translation.
-    OperationResult connectL2tp(const QString &server, const QString &user,
-                                const QString &password, const QString &sharedSecret) override;
+    OperationResult connectL2tp(const QString &server, const QString &user, const QString &password,
+                                const QString &sharedSecret) override;
 
     /// Reads no argument and does nothing.
     /// @return success, always.

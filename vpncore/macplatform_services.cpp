@@ -64,11 +64,8 @@ OperationResult MacPlatform::connectL2tp(const QString &server, const QString &u
     disconnect();
 
     // One substitution after another is wanted: a marker inside an earlier value is filled too.
-    const QString command = QString::fromLatin1(kCreateCommand)
-                                .arg(server)
-                                .arg(user)
-                                .arg(password)
-                                .arg(sharedSecret);
+    const QString command =
+        QString::fromLatin1(kCreateCommand).arg(server).arg(user).arg(password).arg(sharedSecret);
     QString output;
     if (runProcess(command, kToolLimit, output) != 0
         || !output.contains(QLatin1String("Finished without errors")))

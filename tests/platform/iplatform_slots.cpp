@@ -46,15 +46,9 @@ private Q_SLOTS:
         QCOMPARE(slotOf(&IPlatform::turnOnNetDevices), 14);
     }
 
-    void destructorTakesNoSlot()
-    {
-        QVERIFY(!std::has_virtual_destructor_v<IPlatform>);
-    }
+    void destructorTakesNoSlot() { QVERIFY(!std::has_virtual_destructor_v<IPlatform>); }
 
-    void interfaceHasNoData()
-    {
-        QCOMPARE(sizeof(IPlatform), sizeof(void *));
-    }
+    void interfaceHasNoData() { QCOMPARE(sizeof(IPlatform), sizeof(void *)); }
 };
 
 QTEST_APPLESS_MAIN(IPlatformSlots)

@@ -24,10 +24,7 @@ class MacPlatformDaemonStatus : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void cleanup()
-    {
-        QFile::remove(kPlist);
-    }
+    void cleanup() { QFile::remove(kPlist); }
 
     void withoutThePropertyListTheDaemonIsNotInstalled()
     {
@@ -45,7 +42,8 @@ private Q_SLOTS:
     {
         LogCapture log;
         QVERIFY(!MacPlatform::isDemonLoad());
-        QCOMPARE(log.lines(), (QStringList{QStringLiteral("\"\""), QStringLiteral("result output  false")}));
+        QCOMPARE(log.lines(),
+                 (QStringList{QStringLiteral("\"\""), QStringLiteral("result output  false")}));
     }
 
     void aRunningDaemonIsLoaded()
@@ -74,15 +72,17 @@ private Q_SLOTS:
         QCOMPARE(lines.size(), 2);
         QVERIFY(lines[0].startsWith(QLatin1String("\"root ")));
         QVERIFY(lines[0].contains(QStringLiteral(" %1 ").arg(daemon.pid())));
-        QVERIFY(lines[0].endsWith(QLatin1String("/Applications/Talvex VPN.app/Contents/MacOS/talvexvpnd\\n\"")));
+        QVERIFY(lines[0].endsWith(
+            QLatin1String("/Applications/Talvex VPN.app/Contents/MacOS/talvexvpnd\\n\"")));
         QCOMPARE(lines[1], QStringLiteral("result output  true"));
     }
 
     void aProcessWithTheNameAmongItsArgumentsCounts()
     {
         QProcess other;
-        other.start(QStringLiteral("/bin/bash"),
-                    {QStringLiteral("-c"), QStringLiteral("read line"), QStringLiteral("talvexvpnd.log")});
+        other.start(
+            QStringLiteral("/bin/bash"),
+            {QStringLiteral("-c"), QStringLiteral("read line"), QStringLiteral("talvexvpnd.log")});
         QVERIFY(other.waitForStarted());
         QVERIFY(MacPlatform::isDemonLoad());
         other.kill();
@@ -92,8 +92,9 @@ private Q_SLOTS:
     void aProcessWithTheNameInCapitalsDoesNotCount()
     {
         QProcess other;
-        other.start(QStringLiteral("/bin/bash"),
-                    {QStringLiteral("-c"), QStringLiteral("read line"), QStringLiteral("TalvexVpnd")});
+        other.start(
+            QStringLiteral("/bin/bash"),
+            {QStringLiteral("-c"), QStringLiteral("read line"), QStringLiteral("TalvexVpnd")});
         QVERIFY(other.waitForStarted());
         QVERIFY(!MacPlatform::isDemonLoad());
         other.kill();

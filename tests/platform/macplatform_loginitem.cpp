@@ -81,10 +81,7 @@ private Q_SLOTS:
         QVERIFY(QDir::setCurrent(m_folder->path()));
     }
 
-    void withoutTheItemItDoesNotRunOnStart()
-    {
-        QVERIFY(!m_platform.isRunOnStart());
-    }
+    void withoutTheItemItDoesNotRunOnStart() { QVERIFY(!m_platform.isRunOnStart()); }
 
     void anAddedItemRunsOnStart()
     {
@@ -103,13 +100,15 @@ private Q_SLOTS:
     {
         m_platform.setRunOnStart(true);
         QCOMPARE(standins::stateLines(kItems),
-                 QStringList{QStringLiteral("TalvexVPN\t%1\tfalse").arg(MacPlatform::applicationPath())});
+                 QStringList{
+                     QStringLiteral("TalvexVPN\t%1\tfalse").arg(MacPlatform::applicationPath())});
     }
 
     void itemsOfOtherApplicationsDoNotCount()
     {
-        standins::setState(kItems, "Notes\t/Applications/Notes.app\tfalse\n"
-                                   "talvexvpn\t/Applications/Other.app\tfalse\n");
+        standins::setState(kItems,
+                           "Notes\t/Applications/Notes.app\tfalse\n"
+                           "talvexvpn\t/Applications/Other.app\tfalse\n");
         QVERIFY(!m_platform.isRunOnStart());
     }
 
@@ -121,8 +120,9 @@ private Q_SLOTS:
 
     void deletingLeavesAnItemWhoseNameOnlyBeginsWithTheRightOne()
     {
-        standins::setState(kItems, "TalvexVPN Helper\t/Applications/Helper.app\ttrue\n"
-                                   "TalvexVPN\t/Applications/Talvex VPN.app\tfalse\n");
+        standins::setState(kItems,
+                           "TalvexVPN Helper\t/Applications/Helper.app\ttrue\n"
+                           "TalvexVPN\t/Applications/Talvex VPN.app\tfalse\n");
         m_platform.setRunOnStart(false);
         QCOMPARE(standins::stateLines(kItems),
                  QStringList{QStringLiteral("TalvexVPN Helper\t/Applications/Helper.app\ttrue")});
@@ -150,11 +150,13 @@ private Q_SLOTS:
 
     void theListingIsLoggedInQuotesAfterTwoBlanks()
     {
-        standins::setState(kItems, "Notes\t/Applications/Notes.app\tfalse\n"
-                                   "TalvexVPN\t/Applications/Talvex VPN.app\tfalse\n");
+        standins::setState(kItems,
+                           "Notes\t/Applications/Notes.app\tfalse\n"
+                           "TalvexVPN\t/Applications/Talvex VPN.app\tfalse\n");
         LogCapture log;
         m_platform.isRunOnStart();
-        QCOMPARE(log.lines(), QStringList{QStringLiteral("--- Console Output  \"Notes, TalvexVPN\\n\"")});
+        QCOMPARE(log.lines(),
+                 QStringList{QStringLiteral("--- Console Output  \"Notes, TalvexVPN\\n\"")});
         QCOMPARE(log.lines(QtDebugMsg).size(), 1);
     }
 
@@ -247,8 +249,9 @@ private Q_SLOTS:
         QVERIFY(QDir().mkpath(folder));
         QVERIFY(QFile::copy(QStringLiteral(TALVEX_PROBE), folder + QStringLiteral("/probe")));
         QCOMPARE(QProcess::execute(folder + QStringLiteral("/probe"), {}), 0);
-        QCOMPARE(standins::calls(kTool),
-                 QVector<QStringList>{osascript(kAddStatement.arg(QStringLiteral("//Talvex VPN.app")))});
+        QCOMPARE(
+            standins::calls(kTool),
+            QVector<QStringList>{osascript(kAddStatement.arg(QStringLiteral("//Talvex VPN.app")))});
         QCOMPARE(standins::stateLines(kItems),
                  QStringList{QStringLiteral("TalvexVPN\t//Talvex VPN.app\tfalse")});
     }

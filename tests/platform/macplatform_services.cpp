@@ -27,10 +27,18 @@ const QStringList kDialCall{QStringLiteral("-connectpppoeservice"), kDialled};
 QStringList createCall(const QString &server, const QString &user, const QString &password,
                        const QString &sharedSecret)
 {
-    return {QStringLiteral("create"),     QStringLiteral("--l2tp"),          kDialled,
-            QStringLiteral("--endpoint"), server,                            QStringLiteral("--username"),
-            user,                         QStringLiteral("--password"),      password,
-            QStringLiteral("--shared-secret"), sharedSecret,                 QStringLiteral("--force")};
+    return {QStringLiteral("create"),
+            QStringLiteral("--l2tp"),
+            kDialled,
+            QStringLiteral("--endpoint"),
+            server,
+            QStringLiteral("--username"),
+            user,
+            QStringLiteral("--password"),
+            password,
+            QStringLiteral("--shared-secret"),
+            sharedSecret,
+            QStringLiteral("--force")};
 }
 
 /// The moment when a file of the stand-ins' state was written for the last time.
@@ -48,7 +56,8 @@ public:
 
     QString translate(const char *, const char *key, const char *, int) const override
     {
-        return kL2tpFailed == QLatin1String(key) ? QStringLiteral("L2TP ist gescheitert.") : QString();
+        return kL2tpFailed == QLatin1String(key) ? QStringLiteral("L2TP ist gescheitert.")
+                                                 : QString();
     }
 };
 
@@ -123,8 +132,8 @@ private Q_SLOTS:
 
     void ikev2SucceedsWithoutDoingAnything()
     {
-        compareSuccess(m_platform.connectIKEv2(QStringLiteral("vpn.example"), QStringLiteral("anna"),
-                                               QStringLiteral("secret")));
+        compareSuccess(m_platform.connectIKEv2(QStringLiteral("vpn.example"),
+                                               QStringLiteral("anna"), QStringLiteral("secret")));
         QCOMPARE(standins::calls(kNetworksetup), QVector<QStringList>());
         QCOMPARE(standins::calls(kMacosvpn), QVector<QStringList>());
     }
@@ -157,8 +166,10 @@ private Q_SLOTS:
         compareSuccess(m_platform.turnOffInternet());
         QCOMPARE(standins::calls(kIfconfig),
                  (QVector<QStringList>{{QStringLiteral("en0"), QStringLiteral("down")}}));
-        QCOMPARE(standins::stateLines(QStringLiteral("ifconfig/en0")), QStringList{QStringLiteral("down")});
-        QCOMPARE(standins::stateLines(QStringLiteral("ifconfig/en1")), QStringList{QStringLiteral("up")});
+        QCOMPARE(standins::stateLines(QStringLiteral("ifconfig/en0")),
+                 QStringList{QStringLiteral("down")});
+        QCOMPARE(standins::stateLines(QStringLiteral("ifconfig/en1")),
+                 QStringList{QStringLiteral("up")});
     }
 
     void killSwitchBringsTheOneInterfaceUp()
@@ -170,8 +181,10 @@ private Q_SLOTS:
         QVERIFY(done);
         QCOMPARE(standins::calls(kIfconfig),
                  (QVector<QStringList>{{QStringLiteral("en0"), QStringLiteral("up")}}));
-        QCOMPARE(standins::stateLines(QStringLiteral("ifconfig/en0")), QStringList{QStringLiteral("up")});
-        QCOMPARE(standins::stateLines(QStringLiteral("ifconfig/en1")), QStringList{QStringLiteral("down")});
+        QCOMPARE(standins::stateLines(QStringLiteral("ifconfig/en0")),
+                 QStringList{QStringLiteral("up")});
+        QCOMPARE(standins::stateLines(QStringLiteral("ifconfig/en1")),
+                 QStringList{QStringLiteral("down")});
     }
 
     void killSwitchSucceedsWhenTheInterfaceIsMissing()
@@ -201,7 +214,8 @@ private Q_SLOTS:
         QVERIFY(!m_platform.haveDisabledNetDevicesByKillSwitch());
         QVERIFY(!m_platform.turnOnNetDevices());
         QCOMPARE(standins::calls(kIfconfig).size(), 1);
-        QCOMPARE(standins::stateLines(QStringLiteral("ifconfig/en0")), QStringList{QStringLiteral("down")});
+        QCOMPARE(standins::stateLines(QStringLiteral("ifconfig/en0")),
+                 QStringList{QStringLiteral("down")});
     }
 
     void l2tpPausesBeforeItDialsTheNewServiceAndAfterwards()
@@ -227,9 +241,10 @@ private Q_SLOTS:
         QCOMPARE(standins::calls(kNetworksetup).mid(0, 2),
                  (QVector<QStringList>{kHangUpCall, kRemoveCall}));
         QCOMPARE(standins::calls(kNetworksetup).last(), kDialCall);
-        QCOMPARE(standins::calls(kMacosvpn),
-                 QVector<QStringList>{createCall(QStringLiteral("vpn.example"), QStringLiteral("anna"),
-                                                 QStringLiteral("secret"), QStringLiteral("shared"))});
+        QCOMPARE(
+            standins::calls(kMacosvpn),
+            QVector<QStringList>{createCall(QStringLiteral("vpn.example"), QStringLiteral("anna"),
+                                            QStringLiteral("secret"), QStringLiteral("shared"))});
     }
 
     void l2tpBlocksTimersInItsPauses()
@@ -320,31 +335,34 @@ private Q_SLOTS:
     void passwordWithABlankStaysOneArgument()
     {
         QCOMPARE(failingToolCalls(QStringLiteral("two words")),
-                 QVector<QStringList>{createCall(QStringLiteral("vpn.example"), QStringLiteral("anna"),
-                                                 QStringLiteral("two words"), QStringLiteral("shared"))});
+                 QVector<QStringList>{
+                     createCall(QStringLiteral("vpn.example"), QStringLiteral("anna"),
+                                QStringLiteral("two words"), QStringLiteral("shared"))});
     }
 
     void passwordWithAMarkerIsFilledWithTheSharedSecret()
     {
-        QCOMPARE(failingToolCalls(QStringLiteral("a%4b")),
-                 QVector<QStringList>{createCall(QStringLiteral("vpn.example"), QStringLiteral("anna"),
-                                                 QStringLiteral("asharedb"), QStringLiteral("shared"))});
+        QCOMPARE(
+            failingToolCalls(QStringLiteral("a%4b")),
+            QVector<QStringList>{createCall(QStringLiteral("vpn.example"), QStringLiteral("anna"),
+                                            QStringLiteral("asharedb"), QStringLiteral("shared"))});
     }
 
     void passwordWithAnEarlierMarkerTakesTheSharedSecret()
     {
         // The lowest marker is filled, and it is in the password now.
-        QCOMPARE(failingToolCalls(QStringLiteral("a%1b")),
-                 QVector<QStringList>{createCall(QStringLiteral("vpn.example"), QStringLiteral("anna"),
-                                                 QStringLiteral("asharedb"), QStringLiteral("%4"))});
+        QCOMPARE(
+            failingToolCalls(QStringLiteral("a%1b")),
+            QVector<QStringList>{createCall(QStringLiteral("vpn.example"), QStringLiteral("anna"),
+                                            QStringLiteral("asharedb"), QStringLiteral("%4"))});
     }
 
     void passwordWithAQuoteBreaksTheCommandLine()
     {
         // From the quote on, what was outside quotes is inside and the other way round.
-        QStringList expected = createCall(QStringLiteral("vpn.example"), QStringLiteral("anna"),
-                                          QString(), QString())
-                                   .mid(0, 8);
+        QStringList expected =
+            createCall(QStringLiteral("vpn.example"), QStringLiteral("anna"), QString(), QString())
+                .mid(0, 8);
         expected.append(QStringLiteral("pass --shared-secret shared --force"));
         QCOMPARE(failingToolCalls(QStringLiteral("pa\"ss")), QVector<QStringList>{expected});
     }

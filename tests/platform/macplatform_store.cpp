@@ -27,10 +27,7 @@ private Q_SLOTS:
         QDesktopServices::setUrlHandler(scheme(), this, "open");
     }
 
-    void cleanup()
-    {
-        QDesktopServices::unsetUrlHandler(scheme());
-    }
+    void cleanup() { QDesktopServices::unsetUrlHandler(scheme()); }
 
     void thePageIsTheApplicationsInTheStore()
     {

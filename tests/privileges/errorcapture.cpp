@@ -25,7 +25,8 @@ QStringList ErrorCapture::lines()
     QFile file(m_file.fileName());
     if (!file.open(QIODevice::ReadOnly))
         qFatal("cannot read what was caught of standard error");
-    QStringList lines = QString::fromUtf8(file.readAll()).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+    QStringList lines =
+        QString::fromUtf8(file.readAll()).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
     static const QRegularExpression prefix(
         QStringLiteral(R"(^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} \S+\[\d+:\d+\] )"));
     for (QString &line : lines) {

@@ -10,9 +10,9 @@ using vpncore::MacPlatform;
 namespace {
 
 const QString kExecute = QStringLiteral("AuthorizationExecuteWithPrivileges");
-const QString kExecuteCall = QStringLiteral(
-    "AuthorizationExecuteWithPrivileges(authorization 1, \"%1\", flags 0, "
-    "arguments [\"%1\", \"\"], pipe wanted)");
+const QString kExecuteCall =
+    QStringLiteral("AuthorizationExecuteWithPrivileges(authorization 1, \"%1\", flags 0, "
+                   "arguments [\"%1\", \"\"], pipe wanted)");
 
 } // namespace
 
@@ -28,7 +28,8 @@ private Q_SLOTS:
     {
         LogCapture log;
         QVERIFY(MacPlatform::elevateToAdmin());
-        QCOMPARE(authorization::calls().value(2), kExecuteCall.arg(QStringLiteral("vpninstallhelper")));
+        QCOMPARE(authorization::calls().value(2),
+                 kExecuteCall.arg(QStringLiteral("vpninstallhelper")));
         QCOMPARE(log.lines(QtDebugMsg).mid(0, 3),
                  (QStringList{QStringLiteral("NOT WORK REMOVE"),
                               QStringLiteral("runC  Path to app \"vpninstallhelper\""),

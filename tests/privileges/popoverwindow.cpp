@@ -12,7 +12,8 @@
 
 namespace {
 
-const QString kTool = QStringLiteral("/Applications/Talvex VPN.app/Contents/Resources/vpninstallhelper");
+const QString kTool =
+    QStringLiteral("/Applications/Talvex VPN.app/Contents/Resources/vpninstallhelper");
 const QString kArgument = QStringLiteral("--install now");
 
 const QString kCreate = QStringLiteral("AuthorizationCreate");
@@ -21,17 +22,17 @@ const QString kExecute = QStringLiteral("AuthorizationExecuteWithPrivileges");
 
 const QString kCreateCall =
     QStringLiteral("AuthorizationCreate(no rights, environment null, flags 0)");
-const QString kCopyRightsCall = QStringLiteral(
-    "AuthorizationCopyRights(authorization 1, "
-    "rights [{\"system.privilege.admin\", length 0, value null, flags 0}], "
-    "environment null, flags 19, copy null)");
-const QString kExecuteCall = QStringLiteral(
-    "AuthorizationExecuteWithPrivileges(authorization 1, \"%1\", flags 0, "
-    "arguments [\"%1\", \"%2\"], pipe wanted)");
+const QString kCopyRightsCall =
+    QStringLiteral("AuthorizationCopyRights(authorization 1, "
+                   "rights [{\"system.privilege.admin\", length 0, value null, flags 0}], "
+                   "environment null, flags 19, copy null)");
+const QString kExecuteCall =
+    QStringLiteral("AuthorizationExecuteWithPrivileges(authorization 1, \"%1\", flags 0, "
+                   "arguments [\"%1\", \"%2\"], pipe wanted)");
 const QString kFreeCall = QStringLiteral("AuthorizationFree(authorization 1, flags 8)");
-const QString kCheckCall = QStringLiteral(
-    "AuthorizationExecuteWithPrivileges(authorization 0, \"TalvexVPN\", flags 0, "
-    "arguments [], pipe wanted)");
+const QString kCheckCall =
+    QStringLiteral("AuthorizationExecuteWithPrivileges(authorization 0, \"TalvexVPN\", flags 0, "
+                   "arguments [], pipe wanted)");
 
 constexpr int kCancelled = -60006;
 constexpr int kToolFailed = -60031;
@@ -65,10 +66,7 @@ private Q_SLOTS:
         authorization::reset();
     }
 
-    void cleanup()
-    {
-        QCOMPARE(applescript::liveScripts(), 0);
-    }
+    void cleanup() { QCOMPARE(applescript::liveScripts(), 0); }
 
     void theClassHasNoDataAndAVirtualDestructor()
     {
@@ -80,14 +78,16 @@ private Q_SLOTS:
 
     void aListedServiceRuns()
     {
-        standins::setState(QStringLiteral("launchctl/jobs"), "88\t0\tcom.example.agent\n"
-                                                             "93\t0\ttalvexvpnd\n");
+        standins::setState(QStringLiteral("launchctl/jobs"),
+                           "88\t0\tcom.example.agent\n"
+                           "93\t0\ttalvexvpnd\n");
         LogCapture log;
         ErrorCapture errors;
         QVERIFY(m_window.isAppRun());
-        QCOMPARE(log.lines(QtDebugMsg),
-                 (QStringList{QStringLiteral("Status App  true"),
-                              QStringLiteral("Status App executeResult  \"93\\t0\\ttalvexvpnd\"")}));
+        QCOMPARE(
+            log.lines(QtDebugMsg),
+            (QStringList{QStringLiteral("Status App  true"),
+                         QStringLiteral("Status App executeResult  \"93\\t0\\ttalvexvpnd\"")}));
         QCOMPARE(errors.lines(), QStringList());
     }
 
@@ -97,8 +97,9 @@ private Q_SLOTS:
         QVERIFY(!m_window.isAppRun());
         QCOMPARE(standins::calls(QStringLiteral("launchctl")),
                  QVector<QStringList>{{QStringLiteral("list")}});
-        QCOMPARE(log.lines(QtDebugMsg), (QStringList{QStringLiteral("Status App  false"),
-                                                     QStringLiteral("Status App executeResult  \"\"")}));
+        QCOMPARE(log.lines(QtDebugMsg),
+                 (QStringList{QStringLiteral("Status App  false"),
+                              QStringLiteral("Status App executeResult  \"\"")}));
     }
 
     void theServiceIsRecognisedInAnyLetterCase()
@@ -122,8 +123,9 @@ private Q_SLOTS:
         LogCapture log;
         QVERIFY(!m_window.isAppRun());
         QCOMPARE(standins::calls(QStringLiteral("launchctl")), QVector<QStringList>());
-        QCOMPARE(log.lines(QtDebugMsg), (QStringList{QStringLiteral("Status App  false"),
-                                                     QStringLiteral("Status App executeResult  \"\"")}));
+        QCOMPARE(log.lines(QtDebugMsg),
+                 (QStringList{QStringLiteral("Status App  false"),
+                              QStringLiteral("Status App executeResult  \"\"")}));
     }
 
     void theServiceIsAskedForByOneScriptWithoutErrorDictionary()
@@ -159,8 +161,9 @@ private Q_SLOTS:
     {
         m_window.runAppScript(QStringLiteral("echo  'a\\\\b' "), QString());
         QCOMPARE(applescript::executions().size(), 1);
-        QCOMPARE(applescript::executions()[0].source,
-                 QStringLiteral("do shell script \"echo  'a\\\\b' \" with administrator privileges"));
+        QCOMPARE(
+            applescript::executions()[0].source,
+            QStringLiteral("do shell script \"echo  'a\\\\b' \" with administrator privileges"));
     }
 
     void theErrorOfACommandHasAnEmptyDictionaryToGoTo()
@@ -200,12 +203,12 @@ private Q_SLOTS:
         LogCapture log;
         ErrorCapture errors;
         QVERIFY(!m_window.runAppScript(QStringLiteral("exit 3"), QString()));
-        QCOMPARE(log.lines(), QStringList{QStringLiteral(
-                                  "Do cmd failure:  \"do shell script \\\"exit 3\\\" "
-                                  "with administrator privileges\"")});
-        QCOMPARE(errors.lines(), QStringList{QStringLiteral(
-                                     "failure! do shell script \"exit 3\" "
-                                     "with administrator privileges")});
+        QCOMPARE(log.lines(),
+                 QStringList{QStringLiteral("Do cmd failure:  \"do shell script \\\"exit 3\\\" "
+                                            "with administrator privileges\"")});
+        QCOMPARE(errors.lines(),
+                 QStringList{QStringLiteral("failure! do shell script \"exit 3\" "
+                                            "with administrator privileges")});
     }
 
     void aCancelledPromptFailsTheCommand()
@@ -228,8 +231,9 @@ private Q_SLOTS:
     void aToolIsStartedBetweenItsRightsAndTheirEnd()
     {
         QVERIFY(m_window.runC(kTool, kArgument));
-        QCOMPARE(authorization::calls(), (QStringList{kCreateCall, kCopyRightsCall,
-                                                      kExecuteCall.arg(kTool, kArgument), kFreeCall}));
+        QCOMPARE(authorization::calls(),
+                 (QStringList{kCreateCall, kCopyRightsCall, kExecuteCall.arg(kTool, kArgument),
+                              kFreeCall}));
         QCOMPARE(authorization::liveAuthorizations(), 0);
     }
 
@@ -255,7 +259,8 @@ private Q_SLOTS:
         QCOMPARE(log.lines(),
                  (QStringList{QStringLiteral("runC  Path to app ") + logged(kTool),
                               QStringLiteral("Current tool:  ") + logged(kTool),
-                              QStringLiteral("Current args:  ") + logged(authorization::lastArgumentVector()),
+                              QStringLiteral("Current args:  ")
+                                  + logged(authorization::lastArgumentVector()),
                               QStringLiteral("Current status:  0")}));
         QCOMPARE(log.lines(QtDebugMsg).size(), 4);
         QCOMPARE(errors.lines(), QStringList());
@@ -265,7 +270,8 @@ private Q_SLOTS:
     {
         LogCapture log;
         QVERIFY(m_window.runC(kTool, kArgument));
-        static const QRegularExpression address(QStringLiteral("^Current args:  0x[0-9a-f]{4,16}$"));
+        static const QRegularExpression address(
+            QStringLiteral("^Current args:  0x[0-9a-f]{4,16}$"));
         QVERIFY2(address.match(log.lines().value(2)).hasMatch(), qPrintable(log.lines().value(2)));
     }
 
@@ -300,7 +306,8 @@ private Q_SLOTS:
         QVERIFY(!m_window.runC(kTool, kArgument));
         QCOMPARE(authorization::calls(), QStringList{kCreateCall});
         QCOMPARE(log.lines(), QStringList());
-        QCOMPARE(errors.lines(), QStringList{QStringLiteral("Error Creating Initial Authorization: -60008")});
+        QCOMPARE(errors.lines(),
+                 QStringList{QStringLiteral("Error Creating Initial Authorization: -60008")});
     }
 
     void aCancelledPromptStartsNoToolAndKeepsTheAuthorization()
@@ -325,8 +332,8 @@ private Q_SLOTS:
         elapsed.start();
         QVERIFY(!m_window.runC(kTool, kArgument));
         QVERIFY(elapsed.elapsed() < 500);
-        QCOMPARE(authorization::calls(), (QStringList{kCreateCall, kCopyRightsCall,
-                                                      kExecuteCall.arg(kTool, kArgument)}));
+        QCOMPARE(authorization::calls(),
+                 (QStringList{kCreateCall, kCopyRightsCall, kExecuteCall.arg(kTool, kArgument)}));
         QCOMPARE(authorization::liveAuthorizations(), 1);
         QCOMPARE(log.lines().size(), 4);
         QVERIFY(log.lines()[2].startsWith(QLatin1String("Current args:  0x")));
@@ -344,8 +351,9 @@ private Q_SLOTS:
         QCOMPARE(authorization::calls(), QStringList{kCheckCall});
         QCOMPARE(log.lines(), QStringList{QStringLiteral("PopoverWindow::chechAdmin()")});
         QCOMPARE(log.lines(QtDebugMsg).size(), 1);
-        QCOMPARE(errors.lines(), (QStringList{QStringLiteral("ChechAdmin......FALSE"),
-                                              QStringLiteral("Error: -60002")}));
+        QCOMPARE(errors.lines(),
+                 (QStringList{QStringLiteral("ChechAdmin......FALSE"),
+                              QStringLiteral("Error: -60002")}));
     }
 
     void theCheckReportsASuccess()

@@ -29,9 +29,8 @@ NSString *toNSString(const QString &text)
 NSAppleEventDescriptor *failure(int number, NSDictionary **errorInfo)
 {
     if (errorInfo) {
-        *errorInfo =
-            [NSDictionary dictionaryWithObject:[NSNumber numberWithInt:number]
-                                        forKey:@"NSAppleScriptErrorNumber"];
+        *errorInfo = [NSDictionary dictionaryWithObject:[NSNumber numberWithInt:number]
+                                                 forKey:@"NSAppleScriptErrorNumber"];
     }
     return nil;
 }

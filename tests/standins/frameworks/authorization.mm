@@ -65,8 +65,8 @@ QString textOf(char *const *arguments)
 
 void record(const char *function, const QStringList &arguments)
 {
-    recorded.append(QStringLiteral("%1(%2)").arg(QLatin1String(function),
-                                                 arguments.join(QLatin1String(", "))));
+    recorded.append(
+        QStringLiteral("%1(%2)").arg(QLatin1String(function), arguments.join(QLatin1String(", "))));
 }
 
 QString flagsText(AuthorizationFlags flags)
@@ -78,7 +78,8 @@ QString flagsText(AuthorizationFlags flags)
 ///         is one.
 OSStatus statusOf(const char *function, bool validAuthorization)
 {
-    const OSStatus natural = validAuthorization ? errAuthorizationSuccess : errAuthorizationInvalidRef;
+    const OSStatus natural =
+        validAuthorization ? errAuthorizationSuccess : errAuthorizationInvalidRef;
     return fixedStatus.value(QLatin1String(function), natural);
 }
 

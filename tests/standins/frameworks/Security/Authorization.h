@@ -34,14 +34,16 @@ enum : OSStatus {
 
 typedef const char *AuthorizationString;
 
-typedef struct {
+typedef struct
+{
     AuthorizationString name;
     size_t valueLength;
     void *_Nullable value;
     uint32_t flags;
 } AuthorizationItem;
 
-typedef struct {
+typedef struct
+{
     uint32_t count;
     AuthorizationItem *_Nullable items;
 } AuthorizationItemSet;
