@@ -211,12 +211,17 @@ private Q_SLOTS:
 
     void aListingThatHangsIsGivenUpAndJudgedByWhatItPrinted()
     {
-        putInPath(m_folder->path(), kTool, "echo TalvexVPN\nexec sleep 120\n");
+        putInPath(m_folder->path(), kTool,
+                  "echo $$ >/var/root/stand-ins/osascript/hanging\n"
+                  "echo TalvexVPN\n"
+                  "exec sleep 120\n");
+        standins::setState(kItems, {});
         QElapsedTimer timer;
         timer.start();
         QVERIFY(m_platform.isRunOnStart());
         QVERIFY2(timer.elapsed() >= 30'000, qPrintable(QString::number(timer.elapsed())));
         QVERIFY2(timer.elapsed() < 33'000, qPrintable(QString::number(timer.elapsed())));
+        standins::endHangingTool(QStringLiteral("osascript/hanging"));
     }
 
     void inAnUnwritableFolderNothingIsAdded()

@@ -315,6 +315,7 @@ private Q_SLOTS:
         QVERIFY2(timer.elapsed() >= 30'000 && timer.elapsed() < 33'000,
                  qPrintable(QString::number(timer.elapsed())));
         QVERIFY(!standins::calls(kNetworksetup).contains(kDialCall));
+        standins::endHangingTool(QStringLiteral("macosvpn/hanging"));
     }
 
     void l2tpFailureIsTranslated()

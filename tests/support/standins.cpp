@@ -1,8 +1,15 @@
 #include "tests/support/standins.h"
 
+#include <QtCore/QCoreApplication>
+#include <QtCore/QDeadlineTimer>
 #include <QtCore/QDir>
+#include <QtCore/QEvent>
 #include <QtCore/QFile>
 #include <QtCore/QProcess>
+#include <QtCore/QThread>
+
+#include <csignal>
+#include <unistd.h>
 
 namespace {
 
@@ -154,6 +161,21 @@ void removeState(const QString &name)
 {
     if (!QFile::remove(state(name)))
         qFatal("there is no state %s", qPrintable(name));
+}
+
+void endHangingTool(const QString &name)
+{
+    const pid_t tool = contentOf(state(name)).trimmed().toInt();
+    if (tool <= 1 || ::kill(tool, SIGKILL) != 0)
+        qFatal("there is no hanging tool of %s", qPrintable(name));
+    // A process that has ended is in this list until its object knows.
+    const QString children = QStringLiteral("/proc/self/task/%1/children").arg(getpid());
+    const QDeadlineTimer deadline(std::chrono::seconds(10));
+    while (!contentOf(children).isEmpty() && !deadline.hasExpired()) {
+        QCoreApplication::processEvents();
+        QThread::msleep(10);
+    }
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
 }
 
 void forgetState()

@@ -65,6 +65,10 @@ void setState(const QString &name, const QByteArray &content);
 /// Removes a file of the stand-ins' state.
 void removeState(const QString &name);
 
+/// Ends a tool that hangs and has left its process id in the file @p name of the stand-ins' state,
+/// and turns the event loop until every process that this one started is gone and its object freed.
+void endHangingTool(const QString &name);
+
 /// Forgets the whole state: every stand-in begins anew.
 void forgetState();
 

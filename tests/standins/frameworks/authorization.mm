@@ -4,6 +4,8 @@
 
 #import <Security/Authorization.h>
 
+#include <algorithm>
+#include <deque>
 #include <poll.h>
 #include <unistd.h>
 
@@ -15,8 +17,9 @@ struct AuthorizationOpaqueRef
 
 namespace {
 
-// Authorizations stay here when they are freed, so that a use afterwards is recognised.
-QVector<AuthorizationOpaqueRef *> authorizations;
+// Authorizations stay here when they are freed, so that a use afterwards is recognised. A deque
+// never moves them.
+std::deque<AuthorizationOpaqueRef> authorizations;
 QHash<QString, OSStatus> fixedStatus;
 QStringList recorded;
 char *const *lastArguments = nullptr;
@@ -110,8 +113,8 @@ OSStatus AuthorizationCreate(const AuthorizationRights *rights,
             flagsText(flags)});
     const OSStatus status = statusOf("AuthorizationCreate", true);
     if (status == errAuthorizationSuccess) {
-        authorizations.append(new AuthorizationOpaqueRef{authorizations.size() + 1, true});
-        *authorization = authorizations.last();
+        authorizations.push_back({static_cast<int>(authorizations.size()) + 1, true});
+        *authorization = &authorizations.back();
     }
     return status;
 }
@@ -121,7 +124,7 @@ OSStatus AuthorizationFree(AuthorizationRef authorization, AuthorizationFlags fl
     record("AuthorizationFree", {nameOf(authorization), flagsText(flags)});
     const OSStatus status = statusOf("AuthorizationFree", isLive(authorization));
     if (status == errAuthorizationSuccess)
-        authorizations[authorization->number - 1]->live = false;
+        const_cast<AuthorizationOpaqueRef *>(authorization)->live = false;
     return status;
 }
 
@@ -154,7 +157,6 @@ namespace authorization {
 
 void reset()
 {
-    qDeleteAll(authorizations);
     authorizations.clear();
     fixedStatus.clear();
     recorded.clear();
@@ -177,10 +179,9 @@ QStringList calls()
 
 int liveAuthorizations()
 {
-    int live = 0;
-    for (const AuthorizationOpaqueRef *authorization : qAsConst(authorizations))
-        live += authorization->live;
-    return live;
+    return static_cast<int>(std::count_if(
+        authorizations.cbegin(), authorizations.cend(),
+        [](const AuthorizationOpaqueRef &authorization) { return authorization.live; }));
 }
 
 const void *lastArgumentVector()
