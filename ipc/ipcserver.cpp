@@ -1,10 +1,10 @@
 #include "ipc/ipcserver.h"
 
 #include "commands/serviceinterfacemanager.h"
+#include "ipc/guardedlocalserver.h"
 #include "ipc/ipcurls.h"
 
 #include <QtCore/QDebug>
-#include <QtNetwork/QLocalServer>
 #include <QtNetwork/QLocalSocket>
 #include <QtRemoteObjects/QRemoteObjectHost>
 
@@ -12,7 +12,7 @@ IpcServer::ProcessDescriptor::ProcessDescriptor(QObject *parent)
 {
     serverNode.reset(new QRemoteObjectHost(parent));
     ipcProcess.reset(new ServiceInterfaceManager(parent));
-    localServer.reset(new QLocalServer(parent));
+    localServer.reset(new GuardedLocalServer(RemoteInterface::serviceInterface(), parent));
 }
 
 IpcServer::IpcServer(QObject *parent)
