@@ -43,10 +43,10 @@ double callsPerSecond(const Subject &host, Client &client, const Call &call, con
     return kCalls / used.count();
 }
 
-Result calls(const Call &call, const QByteArray &line)
+Result calls(const Call &call, const QByteArray &line, MinimalHost::Commands commands, Bar bar)
 {
     const Daemon daemon;
-    const MinimalHost host;
+    const MinimalHost host(commands);
     Client client;
     require(client.attachToNewEndpoint(), "the client could not attach");
     Client hostClient;
@@ -60,10 +60,16 @@ Result calls(const Call &call, const QByteArray &line)
         measured.append(callsPerSecond(daemon, client, call, line));
         baseline.append(callsPerSecond(host, hostClient, call, line));
     }
-    Result result =
-        pairedResult(QStringLiteral("/s"), measured, baseline, Bar::ratioAtLeast(kCallBar));
+    Result result = pairedResult(QStringLiteral("/s"), measured, baseline, bar);
     result.remark = QStringLiteral("of processor time, in bursts of %1").arg(kCalls);
     return result;
+}
+
+const char kLineWithoutEffect[] = "Command status  \"nothing\"";
+
+void sendWithoutEffect(Client &client)
+{
+    client.send(QStringLiteral(R"({"type":"nothing"})"));
 }
 
 QStringList withDescriptors()
@@ -85,13 +91,19 @@ Result endpointMemory(const QVector<double> &kibibytes, Bar bar)
 
 Result heartbeats()
 {
-    return calls([](Client &client) { client.heartbeat(); }, "Replica state is  true");
+    return calls([](Client &client) { client.heartbeat(); }, "Replica state is  true",
+                 MinimalHost::Commands::Unread, Bar::ratioAtLeast(kCallBar));
 }
 
 Result commandsWithoutEffect()
 {
-    return calls([](Client &client) { client.send(QStringLiteral(R"({"type":"nothing"})")); },
-                 "Command status  \"nothing\"");
+    return calls(sendWithoutEffect, kLineWithoutEffect, MinimalHost::Commands::Read,
+                 Bar::ratioAtLeast(kCallBar));
+}
+
+Result commandsWithoutEffectUnread()
+{
+    return calls(sendWithoutEffect, kLineWithoutEffect, MinimalHost::Commands::Unread, Bar::none());
 }
 
 Result endpointCreation()

@@ -25,6 +25,7 @@ Result disconnectReal();
 // Remote calls and endpoints
 Result heartbeats();
 Result commandsWithoutEffect();
+Result commandsWithoutEffectUnread();
 Result endpointCreation();
 Result idleEndpointMemory();
 Result connectedEndpointMemory();

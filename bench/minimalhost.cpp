@@ -7,6 +7,8 @@
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QDebug>
+#include <QtCore/QJsonDocument>
+#include <QtCore/QJsonObject>
 #include <QtNetwork/QLocalServer>
 #include <QtNetwork/QLocalSocket>
 #include <QtRemoteObjects/QRemoteObjectHost>
@@ -16,16 +18,32 @@ namespace {
 class MinimalService : public ServiceInterfaceSource
 {
 public:
+    explicit MinimalService(bool readsCommands)
+        : m_readsCommands(readsCommands)
+    {
+    }
+
     void server_slot(bool clientState) override
     {
         qDebug() << "Replica state is " << (clientState ? "true" : "false");
     }
 
-    /// Logs what the daemon logs for a command of the type "nothing", without reading it.
-    void vpn_command(const QString &, const VpnServerInformation &) override
+    void vpn_command(const QString &message, const VpnServerInformation &) override
     {
-        qDebug() << "Command status " << QStringLiteral("nothing");
+        qDebug() << "Command status " << (m_readsCommands ? typeOf(message) : m_unreadType);
     }
+
+private:
+    static QString typeOf(const QString &message)
+    {
+        return QJsonDocument::fromJson(message.toUtf8())
+            .object()
+            .value(QLatin1String("type"))
+            .toString();
+    }
+
+    const bool m_readsCommands;
+    const QString m_unreadType = QStringLiteral("nothing");
 };
 
 } // namespace
@@ -33,10 +51,12 @@ public:
 int main(int argc, char **argv)
 {
     QCoreApplication application(argc, argv);
-    MinimalService service;
+    if (argc != 3)
+        return 2;
+    MinimalService service(QLatin1String(argv[1]) == QLatin1String("read"));
     QRemoteObjectHost host;
     QLocalServer server;
-    if (argc != 2 || !server.listen(QString::fromLocal8Bit(argv[1])))
+    if (!server.listen(QString::fromLocal8Bit(argv[2])))
         return 1;
     QObject::connect(&server, &QLocalServer::newConnection, &host,
                      [&, isEnabled = false]() mutable {

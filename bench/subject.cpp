@@ -174,8 +174,10 @@ QString Daemon::openvpnProgram()
     return QStringLiteral("/Applications/Talvex VPN.app/Contents/MacOS/openvpn");
 }
 
-MinimalHost::MinimalHost()
-    : Subject({QStringLiteral(TALVEX_MINIMAL_HOST), shared::getIpcProcessUrl(kEndpoint)},
+MinimalHost::MinimalHost(Commands commands)
+    : Subject({QStringLiteral(TALVEX_MINIMAL_HOST),
+               commands == Commands::Read ? QStringLiteral("read") : QStringLiteral("unread"),
+               shared::getIpcProcessUrl(kEndpoint)},
               shared::getIpcProcessUrl(kEndpoint))
 {
 }

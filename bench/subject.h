@@ -83,5 +83,8 @@ class MinimalHost : public Subject
 public:
     static constexpr int kEndpoint = 1'000'000;
 
-    MinimalHost();
+    /// Whether it reads a command to log its type, or knows what to log.
+    enum class Commands { Read, Unread };
+
+    explicit MinimalHost(Commands commands = Commands::Read);
 };
