@@ -16,6 +16,12 @@ using namespace std::chrono_literals;
 
 constexpr std::chrono::milliseconds kHeartbeatLimit = 30s;
 
+/// How many commands, of all clients together, may wait inside each other's event loops. Further
+/// ones are put off, so that the stack stays bounded.
+constexpr int kMostRunningCommands = 64;
+constexpr auto kPutOffTime = 100ms;
+int runningCommands = 0;
+
 const QLatin1String kTypeKey("type");
 const QLatin1String kCommandKey("cmd");
 const QLatin1String kArgumentKey("arg");
@@ -81,7 +87,12 @@ void ServiceInterfaceManager::runNextCommand()
         endOvertakenAttempt();
         return;
     }
+    if (runningCommands >= kMostRunningCommands) {
+        QTimer::singleShot(kPutOffTime, this, &ServiceInterfaceManager::runNextCommand);
+        return;
+    }
 
+    ++runningCommands;
     runningCommand = waitingCommands.dequeue();
     const bool isOvertaken = !waitingCommands.isEmpty();
     if (runningCommand == Command::Disconnect)
@@ -91,6 +102,7 @@ void ServiceInterfaceManager::runNextCommand()
     else
         execute(runningCommand, std::exchange(waitingServer, {}));
     runningCommand = Command::None;
+    --runningCommands;
 
     if (!waitingCommands.isEmpty())
         scheduleNextCommand();

@@ -1,10 +1,11 @@
 #include "ipc/ipcserver.h"
 
 #include "commands/serviceinterfacemanager.h"
+#include "ipc/guardedlocalserver.h"
+#include "ipc/hostsideconnection.h"
 #include "ipc/ipcurls.h"
 
 #include <QtCore/QDebug>
-#include <QtNetwork/QLocalServer>
 #include <QtNetwork/QLocalSocket>
 #include <QtRemoteObjects/QRemoteObjectHost>
 
@@ -12,7 +13,7 @@ IpcServer::ProcessDescriptor::ProcessDescriptor(QObject *parent)
 {
     serverNode.reset(new QRemoteObjectHost(parent));
     ipcProcess.reset(new ServiceInterfaceManager(parent));
-    localServer.reset(new QLocalServer(parent));
+    localServer.reset(new GuardedLocalServer(RemoteInterface::serviceInterface(), parent));
 }
 
 IpcServer::IpcServer(QObject *parent)
@@ -39,7 +40,7 @@ int IpcServer::createPrivilegedProcess()
             [server = descriptor.localServer.data(), host = descriptor.serverNode.data(),
              manager = descriptor.ipcProcess.data()] {
                 qDebug() << "IpcServer new connection";
-                host->addHostSideConnection(server->nextPendingConnection());
+                addHostSideConnection(*host, server->nextPendingConnection());
                 // Fails from the second connection on, since the object is published already.
                 // Asking every time, and Qt's warning, are wanted.
                 host->enableRemoting(manager);

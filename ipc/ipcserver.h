@@ -6,7 +6,7 @@
 
 #include <vector>
 
-class QLocalServer;
+class GuardedLocalServer;
 class QRemoteObjectHost;
 class ServiceInterfaceManager;
 
@@ -34,7 +34,7 @@ private:
 
         // Destroyed in reverse order. The host goes first: it tells its peers, through sockets
         // that belong to the local server, that the manager is no longer there.
-        QSharedPointer<QLocalServer> localServer;
+        QSharedPointer<GuardedLocalServer> localServer;
         QSharedPointer<ServiceInterfaceManager> ipcProcess;
         QSharedPointer<QRemoteObjectHost> serverNode;
     };

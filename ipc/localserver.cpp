@@ -1,19 +1,18 @@
 #include "ipc/localserver.h"
 
+#include "ipc/guardedlocalserver.h"
+#include "ipc/hostsideconnection.h"
 #include "ipc/ipcurls.h"
 
 #include <QtCore/QDebug>
-#include <QtNetwork/QLocalServer>
 #include <QtNetwork/QLocalSocket>
-
-#include <sys/stat.h>
 
 LocalServer::LocalServer(QObject *parent)
     : QObject(parent)
-    , m_server(new QLocalServer(this))
+    , m_server(new GuardedLocalServer(RemoteInterface::ipcInterface(), this))
     , m_ipcServer(this)
 {
-    if (!listen()) {
+    if (!m_server->listenExclusively(shared::getIpcServiceUrl())) {
         qDebug() << QStringLiteral("Unable to start the server: %1. LocalServer")
                         .arg(m_server->errorString());
         return;
@@ -39,21 +38,10 @@ LocalServer::~LocalServer()
     qDebug() << "Local server stopped";
 }
 
-bool LocalServer::listen()
-{
-    // With QLocalServer::WorldAccessOption, Qt renames the new socket over whatever has the name,
-    // the socket of a live daemon included. Without it, a taken name is an error, and the umask
-    // lets everybody in just as the option would.
-    const mode_t previousMask = ::umask(0);
-    const bool isListening = m_server->listen(shared::getIpcServiceUrl());
-    ::umask(previousMask);
-    return isListening;
-}
-
 void LocalServer::acceptConnection()
 {
     qDebug() << "LocalServer new connection";
-    m_serverNode.addHostSideConnection(m_server->nextPendingConnection());
+    addHostSideConnection(m_serverNode, m_server->nextPendingConnection());
     if (!m_isRemotingEnabled) {
         m_isRemotingEnabled = true;
         m_serverNode.enableRemoting(&m_ipcServer);

@@ -6,7 +6,7 @@
 #include <QtCore/QSharedPointer>
 #include <QtRemoteObjects/QRemoteObjectHost>
 
-class QLocalServer;
+class GuardedLocalServer;
 
 /// The daemon's one well-known socket, shared::getIpcServiceUrl(), with an IpcServer behind it
 /// that every client of the socket shares. Every local user may connect.
@@ -23,11 +23,10 @@ public:
     ~LocalServer() override;
 
 private:
-    bool listen();
     void acceptConnection();
 
     // Destroyed in reverse order: the host first, the socket last.
-    QSharedPointer<QLocalServer> m_server;
+    QSharedPointer<GuardedLocalServer> m_server;
     IpcServer m_ipcServer;
     QRemoteObjectHost m_serverNode;
     bool m_isRemotingEnabled = false;

@@ -1,6 +1,7 @@
 #include "vpncore/macplatform.h"
 
 #include "vpncore/bashscript.h"
+#include "vpncore/commandline.h"
 #include "vpncore/dnsscripts.h"
 #include "vpncore/eventwait.h"
 
@@ -75,9 +76,8 @@ int MacPlatform::runProcess(const QString &command, int timeout, QString &output
 
     auto process = std::make_unique<QProcess>();
     process->setProcessChannelMode(QProcess::MergedChannels);
-    QStringList arguments = QProcess::splitCommand(command);
-    const QString program = arguments.isEmpty() ? QString() : arguments.takeFirst();
-    process->start(program, arguments);
+    const CommandLine commandLine(command);
+    process->start(commandLine.program, commandLine.arguments);
 
     // The limit is passed when one more whole second than allowed has gone by.
     const QDeadlineTimer deadline(std::chrono::seconds(timeout) + std::chrono::seconds(1));

@@ -1,16 +1,94 @@
 #pragma once
 
-#include <QtCore/QString>
+#include "vpncore/iplatform.h"
 
 namespace vpncore {
 
 /// What the VPN core needs of macOS.
 ///
-/// All static operations need a live `QCoreApplication`; the paths derive from the executable's
-/// own place in the bundle's Contents/MacOS folder, never from configuration.
-class MacPlatform
+/// All operations need a live `QCoreApplication`; the paths derive from the executable's own place
+/// in the bundle's Contents/MacOS folder, never from configuration. There is no state: objects are
+/// only needed where an IPlatform is asked for.
+///
+/// The operations lie in several files and libraries, so that a program links what it uses: the
+/// store page needs `vpncore_store` (and with it Qt Gui), elevation needs `privileges` (and with
+/// it Foundation and Security), everything else is in `vpncore`.
+class MacPlatform final : public IPlatform
 {
 public:
+    // Starting with the user's session, through System Events. Both leave a script in the working
+    // folder; where that cannot be written, neither has an effect.
+
+    /// Asks System Events for the names of the login items. The event loop turns for 30 s at most.
+    /// @return true when they contain "TalvexVPN" anywhere, a longer name included; false also
+    ///         when the question could not be asked.
+    bool isRunOnStart() override;
+
+    /// Adds the login item "TalvexVPN" for the application at applicationPath(), whether or not
+    /// there is one already, or deletes it. Blocks; failures are not told.
+    void setRunOnStart(bool on) override;
+
+    // The system's own VPN protocols.
+
+    /// @return false.
+    bool isPptpAsync() override;
+
+    /// @return true: connectL2tp() dials and does not ask whether that worked.
+    bool isL2tpAsync() override;
+
+    /// @return false.
+    bool pptpSupports() override;
+
+    /// @return true.
+    bool l2tpSupports() override;
+
+    /// Hangs up the service "TalvexFreeVPNL2tp" and removes the service "TalvexFreeVPNnL2tp". The
+    /// event loop turns for 30 s at most for each.
+    /// @return success, always.
+    OperationResult disconnect() override;
+
+    /// Reads no argument and does nothing.
+    /// @return a failure with a text for the user, in Russian.
+    OperationResult connectPptp(const QString &server, const QString &user,
+                                const QString &password) override;
+
+    /// Calls disconnect(), makes the service "TalvexFreeVPNL2tp" with the `macosvpn` tool of the
+    /// working folder, and dials it. The event loop turns while the tool runs, 30 s at most; then
+    /// the thread blocks for 7 s.
+    ///
+    /// The values go into a command line as they stand: double quotes in them break it, and a
+    /// "%4" in an earlier value is replaced by @p sharedSecret.
+    ///
+    /// @return success when the tool made the service, whatever the dialling did; otherwise a
+    ///         failure with the key "warning.l2tp_connection_fail", or its translation.
+    OperationResult connectL2tp(const QString &server, const QString &user, const QString &password,
+                                const QString &sharedSecret) override;
+
+    /// Reads no argument and does nothing.
+    /// @return success, always.
+    OperationResult connectIKEv2(const QString &server, const QString &user,
+                                 const QString &password) override;
+
+    // The kill switch: the interface "en0" and no other. Both block until `ifconfig` has ended.
+
+    /// Takes "en0" down.
+    /// @return success, always.
+    OperationResult turnOffInternet() override;
+
+    /// Brings "en0" up.
+    /// @param done set to true, even when that fails.
+    /// @return success, always.
+    OperationResult turnOnInternet(bool &done) override;
+
+    /// @return false: the kill switch keeps no list of devices.
+    bool haveDisabledNetDevicesByKillSwitch() override;
+
+    /// Does nothing.
+    /// @return false.
+    bool turnOnNetDevices() override;
+
+    // The bundle, and commands.
+
     /// @return the bundle's "Resources" folder, or "Contents" when there is none; no trailing
     ///         slash. Logs the warning "Resources folder doesn't exist" when it does exist.
     static QString resourcesDir();
@@ -42,6 +120,35 @@ public:
     /// Clears the DNS servers and search domains of every network service; the backup files stay.
     /// Blocks like updateDns(). Failures show only in the log.
     static void cleanDns();
+
+    // The daemon, and the application's page in the store.
+
+    /// @return true when the daemon's launchd property list is installed.
+    static bool isDemonPlistExist();
+
+    /// Searches the process list for "talvexvpnd" anywhere in a command line. Blocks for 2 s at
+    /// most, without turning the event loop.
+    /// @return true when it is there; false also when the list took longer.
+    static bool isDemonLoad();
+
+    /// Opens the application's page in the Mac App Store and logs whether that worked.
+    static void openMacOSStoreOnAppPage();
+
+    // Administrator rights, for programs that run as an ordinary user; see PopoverWindow.
+
+    /// Tries to run "vpninstallhelper" without a folder as administrator, which is known not to
+    /// work. The event loop turns as in PopoverWindow::runC().
+    /// @return true when it was started.
+    static bool elevateToAdmin();
+
+    /// @return what PopoverWindow::chechAdmin() answers.
+    static bool isRunningAsAdministrator();
+
+    /// Runs "vpninstallhelper" of the resources folder as administrator. The event loop turns as in
+    /// PopoverWindow::runC().
+    /// @param unused not read.
+    /// @return true when it was started.
+    static bool runAsAdmin(const QString &unused);
 };
 
 } // namespace vpncore

@@ -1,8 +1,10 @@
 #include "vpncore/ovpnconnection.h"
 
+#include "vpncore/descriptors.h"
 #include "vpncore/eventwait.h"
 #include "vpncore/macplatform.h"
 #include "vpncore/ovpntemplate.h"
+#include "vpncore/serverfields.h"
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QDebug>
@@ -26,6 +28,9 @@ constexpr auto kPollPeriod = 500ms;
 constexpr auto kTerminateLimit = 15s;
 /// For exec(2) to succeed or fail, which takes a millisecond unless the disk hangs.
 constexpr auto kStartLimit = 2s;
+
+/// What a new tunnel leaves, so that a socket can still accept connections, if only to close them.
+constexpr int kDescriptorsLeft = 16;
 
 const char kCannotCreateConfig[] = "label.can_not_create_config_for_open_vpn";
 const char kCannotStart[] = "warning.open_vpn_running_fails_check_apps";
@@ -55,6 +60,16 @@ bool hasPassed(const QElapsedTimer &timer, std::chrono::milliseconds limit)
 QString fromLatin1UpToNul(const QByteArray &bytes)
 {
     return QString::fromLatin1(bytes.constData());
+}
+
+/// @return @p text, or nothing when it is not what the field @p name is for.
+QString fieldIf(bool (*isValid)(const QString &), const QString &text, const char *name)
+{
+    if (text.isEmpty() || isValid(text))
+        return text;
+    qWarning() << "Left out of the configuration, since it could be read as something else:"
+               << name;
+    return {};
 }
 
 /// What older configurations say, put in the words that OpenVPN takes today. The text becomes
@@ -146,6 +161,9 @@ OperationResult OvpnConnection::tryConnectOneTime(const QString &configText,
     disconnect();
     if (isOvertaken())
         return overtakenResult();
+
+    if (!canOpenDescriptors(kDescriptorsLeft))
+        return failure(kCannotStart);
 
     QTemporaryFile configFile;
     if (!writeConfigFile(configFile, compatibleConfigText(configText)))
@@ -282,10 +300,11 @@ OperationResult OvpnConnection::generateConfigText(ConnectionType &connectionTyp
     // Two different tests are wanted: a type that is neither means UDP with the TCP port.
     const int port = connectionType == Udp ? server.udpPort : server.tcpPort;
     const QString protocol = connectionType == Tcp ? QStringLiteral("tcp") : QStringLiteral("udp");
-    configText = ovpnTemplate()
-                     .arg(protocol, server.host, server.ca, server.cert, server.key)
-                     .arg(port)
-                     .arg(MacPlatform::resourcesDir());
+    // All in one pass, so that no inserted text is searched for places to fill.
+    configText = ovpnTemplate().arg(
+        protocol, fieldIf(isHost, server.host, "host"), fieldIf(isPem, server.ca, "ca"),
+        fieldIf(isPem, server.cert, "cert"), fieldIf(isPem, server.key, "key"),
+        QString::number(port), MacPlatform::resourcesDir());
     return OperationResult::succeeded();
 }
 

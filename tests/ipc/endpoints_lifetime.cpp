@@ -72,6 +72,22 @@ private Q_SLOTS:
                  QStringList{QStringLiteral("QRemoteObjectHost::remoteObjectRemoved")});
     }
 
+    void connectionsThatEndedLeaveNoObjects()
+    {
+        LocalServer server;
+        Client steady;
+        QVERIFY(steady.attachToNewEndpoint());
+        const auto objects = [&server] { return server.findChildren<QObject *>().size(); };
+        const int before = objects();
+        for (int i = 0; i < 10; ++i) {
+            Client passing;
+            QVERIFY(passing.connectToMainSocket());
+            QVERIFY(passing.attach(steady.endpoint()));
+            QVERIFY(objects() > before);
+        }
+        QTRY_COMPARE(objects(), before);
+    }
+
     void errorOfAnEndpointsHostIsLoggedWithItsCode()
     {
         IpcServer server;

@@ -144,6 +144,25 @@ private Q_SLOTS:
         QTRY_COMPARE(daemon.descriptors(), descriptors);
     }
 
+    void clientThatHasLeftIsNoLongerAnswered()
+    {
+        DaemonProcess daemon;
+        QVERIFY(daemon.start());
+        int endpoint = 0;
+        {
+            Client passing;
+            QVERIFY(passing.attachToNewEndpoint());
+            endpoint = passing.endpoint();
+        }
+        Client next;
+        QVERIFY(next.attach(endpoint));
+        next.disconnectTunnel();
+        QTRY_COMPARE(next.answers().size(), 1);
+        next.disconnectTunnel();
+        QTRY_COMPARE(next.answers().size(), 2);
+        QVERIFY(daemon.isRunning());
+    }
+
     void linesThatOnlyAFailingHostWritesAreInTheProgram_data()
     {
         QTest::addColumn<QByteArray>("line");

@@ -1,8 +1,15 @@
 #include "tests/support/standins.h"
 
+#include <QtCore/QCoreApplication>
+#include <QtCore/QDeadlineTimer>
 #include <QtCore/QDir>
+#include <QtCore/QEvent>
 #include <QtCore/QFile>
 #include <QtCore/QProcess>
+#include <QtCore/QThread>
+
+#include <csignal>
+#include <unistd.h>
 
 namespace {
 
@@ -110,6 +117,70 @@ void writeBackup(const QString &name, const QByteArray &content)
     QFile file(dataFolder() + QLatin1Char('/') + name);
     if (!file.open(QIODevice::WriteOnly) || file.write(content) != content.size())
         qFatal("cannot write the backup file %s", qPrintable(file.fileName()));
+}
+
+QVector<QStringList> calls(const QString &tool)
+{
+    // Only bash reads what bash has quoted. It answers with the number of arguments and then these,
+    // each ended by a zero byte.
+    const QString reader = QStringLiteral(R"bash(while read -r line; do
+        eval "arguments=($line)"
+        printf '%s\0' "${#arguments[@]}" "${arguments[@]}"
+    done <"$0")bash");
+    QProcess bash;
+    bash.start(QStringLiteral("/bin/bash"),
+               {QStringLiteral("-c"), reader, state(tool + QStringLiteral("/journal"))});
+    bash.waitForFinished();
+    const QList<QByteArray> words = bash.readAllStandardOutput().split('\0');
+
+    QVector<QStringList> result;
+    for (int i = 0; i + 1 < words.size();) {
+        QStringList call;
+        for (int count = words[i++].toInt(); count > 0; --count)
+            call.append(QString::fromUtf8(words[i++]));
+        result.append(call);
+    }
+    return result;
+}
+
+QStringList stateLines(const QString &name)
+{
+    return linesOf(state(name));
+}
+
+void setState(const QString &name, const QByteArray &content)
+{
+    const QString path = state(name);
+    QDir().mkpath(QFileInfo(path).path());
+    QFile file(path);
+    if (!file.open(QIODevice::WriteOnly) || file.write(content) != content.size())
+        qFatal("cannot write the state %s", qPrintable(path));
+}
+
+void removeState(const QString &name)
+{
+    if (!QFile::remove(state(name)))
+        qFatal("there is no state %s", qPrintable(name));
+}
+
+void endHangingTool(const QString &name)
+{
+    const pid_t tool = contentOf(state(name)).trimmed().toInt();
+    if (tool <= 1 || ::kill(tool, SIGKILL) != 0)
+        qFatal("there is no hanging tool of %s", qPrintable(name));
+    // A process that has ended is in this list until its object knows.
+    const QString children = QStringLiteral("/proc/self/task/%1/children").arg(getpid());
+    const QDeadlineTimer deadline(std::chrono::seconds(10));
+    while (!contentOf(children).isEmpty() && !deadline.hasExpired()) {
+        QCoreApplication::processEvents();
+        QThread::msleep(10);
+    }
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+}
+
+void forgetState()
+{
+    QDir(state(QString())).removeRecursively();
 }
 
 bool isAlive(qint64 pid)

@@ -52,6 +52,26 @@ QStringList backupFiles();
 /// Writes a DNS backup file as the tunnel's up script does.
 void writeBackup(const QString &name, const QByteArray &content);
 
+/// @return the calls of a stand-in written in bash so far, each as its exact arguments.
+QVector<QStringList> calls(const QString &tool);
+
+/// @return a file of the stand-ins' state, as lines without the empty ones; @p name begins with
+///         the tool's.
+QStringList stateLines(const QString &name);
+
+/// Writes a file of the stand-ins' state.
+void setState(const QString &name, const QByteArray &content);
+
+/// Removes a file of the stand-ins' state.
+void removeState(const QString &name);
+
+/// Ends a tool that hangs and has left its process id in the file @p name of the stand-ins' state,
+/// and turns the event loop until every process that this one started is gone and its object freed.
+void endHangingTool(const QString &name);
+
+/// Forgets the whole state: every stand-in begins anew.
+void forgetState();
+
 /// @return true while there is a process @p pid that is not a zombie.
 bool isAlive(qint64 pid);
 

@@ -1,0 +1,79 @@
+/// The whole conversation of a client with the daemon, on one screen: ask for an endpoint, connect,
+/// keep the tunnel alive for some seconds, disconnect.
+///
+///     minimal_client HOST UDP-PORT CA-FILE CERT-FILE KEY-FILE
+
+#include "ipc/ipcurls.h"
+#include "rep_ipcinterface_replica.h"
+#include "rep_serviceinterface_replica.h"
+
+#include <QtCore/QCoreApplication>
+#include <QtCore/QDebug>
+#include <QtCore/QFile>
+#include <QtCore/QTimer>
+#include <QtNetwork/QLocalSocket>
+
+static QString textOf(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? QString::fromLatin1(file.readAll()) : QString();
+}
+
+static int fail(const char *text)
+{
+    qCritical("%s", text);
+    return 1;
+}
+
+int main(int argc, char **argv)
+{
+    QCoreApplication application(argc, argv);
+    const QStringList words = QCoreApplication::arguments();
+    if (words.size() != 6)
+        return fail("usage: minimal_client HOST UDP-PORT CA-FILE CERT-FILE KEY-FILE");
+    VpnServerInformation server;
+    server.host = words[1];
+    server.udpPort = words[2].toInt();
+    server.ca = textOf(words[3]);
+    server.cert = textOf(words[4]);
+    server.key = textOf(words[5]);
+
+    // The daemon's main socket has one operation: make an endpoint for this client.
+    QLocalSocket mainSocket;
+    mainSocket.connectToServer(shared::getIpcServiceUrl());
+    QRemoteObjectNode mainNode;
+    mainNode.addClientSideConnection(&mainSocket);
+    const QScopedPointer<IpcInterfaceReplica> ipc(mainNode.acquire<IpcInterfaceReplica>());
+    if (!mainSocket.waitForConnected() || !ipc->waitForSource(5'000))
+        return fail("the daemon is not running");
+    QRemoteObjectPendingReply<int> endpoint = ipc->createPrivilegedProcess();
+    if (!endpoint.waitForFinished(5'000) || endpoint.returnValue() < 0)
+        return fail("the daemon makes no endpoint");
+
+    // Everything else happens there.
+    QLocalSocket socket;
+    socket.connectToServer(shared::getIpcProcessUrl(endpoint.returnValue()));
+    QRemoteObjectNode node;
+    node.addClientSideConnection(&socket);
+    const QScopedPointer<ServiceInterfaceReplica> vpn(node.acquire<ServiceInterfaceReplica>());
+    if (!socket.waitForConnected() || !vpn->waitForSource(5'000))
+        return fail("the endpoint does not answer");
+
+    // From the first heartbeat on, 30 s without another one end the tunnel.
+    QTimer heartbeat;
+    QObject::connect(&heartbeat, &QTimer::timeout, vpn.data(), [&] { vpn->server_slot(true); });
+    heartbeat.start(10'000);
+
+    const QString connectCommand = QStringLiteral(R"({"type":"connect","cmd":"ovpnUdp"})");
+    const QString disconnectCommand = QStringLiteral(R"({"type":"openvpn","cmd":"disconnect"})");
+    const auto answered = [&](const QString &message, const OperationResult &result) {
+        qInfo().noquote() << message << result.success << result.message;
+        if (message.contains(QLatin1String(R"("cmd":"disconnect")")))
+            QCoreApplication::quit();
+        else // A failed attempt may have left openvpn running, so that too ends with a disconnect.
+            QTimer::singleShot(3'000, vpn.data(), [&] { vpn->vpn_command(disconnectCommand, {}); });
+    };
+    QObject::connect(vpn.data(), &ServiceInterfaceReplica::vpn_cmd_result, vpn.data(), answered);
+    vpn->vpn_command(connectCommand, server);
+    return QCoreApplication::exec();
+}

@@ -1,0 +1,88 @@
+#include "ipc/guardedlocalsocket.h"
+
+#include <QtCore/QDebug>
+
+#include <algorithm>
+#include <cstring>
+
+namespace {
+
+/// What all connections hold together.
+qint64 totalHeldBytes = 0;
+
+} // namespace
+
+GuardedLocalSocket::GuardedLocalSocket(const RemoteInterface &interface, QObject *parent)
+    : QLocalSocket(parent)
+    , m_checker(interface)
+{
+    setReadBufferSize(kFairShareBytes);
+    // Connected first, so it comes before whoever reads.
+    connect(this, &QLocalSocket::readyRead, this, &GuardedLocalSocket::checkIncoming);
+    connect(this, &QLocalSocket::bytesWritten, this, &GuardedLocalSocket::accountHeldBytes);
+}
+
+GuardedLocalSocket::~GuardedLocalSocket()
+{
+    totalHeldBytes -= m_heldBytes;
+}
+
+qint64 GuardedLocalSocket::bytesAvailable() const
+{
+    return QIODevice::bytesAvailable() + m_readable.size();
+}
+
+qint64 GuardedLocalSocket::readData(char *data, qint64 maxSize)
+{
+    const int size = static_cast<int>(std::min<qint64>(maxSize, m_readable.size()));
+    std::memcpy(data, m_readable.constData(), static_cast<std::size_t>(size));
+    m_readable.remove(0, size);
+    return size;
+}
+
+void GuardedLocalSocket::checkIncoming()
+{
+    if (m_isRefused)
+        return;
+    QByteArray arrived(static_cast<int>(QLocalSocket::bytesAvailable()), Qt::Uninitialized);
+    const qint64 size = QLocalSocket::readData(arrived.data(), arrived.size());
+    arrived.truncate(static_cast<int>(std::max<qint64>(size, 0)));
+
+    if (m_checker.feed(arrived)) {
+        m_readable += m_checker.takeChecked();
+        accountHeldBytes();
+    } else {
+        refuse(m_checker.violation());
+    }
+}
+
+qint64 GuardedLocalSocket::writeData(const char *data, qint64 size)
+{
+    if (m_isRefused)
+        return size;
+    if (bytesToWrite() + size > kMostUnreadBytes) {
+        refuse(QStringLiteral("the client does not read its answers"));
+        return size;
+    }
+    const qint64 written = QLocalSocket::writeData(data, size);
+    accountHeldBytes();
+    return written;
+}
+
+void GuardedLocalSocket::accountHeldBytes()
+{
+    const qint64 held = m_checker.heldBytes() + bytesToWrite();
+    totalHeldBytes += held - m_heldBytes;
+    m_heldBytes = held;
+    if (held > kFairShareBytes && totalHeldBytes > kMostHeldBytes && !m_isRefused)
+        refuse(QStringLiteral("too much is held for its client"));
+}
+
+void GuardedLocalSocket::refuse(const QString &reason)
+{
+    m_isRefused = true;
+    m_readable.clear();
+    qWarning() << "Connection closed:" << reason;
+    // Not at once: the caller may be in the middle of telling something to all its connections.
+    QMetaObject::invokeMethod(this, &QLocalSocket::abort, Qt::QueuedConnection);
+}

@@ -1,0 +1,41 @@
+#pragma once
+
+#include "ipc/framechecker.h"
+
+#include <QtNetwork/QLocalSocket>
+
+/// The daemon's end of a connection, which every local user may open. What is read from it has
+/// passed a FrameChecker. A client that violates the protocol, or that makes the daemon hold too
+/// much for it, is disconnected, and one line in the log says why.
+class GuardedLocalSocket : public QLocalSocket
+{
+    Q_OBJECT
+
+public:
+    /// What waits to be read by one client, at most.
+    static constexpr qint64 kMostUnreadBytes = 1024 * 1024;
+    /// What is held for one client, read or unread, without asking what the others have.
+    static constexpr qint64 kFairShareBytes = 64 * 1024;
+    /// What is held for all clients that have more than their fair share.
+    static constexpr qint64 kMostHeldBytes = 16 * 1024 * 1024;
+
+    GuardedLocalSocket(const RemoteInterface &interface, QObject *parent);
+    ~GuardedLocalSocket() override;
+
+    /// @return the bytes of whole, checked frames that can be read.
+    qint64 bytesAvailable() const override;
+
+protected:
+    qint64 readData(char *data, qint64 maxSize) override;
+    qint64 writeData(const char *data, qint64 size) override;
+
+private:
+    void checkIncoming();
+    void accountHeldBytes();
+    void refuse(const QString &reason);
+
+    FrameChecker m_checker;
+    QByteArray m_readable;
+    qint64 m_heldBytes = 0;
+    bool m_isRefused = false;
+};

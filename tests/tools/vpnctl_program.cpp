@@ -1,0 +1,697 @@
+#include "ipc/ipcurls.h"
+#include "tests/support/client.h"
+#include "tests/support/daemonprocess.h"
+#include "tests/support/standins.h"
+#include "tests/tools/pemtexts.h"
+#include "tests/tools/vpnctlprocess.h"
+
+#include <QtCore/QDir>
+#include <QtCore/QFile>
+#include <QtCore/QJsonDocument>
+#include <QtCore/QJsonObject>
+#include <QtNetwork/QLocalServer>
+#include <QtTest/QtTest>
+
+#include <algorithm>
+#include <csignal>
+
+namespace {
+
+constexpr int kDone = 0;
+constexpr int kFailed = 1;
+constexpr int kWrongUse = 2;
+constexpr int kNoDaemon = 3;
+constexpr int kNoAnswer = 4;
+constexpr int kInterrupted = 130;
+
+const QString kUp = QStringLiteral("The tunnel is up.");
+const QString kAttemptFailedKey =
+    QStringLiteral("Key: warning.can_not_open_vpn_check_is_admin_granted");
+
+QString writeFile(const QString &name, const QByteArray &content)
+{
+    QFile file(QStringLiteral("/var/root/") + name);
+    if (!file.open(QIODevice::WriteOnly) || file.write(content) != content.size())
+        qFatal("cannot write %s", qPrintable(file.fileName()));
+    return file.fileName();
+}
+
+/// @return the path of a record whose host makes the stand-in for openvpn play @p scenario.
+QString recordFor(const QString &scenario)
+{
+    return writeFile(
+        scenario + QStringLiteral(".json"),
+        QStringLiteral(R"({"host":"%1","udpPort":1194,"tcpPort":443})").arg(scenario).toLatin1());
+}
+
+QString connectTo(const QString &scenario)
+{
+    return QStringLiteral("connect --server ") + recordFor(scenario);
+}
+
+QString profile(const QByteArray &text)
+{
+    return QStringLiteral("connect --config ") + writeFile(QStringLiteral("office.ovpn"), text);
+}
+
+int endpoints()
+{
+    return QDir(QStringLiteral("/tmp"))
+        .entryList({QStringLiteral("local:TalvexFreeVpnIpcInterface_*")}, QDir::System)
+        .size();
+}
+
+int heartbeats(DaemonProcess &daemon)
+{
+    return daemon.linesWith(QStringLiteral("Replica state is ")).size();
+}
+
+/// @return how many of @p lines begin with @p start.
+int countOf(const QStringList &lines, const QString &start)
+{
+    return static_cast<int>(std::count_if(
+        lines.begin(), lines.end(), [&](const QString &line) { return line.startsWith(start); }));
+}
+
+QList<QJsonObject> objectsIn(const QStringList &lines)
+{
+    QList<QJsonObject> objects;
+    for (const QString &line : lines)
+        objects.append(QJsonDocument::fromJson(line.toUtf8()).object());
+    return objects;
+}
+
+QStringList eventsIn(const QStringList &lines)
+{
+    QStringList events;
+    for (const QJsonObject &object : objectsIn(lines))
+        events.append(object.value(QLatin1String("event")).toString());
+    return events;
+}
+
+QJsonObject eventNamed(const QString &name, const QStringList &lines)
+{
+    for (const QJsonObject &object : objectsIn(lines)) {
+        if (object.value(QLatin1String("event")) == name)
+            return object;
+    }
+    return {};
+}
+
+} // namespace
+
+/// The program against the daemon, as people use the two.
+class VpnctlProgram : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    // ping
+
+    void pingMeasuresTheRoundTrip()
+    {
+        DaemonProcess daemon;
+        QVERIFY(daemon.start());
+        VpnctlProcess vpnctl;
+        QCOMPARE(vpnctl.run(QStringLiteral("ping --json")), kDone);
+        QCOMPARE(eventsIn(vpnctl.lines()), QStringList{QStringLiteral("pong")});
+        const double time =
+            objectsIn(vpnctl.lines())[0].value(QLatin1String("milliseconds")).toDouble();
+        QVERIFY2(time > 0 && time < 5000, qPrintable(QString::number(time)));
+    }
+
+    void pingLeavesNoEndpointBehind()
+    {
+        DaemonProcess daemon;
+        QVERIFY(daemon.start());
+        VpnctlProcess vpnctl;
+        QCOMPARE(vpnctl.run(QStringLiteral("ping")), kDone);
+        QTRY_COMPARE(daemon.count(QStringLiteral("LocalServer new connection")), 1);
+        QCOMPARE(daemon.count(QStringLiteral("Source Node Started")), 0);
+        QCOMPARE(endpoints(), 0);
+    }
+
+    // Without a daemon that works
+
+    void withoutDaemonOneClearLine_data() { addCommands(); }
+
+    void withoutDaemonOneClearLine()
+    {
+        QFETCH(QString, command);
+        VpnctlProcess vpnctl;
+        QCOMPARE(vpnctl.run(command), kNoDaemon);
+        QCOMPARE(vpnctl.lines(), QStringList());
+        QCOMPARE(countOf(vpnctl.errorLines(), QStringLiteral("vpnctl: ")), 1);
+        QVERIFY(vpnctl.errorLines().contains(
+            QStringLiteral("vpnctl: The daemon is not running: there is no socket "
+                           "/tmp/local:TalvexFreeVpnIpcInterface.")));
+    }
+
+    void staleSocketOneClearLine_data() { addCommands(); }
+
+    void staleSocketOneClearLine()
+    {
+        {
+            DaemonProcess daemon;
+            QVERIFY(daemon.start());
+            daemon.kill();
+        }
+        QVERIFY(QFile::exists(shared::getIpcServiceUrl()));
+        QFETCH(QString, command);
+        VpnctlProcess vpnctl;
+        QCOMPARE(vpnctl.run(command), kNoDaemon);
+        QCOMPARE(vpnctl.lines(), QStringList());
+        QCOMPARE(countOf(vpnctl.errorLines(), QStringLiteral("vpnctl: ")), 1);
+        QVERIFY(vpnctl.errorLines().contains(
+            QStringLiteral("vpnctl: The daemon is not running: it left the socket "
+                           "/tmp/local:TalvexFreeVpnIpcInterface behind.")));
+        QFile::remove(shared::getIpcServiceUrl());
+    }
+
+    void daemonThatHangsGivesNoAnswer()
+    {
+        DaemonProcess daemon;
+        QVERIFY(daemon.start());
+        ::kill(static_cast<pid_t>(daemon.pid()), SIGSTOP);
+        VpnctlProcess vpnctl;
+        QCOMPARE(vpnctl.run(QStringLiteral("ping")), kNoAnswer);
+        QCOMPARE(
+            vpnctl.errorLines().value(0),
+            QStringLiteral("vpnctl: The daemon accepts connections but did not answer within 5 "
+                           "seconds."));
+    }
+
+    void daemonThatClosesTheConnectionHasGone()
+    {
+        QLocalServer server;
+        QVERIFY(server.listen(shared::getIpcServiceUrl()));
+        VpnctlProcess vpnctl;
+        vpnctl.begin(QStringLiteral("ping"));
+        QTRY_VERIFY(server.hasPendingConnections());
+        delete server.nextPendingConnection();
+        QCOMPARE(vpnctl.exitCodeWithin(), kNoDaemon);
+        QCOMPARE(vpnctl.errorLines().value(0),
+                 QStringLiteral("vpnctl: The daemon has gone: it closed the connection."));
+    }
+
+    void daemonThatDiesWhileConnectingOneClearLine()
+    {
+        DaemonProcess daemon;
+        QVERIFY(daemon.start());
+        VpnctlProcess vpnctl;
+        vpnctl.begin(connectTo(QStringLiteral("silent")));
+        QTRY_COMPARE(standins::openvpnStarts().size(), 1);
+        daemon.kill();
+        QCOMPARE(vpnctl.exitCodeWithin(), kNoDaemon);
+        QCOMPARE(countOf(vpnctl.errorLines(),
+                         QStringLiteral("vpnctl: The daemon has gone: it closed the connection.")),
+                 1);
+    }
+
+    // connect
+
+    void connectTellsWhatHappensStepByStep()
+    {
+        DaemonProcess daemon;
+        QVERIFY(daemon.start());
+        VpnctlProcess vpnctl;
+        vpnctl.begin(connectTo(QStringLiteral("connects")));
+        QTRY_VERIFY(vpnctl.lines().contains(kUp));
+        vpnctl.closeWriteChannel();
+        QCOMPARE(vpnctl.exitCodeWithin(), kDone);
+        QStringList lines = vpnctl.lines();
+        lines.replaceInStrings(QRegularExpression(QStringLiteral("[0-9]+\\.[0-9] s")),
+                               QStringLiteral("T s"));
+        QCOMPARE(lines,
+                 (QStringList{QStringLiteral("Endpoint: 1"),
+                              QStringLiteral("Connecting to connects, port 1194, over UDP"),
+                              QStringLiteral("Connected after T s."), kUp,
+                              QStringLiteral("Disconnecting"),
+                              QStringLiteral("Disconnected after T s.")}));
+    }
+
+    void endpointIsPrintedWhileTheAttemptWaits()
+    {
+        DaemonProcess daemon;
+        QVERIFY(daemon.start());
+        VpnctlProcess vpnctl;
+        vpnctl.begin(connectTo(QStringLiteral("silent")));
+        QTRY_COMPARE(vpnctl.lines().value(0), QStringLiteral("Endpoint: 1"));
+        QCOMPARE(vpnctl.state(), QProcess::Running);
+    }
+
+    void recordReachesOpenvpn()
+    {
+        DaemonProcess daemon;
+        QVERIFY(daemon.start());
+        writeFile(QStringLiteral("ca.crt"),
+                  pemtexts::certificate(QStringLiteral("Q0E=")).toLatin1());
+        writeFile(QStringLiteral("me.crt"), pemtexts::certificate().toLatin1());
+        writeFile(QStringLiteral("me.key"), pemtexts::key().toLatin1());
+        const QString record = writeFile(
+            QStringLiteral("r.json"),
+            R"({"host":"connects","ca":"ca.crt","cert":"me.crt","key":"me.key","tcpPort":443})");
+        VpnctlProcess vpnctl;
+        QCOMPARE(vpnctl.run(QStringLiteral("connect --detach --server ") + record), kDone);
+        const QByteArray text = standins::configurationOf(standins::openvpnStarts()[0]);
+        QVERIFY(text.contains("\nproto tcp\nremote connects 443\n"));
+        QVERIFY(text.contains("<ca>\n" + pemtexts::certificate(QStringLiteral("Q0E=")).toLatin1()));
+        QVERIFY(text.contains("<cert>\n" + pemtexts::certificate().toLatin1()));
+        QVERIFY(text.contains("<key>\n" + pemtexts::key().toLatin1()));
+    }
+
+    void hostOptionsReachOpenvpn()
+    {
+        DaemonProcess daemon;
+        QVERIFY(daemon.start());
+        const QString ca = writeFile(QStringLiteral("ca.crt"), pemtexts::certificate().toLatin1());
+        VpnctlProcess vpnctl;
+        QCOMPARE(
+            vpnctl.run(QStringLiteral("connect --detach --host connects --port 53 --ca ") + ca),
+            kDone);
+        const QByteArray text = standins::configurationOf(standins::openvpnStarts()[0]);
+        QVERIFY(text.contains("\nproto udp\nremote connects 53\n"));
+        QVERIFY(text.contains("<ca>\n" + pemtexts::certificate().toLatin1()));
+    }
+
+    void remotesAreTriedInOrderUntilOneConnects()
+    {
+        DaemonProcess daemon;
+        QVERIFY(daemon.start());
+        VpnctlProcess vpnctl;
+        QCOMPARE(vpnctl.run(profile("remote error 1\nremote will-retry 2 tcp\nremote connects 3\n"
+                                    "remote silent 4\n")
+                            + QStringLiteral(" --detach")),
+                 kDone);
+        QVector<QByteArray> remotes;
+        for (const standins::OpenvpnStart &start : standins::openvpnStarts())
+            remotes.append(standins::configurationOf(start).split('\n').value(3));
+        QCOMPARE(
+            remotes,
+            (QVector<QByteArray>{"remote error 1", "remote will-retry 2", "remote connects 3"}));
+    }
+
+    void directivesNotCarriedOverAreNamedInOneLine()
+    {
+        DaemonProcess daemon;
+        QVERIFY(daemon.start());
+        VpnctlProcess vpnctl;
+        QCOMPARE(vpnctl.run(profile("client\nremote connects\nverb 3\nauth SHA256\n")
+                            + QStringLiteral(" --detach")),
+                 kDone);
+        QCOMPARE(vpnctl.errorLines().value(0),
+                 QStringLiteral("Note: Not carried over from the profile: verb, auth."));
+    }
+
+    void badInputOneClearLineAndNoEndpoint_data()
+    {
+        QTest::addColumn<QString>("arguments");
+        QTest::addColumn<QString>("line");
+        QTest::addRow("missing profile")
+            << QStringLiteral("connect --config /var/root/none.ovpn")
+            << QStringLiteral(
+                   "vpnctl: Cannot read the profile /var/root/none.ovpn: No such file or "
+                   "directory.");
+        QTest::addRow("profile with a missing file")
+            << profile("remote a\nca none.crt\n")
+            << QStringLiteral("vpnctl: Cannot read the ca file /var/root/none.crt: No such file or "
+                              "directory.");
+        QTest::addRow("missing record")
+            << QStringLiteral("connect --server /var/root/none.json")
+            << QStringLiteral("vpnctl: Cannot read the record /var/root/none.json: No such file or "
+                              "directory.");
+        QTest::addRow("port out of range")
+            << QStringLiteral("connect --host a --ca b --port 70000")
+            << QStringLiteral("vpnctl: --port must be a number from 1 to 65535, not \"70000\".");
+        QTest::addRow("port out of range in a record")
+            << QStringLiteral("connect --server ")
+                + writeFile(QStringLiteral("p.json"), R"({"host":"a","udpPort":70000})")
+            << QStringLiteral("vpnctl: /var/root/p.json: \"udpPort\" must be a whole number from 0 "
+                              "to 65535.");
+    }
+
+    void badInputOneClearLineAndNoEndpoint()
+    {
+        QFETCH(QString, arguments);
+        QFETCH(QString, line);
+        DaemonProcess daemon;
+        QVERIFY(daemon.start());
+        VpnctlProcess vpnctl;
+        QCOMPARE(vpnctl.run(arguments), kWrongUse);
+        QCOMPARE(vpnctl.errorLines().value(0), line);
+        QCOMPARE(vpnctl.lines(), QStringList());
+        QCOMPARE(endpoints(), 0);
+        daemon.kill();
+        QFile::remove(shared::getIpcServiceUrl());
+    }
+
+    void failureIsExplainedWithItsKey()
+    {
+        DaemonProcess daemon;
+        QVERIFY(daemon.start());
+        VpnctlProcess vpnctl;
+        QCOMPARE(vpnctl.run(connectTo(QStringLiteral("error"))), kFailed);
+        QCOMPARE(countOf(vpnctl.lines(), QStringLiteral("Not connected after ")), 1);
+        QCOMPARE(countOf(vpnctl.lines(), QStringLiteral("What to do: ")), 1);
+        QCOMPARE(countOf(vpnctl.lines(), kAttemptFailedKey), 1);
+    }
+
+    void failedAttemptLeavesNothingRunning_data()
+    {
+        QTest::addColumn<QString>("option");
+        QTest::addRow("held") << QString();
+        QTest::addRow("detached") << QStringLiteral(" --detach");
+    }
+
+    void failedAttemptLeavesNothingRunning()
+    {
+        QFETCH(QString, option);
+        DaemonProcess daemon;
+        QVERIFY(daemon.start());
+        VpnctlProcess vpnctl;
+        QCOMPARE(vpnctl.run(connectTo(QStringLiteral("error")) + option), kFailed);
+        QVERIFY(!standins::openvpnStarts().isEmpty());
+        QCOMPARE(standins::runningOpenvpns(), 0);
+        daemon.kill();
+        QFile::remove(shared::getIpcServiceUrl());
+    }
+
+    void progressIsPrintedAsPlainLinesWithoutATerminal()
+    {
+        DaemonProcess daemon;
+        QVERIFY(daemon.start());
+        VpnctlProcess vpnctl;
+        vpnctl.begin(connectTo(QStringLiteral("silent")));
+        const QRegularExpression line(
+            QStringLiteral("^   [45]\\.[0-9] s of 16 s: openvpn is calling the server$"));
+        QTRY_COMPARE_WITH_TIMEOUT(vpnctl.lines().indexOf(line), 2, 8'000);
+        QVERIFY(!vpnctl.output().contains('\r'));
+    }
+
+    void progressIsALineThatLivesOnATerminal()
+    {
+        DaemonProcess daemon;
+        QVERIFY(daemon.start());
+        VpnctlProcess vpnctl;
+        vpnctl.setVariable(QStringLiteral("TERM"), QStringLiteral("xterm"));
+        vpnctl.beginWithin({QStringLiteral("/usr/bin/script"), QStringLiteral("--quiet"),
+                            QStringLiteral("--log-out"), QStringLiteral("/dev/null"),
+                            QStringLiteral("--command")},
+                           connectTo(QStringLiteral("silent")));
+        QTRY_VERIFY(vpnctl.output().contains("\r\x1b[K   0.2 s of 16 s: openvpn is starting"));
+        QTRY_VERIFY(
+            vpnctl.output().contains("\r\x1b[K   1.2 s of 16 s: openvpn is calling the server"));
+    }
+
+    // Holding
+
+    void heldTunnelStaysUpAndIsTakenDownWhenAsked_data()
+    {
+        QTest::addColumn<int>("signal");
+        QTest::addRow("end of input") << 0;
+        QTest::addRow("SIGINT") << SIGINT;
+        QTest::addRow("SIGTERM") << SIGTERM;
+        QTest::addRow("SIGHUP") << SIGHUP;
+    }
+
+    void heldTunnelStaysUpAndIsTakenDownWhenAsked()
+    {
+        QFETCH(int, signal);
+        DaemonProcess daemon;
+        QVERIFY(daemon.start());
+        VpnctlProcess vpnctl;
+        vpnctl.begin(connectTo(QStringLiteral("connects")));
+        QTRY_VERIFY(vpnctl.lines().contains(kUp));
+        QCOMPARE(standins::runningOpenvpns(), 1);
+        if (signal == 0)
+            vpnctl.closeWriteChannel();
+        else
+            vpnctl.raise(signal);
+        QCOMPARE(vpnctl.exitCodeWithin(), kDone);
+        QCOMPARE(standins::runningOpenvpns(), 0);
+        daemon.kill();
+        QFile::remove(shared::getIpcServiceUrl());
+    }
+
+    void nullDeviceAsInputDoesNotEndTheTunnel()
+    {
+        DaemonProcess daemon;
+        QVERIFY(daemon.start());
+        VpnctlProcess vpnctl;
+        vpnctl.setStandardInputFile(QProcess::nullDevice());
+        vpnctl.begin(connectTo(QStringLiteral("connects")));
+        QTRY_COMPARE_WITH_TIMEOUT(heartbeats(daemon), 2, 15'000);
+        QCOMPARE(vpnctl.state(), QProcess::Running);
+    }
+
+    void heartbeatOutlastsTheDaemonsLimit()
+    {
+        DaemonProcess daemon;
+        QVERIFY(daemon.start());
+        VpnctlProcess vpnctl;
+        vpnctl.begin(connectTo(QStringLiteral("connects")));
+        // The daemon's limit is 30 s, so the fifth heartbeat comes after it.
+        QTRY_COMPARE_WITH_TIMEOUT(heartbeats(daemon), 5, 45'000);
+        QCOMPARE(daemon.count(QStringLiteral("Client was disconnected")), 0);
+        QCOMPARE(standins::runningOpenvpns(), 1);
+    }
+
+    void killedHolderLosesItsTunnel()
+    {
+        DaemonProcess daemon;
+        QVERIFY(daemon.start());
+        VpnctlProcess vpnctl;
+        vpnctl.begin(connectTo(QStringLiteral("connects")));
+        QTRY_VERIFY(vpnctl.lines().contains(kUp));
+        vpnctl.raise(SIGKILL);
+        QTRY_COMPARE_WITH_TIMEOUT(standins::runningOpenvpns(), 0, 35'000);
+        QCOMPARE(daemon.count(QStringLiteral("Client was disconnected")), 1);
+    }
+
+    void interruptedAttemptStopsOpenvpn()
+    {
+        DaemonProcess daemon;
+        QVERIFY(daemon.start());
+        VpnctlProcess vpnctl;
+        vpnctl.begin(connectTo(QStringLiteral("silent")));
+        QTRY_COMPARE(standins::runningOpenvpns(), 1);
+        vpnctl.raise(SIGINT);
+        QCOMPARE(vpnctl.exitCodeWithin(), kInterrupted);
+        QCOMPARE(standins::runningOpenvpns(), 0);
+    }
+
+    void secondInterruptDoesNotWaitForOpenvpn()
+    {
+        DaemonProcess daemon;
+        QVERIFY(daemon.start());
+        VpnctlProcess vpnctl;
+        vpnctl.begin(connectTo(QStringLiteral("ignores-term")));
+        QTRY_VERIFY(vpnctl.lines().contains(kUp));
+        vpnctl.raise(SIGINT);
+        QTRY_VERIFY(vpnctl.lines().contains(QStringLiteral("Disconnecting")));
+        // Interrupts in quick succession count as one, so it takes more than one attempt.
+        QElapsedTimer sinceFirst;
+        sinceFirst.start();
+        QVERIFY(QTest::qWaitFor(
+            [&] {
+                vpnctl.raise(SIGINT);
+                return vpnctl.state() == QProcess::NotRunning;
+            },
+            8'000));
+        QCOMPARE(vpnctl.exitCode(), kInterrupted);
+        QVERIFY(sinceFirst.elapsed() >= 900);
+        QCOMPARE(standins::runningOpenvpns(), 1);
+    }
+
+    void nobodyReadingTheOutputEndsTheTunnel()
+    {
+        DaemonProcess daemon;
+        QVERIFY(daemon.start());
+        VpnctlProcess vpnctl;
+        vpnctl.beginWithin({QStringLiteral("/bin/bash"), QStringLiteral("-o"),
+                            QStringLiteral("pipefail"), QStringLiteral("-c")},
+                           connectTo(QStringLiteral("connects")) + QStringLiteral(" | head -n 2"));
+        QCOMPARE(vpnctl.exitCodeWithin(), kDone);
+        QCOMPARE(vpnctl.lines().size(), 2);
+        QCOMPARE(standins::openvpnStarts().size(), 1);
+        QCOMPARE(standins::runningOpenvpns(), 0);
+    }
+
+    // Detached tunnels and others' commands
+
+    void detachedTunnelStaysUpWithoutHeartbeat()
+    {
+        DaemonProcess daemon;
+        QVERIFY(daemon.start());
+        VpnctlProcess vpnctl;
+        QCOMPARE(vpnctl.run(connectTo(QStringLiteral("connects")) + QStringLiteral(" --detach")),
+                 kDone);
+        QCOMPARE(vpnctl.lines().value(0), QStringLiteral("Endpoint: 1"));
+        QCOMPARE(standins::runningOpenvpns(), 1);
+        QCOMPARE(heartbeats(daemon), 0);
+    }
+
+    void disconnectTakesADetachedTunnelDown()
+    {
+        DaemonProcess daemon;
+        QVERIFY(daemon.start());
+        VpnctlProcess vpnctl;
+        QCOMPARE(vpnctl.run(connectTo(QStringLiteral("connects")) + QStringLiteral(" --detach")),
+                 kDone);
+        QCOMPARE(vpnctl.run(QStringLiteral("disconnect --endpoint 1")), kDone);
+        QCOMPARE(countOf(vpnctl.lines(), QStringLiteral("Disconnected")), 1);
+        QCOMPARE(standins::runningOpenvpns(), 0);
+    }
+
+    void disconnectFromElsewhereEndsTheHolder()
+    {
+        DaemonProcess daemon;
+        QVERIFY(daemon.start());
+        VpnctlProcess holder;
+        holder.begin(connectTo(QStringLiteral("connects")));
+        QTRY_VERIFY(holder.lines().contains(kUp));
+        VpnctlProcess other;
+        QCOMPARE(other.run(QStringLiteral("disconnect --endpoint 1")), kDone);
+        QCOMPARE(holder.exitCodeWithin(), kDone);
+        QCOMPARE(holder.lines().constLast(),
+                 QStringLiteral("Another client of endpoint 1 has taken the tunnel down."));
+    }
+
+    void endpointThatIsNotThereIsWrongUse_data()
+    {
+        QTest::addColumn<QString>("command");
+        QTest::addRow("disconnect") << QStringLiteral("disconnect --endpoint 9");
+        QTest::addRow("watch") << QStringLiteral("watch --endpoint 9");
+        QTest::addRow("raw") << QStringLiteral("raw {} --endpoint 9");
+    }
+
+    void endpointThatIsNotThereIsWrongUse()
+    {
+        QFETCH(QString, command);
+        DaemonProcess daemon;
+        QVERIFY(daemon.start());
+        VpnctlProcess vpnctl;
+        QCOMPARE(vpnctl.run(command), kWrongUse);
+        QCOMPARE(vpnctl.errorLines().value(0),
+                 QStringLiteral("vpnctl: The daemon has no endpoint 9."));
+        daemon.kill();
+        QFile::remove(shared::getIpcServiceUrl());
+    }
+
+    void watchPrintsTheAnswersOfOthers()
+    {
+        DaemonProcess daemon;
+        QVERIFY(daemon.start());
+        Client client;
+        QVERIFY(client.attachToNewEndpoint());
+        VpnctlProcess vpnctl;
+        vpnctl.begin(QStringLiteral("watch --endpoint 1"));
+        QTRY_VERIFY(vpnctl.lines().contains(QStringLiteral("Watching endpoint 1")));
+        client.connectUdp(standins::serverFor(QStringLiteral("connects")));
+        QTRY_VERIFY(vpnctl.lines().contains(QStringLiteral("Connected.")));
+        client.disconnectTunnel();
+        QTRY_VERIFY(vpnctl.lines().contains(QStringLiteral("Disconnected.")));
+        vpnctl.raise(SIGINT);
+        QCOMPARE(vpnctl.exitCodeWithin(), kDone);
+    }
+
+    // raw
+
+    void rawSendsTheTextAndPrintsTheAnswer()
+    {
+        DaemonProcess daemon;
+        QVERIFY(daemon.start());
+        VpnctlProcess vpnctl;
+        QCOMPARE(
+            vpnctl.run(QStringLiteral(R"(raw {"type":"connect","cmd":"ovpnTcp"} --json --server )")
+                       + recordFor(QStringLiteral("connects"))),
+            kDone);
+        const QJsonObject answer = eventNamed(QStringLiteral("answer"), vpnctl.lines());
+        QCOMPARE(
+            answer.value(QLatin1String("message")).toString(),
+            QStringLiteral(R"({"arg":"connect","cmd":"connect","status":true,"type":"openvpn"})"));
+        QCOMPARE(answer.value(QLatin1String("success")), QJsonValue(true));
+        QCOMPARE(standins::configurationOf(standins::openvpnStarts()[0]).split('\n').value(3),
+                 QByteArray("remote connects 443"));
+    }
+
+    void rawTextThatTheDaemonDoesNotKnowIsNotAnswered()
+    {
+        DaemonProcess daemon;
+        QVERIFY(daemon.start());
+        VpnctlProcess vpnctl;
+        QCOMPARE(vpnctl.run(QStringLiteral("raw nonsense --timeout 1")), kNoAnswer);
+        QCOMPARE(daemon.count(QStringLiteral("Command status  \"\"")), 1);
+        QCOMPARE(vpnctl.errorLines().value(0),
+                 QStringLiteral("vpnctl: The daemon did not answer the command within 1 seconds."));
+    }
+
+    // JSON
+
+    void everyJsonLineIsAnObjectWithAnEvent()
+    {
+        DaemonProcess daemon;
+        QVERIFY(daemon.start());
+        VpnctlProcess vpnctl;
+        vpnctl.begin(connectTo(QStringLiteral("connects")) + QStringLiteral(" --json"));
+        QTRY_VERIFY(eventsIn(vpnctl.lines()).contains(QStringLiteral("up")));
+        vpnctl.closeWriteChannel();
+        QCOMPARE(vpnctl.exitCodeWithin(), kDone);
+        QCOMPARE(eventsIn(vpnctl.lines()),
+                 (QStringList{QStringLiteral("note"), QStringLiteral("endpoint"),
+                              QStringLiteral("connecting"), QStringLiteral("answer"),
+                              QStringLiteral("up"), QStringLiteral("disconnecting"),
+                              QStringLiteral("answer")}));
+        QCOMPARE(vpnctl.errorLines(), QStringList());
+        QCOMPARE(vpnctl.lines().value(1), QStringLiteral(R"({"endpoint":1,"event":"endpoint"})"));
+    }
+
+    void jsonAnswerCarriesKeyTextAndAdvice()
+    {
+        DaemonProcess daemon;
+        QVERIFY(daemon.start());
+        VpnctlProcess vpnctl;
+        QCOMPARE(vpnctl.run(connectTo(QStringLiteral("error")) + QStringLiteral(" --json")),
+                 kFailed);
+        const QJsonObject answer = eventNamed(QStringLiteral("answer"), vpnctl.lines());
+        QCOMPARE(answer.value(QLatin1String("key")).toString(),
+                 QStringLiteral("warning.can_not_open_vpn_check_is_admin_granted"));
+        QCOMPARE(answer.value(QLatin1String("success")), QJsonValue(false));
+        QCOMPARE(answer.value(QLatin1String("command")).toString(), QStringLiteral("connect"));
+        QVERIFY(!answer.value(QLatin1String("text")).toString().isEmpty());
+        QVERIFY(!answer.value(QLatin1String("advice")).toString().isEmpty());
+    }
+
+    void jsonErrorCarriesTheExitCode_data()
+    {
+        QTest::addColumn<QString>("command");
+        QTest::addColumn<int>("exitCode");
+        QTest::addRow("no daemon") << QStringLiteral("ping --json") << kNoDaemon;
+        QTest::addRow("wrong use") << QStringLiteral("dance --json") << kWrongUse;
+    }
+
+    void jsonErrorCarriesTheExitCode()
+    {
+        QFETCH(QString, command);
+        QFETCH(int, exitCode);
+        VpnctlProcess vpnctl;
+        QCOMPARE(vpnctl.run(command), exitCode);
+        QCOMPARE(vpnctl.errorLines(), QStringList());
+        QCOMPARE(eventsIn(vpnctl.lines()), QStringList{QStringLiteral("error")});
+        QCOMPARE(objectsIn(vpnctl.lines())[0].value(QLatin1String("exit")).toInt(), exitCode);
+    }
+
+private:
+    static void addCommands()
+    {
+        QTest::addColumn<QString>("command");
+        QTest::addRow("ping") << QStringLiteral("ping");
+        QTest::addRow("connect") << connectTo(QStringLiteral("connects"));
+        QTest::addRow("disconnect") << QStringLiteral("disconnect --endpoint 1");
+        QTest::addRow("watch") << QStringLiteral("watch --endpoint 1");
+        QTest::addRow("raw") << QStringLiteral("raw {}");
+    }
+};
+
+QTEST_GUILESS_MAIN(VpnctlProgram)
+#include "vpnctl_program.moc"

@@ -1,0 +1,79 @@
+#pragma once
+
+#include "tools/vpnctl/exitcode.h"
+#include "tools/vpnctl/options.h"
+#include "tools/vpnctl/report.h"
+#include "tools/vpnctl/vpnsession.h"
+
+#include <QtCore/QElapsedTimer>
+#include <QtCore/QObject>
+#include <QtCore/QTimer>
+
+#include <memory>
+
+namespace vpnctl {
+
+/// One run of a subcommand: a conversation with the daemon from its start to an exit code.
+class Command : public QObject
+{
+    Q_OBJECT
+
+public:
+    /// @return the object for the command that @p options ask for.
+    /// @param report must outlive the command.
+    static std::unique_ptr<Command> create(const Options &options, Report &report);
+
+    ~Command() override;
+
+    /// Begins; call once. finished() may come from within.
+    virtual void start() = 0;
+
+    /// A signal asks to stop. Unless a command knows better, it stops at once.
+    virtual void stop();
+
+    /// Nobody gives input or takes output any more. Unless a command knows better, like stop().
+    virtual void hangUp();
+
+    /// @return whether the end of the standard input is to end the command.
+    virtual bool isTiedToInput() const { return false; }
+
+Q_SIGNALS:
+    /// Comes once; nothing is printed after it.
+    void finished(vpnctl::ExitCode exitCode);
+
+protected:
+    Command(const Options &options, Report &report);
+
+    const Options &options() const { return m_options; }
+    Report &report() { return m_report; }
+    VpnSession &session() { return m_session; }
+
+    /// Counts the time from here to the answer, reports the progress, and gives up after
+    /// Options::answerLimit.
+    /// @param longest how long the daemon takes at most; 0 when that cannot be told.
+    void awaitAnswer(std::chrono::seconds longest);
+
+    /// @return how long the answer took; it is no longer waited for.
+    std::chrono::milliseconds answerArrived();
+
+    /// @return what is happening while an answer is awaited, without a full stop.
+    virtual QString activity(std::chrono::milliseconds elapsed) const;
+
+    void finish(ExitCode exitCode);
+    void finishWith(const Problem &problem);
+
+private:
+    void reportProgress();
+    void giveUpWaiting();
+
+    Options m_options;
+    Report &m_report;
+    VpnSession m_session;
+    QTimer m_progress;
+    QTimer m_answerLimit;
+    QElapsedTimer m_sinceCommand;
+    std::chrono::seconds m_longest{0};
+    bool m_isFinished = false;
+};
+
+} // namespace vpnctl

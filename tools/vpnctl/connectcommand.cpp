@@ -1,0 +1,163 @@
+#include "tools/vpnctl/connectcommand.h"
+
+#include "tools/vpnctl/targets.h"
+
+namespace vpnctl {
+
+namespace {
+
+using namespace std::chrono_literals;
+
+// The daemon's own limits.
+constexpr auto kConnectLimit = 16s;
+constexpr auto kFirstOutputLimit = 10s;
+
+constexpr auto kStartTime = 1s;
+constexpr auto kSameStopRequest = 1s;
+
+} // namespace
+
+ConnectCommand::ConnectCommand(const Options &options, Report &report)
+    : Command(options, report)
+{
+    connect(&session(), &VpnSession::endpointCreated, this, [this](int endpoint) {
+        m_endpoint = endpoint;
+        this->report().endpoint(endpoint);
+    });
+    connect(&session(), &VpnSession::opened, this, [this] {
+        // From the first heartbeat on the daemon expects more of them.
+        if (!this->options().detach)
+            session().keepAlive();
+        tryNextTarget();
+    });
+    connect(&session(), &VpnSession::answered, this, &ConnectCommand::handleAnswer);
+}
+
+void ConnectCommand::start()
+{
+    QString error;
+    const std::optional<TargetList> list = readTargets(options(), &error);
+    if (!list) {
+        finishWith({ExitCode::WrongUse, error, {}});
+        return;
+    }
+    for (const QString &note : list->notes)
+        report().note(note);
+    m_targets = list->targets;
+    session().openNewEndpoint();
+}
+
+void ConnectCommand::stop()
+{
+    if (m_phase == Phase::Closing && !isSameStopRequest())
+        finish(ExitCode::Interrupted);
+    else
+        hangUp();
+}
+
+bool ConnectCommand::isSameStopRequest() const
+{
+    return m_sinceStop.isValid()
+        && !m_sinceStop.hasExpired(std::chrono::milliseconds(kSameStopRequest).count());
+}
+
+void ConnectCommand::hangUp()
+{
+    if (m_phase == Phase::Closing)
+        return;
+    m_sinceStop.start();
+    if (m_phase == Phase::Opening)
+        finish(ExitCode::Interrupted);
+    else
+        close(m_phase == Phase::Holding ? ExitCode::Done : ExitCode::Interrupted);
+}
+
+QString ConnectCommand::activity(std::chrono::milliseconds elapsed) const
+{
+    if (m_phase == Phase::Closing)
+        return QStringLiteral("openvpn is stopping and the DNS settings are being restored");
+    if (elapsed < kStartTime)
+        return QStringLiteral("openvpn is starting");
+    if (elapsed < kFirstOutputLimit)
+        return QStringLiteral("openvpn is calling the server");
+    if (elapsed < kConnectLimit)
+        return QStringLiteral("openvpn is setting the tunnel up");
+    return QStringLiteral("time is up, openvpn is stopping");
+}
+
+void ConnectCommand::tryNextTarget()
+{
+    m_phase = Phase::Connecting;
+    const Target &target = m_targets.at(m_attempt++);
+    report().connecting(target, m_attempt, m_targets.size());
+    session().startTunnel(target);
+    awaitAnswer(kConnectLimit);
+}
+
+void ConnectCommand::handleAnswer(const QString &message, const OperationResult &result)
+{
+    const bool isConnect = commandOf(message) == QLatin1String("connect");
+    switch (m_phase) {
+    case Phase::Opening:
+        break;
+    case Phase::Connecting:
+        if (!isConnect) // somebody else's disconnect; the attempt's answer tells what came of it
+            break;
+        report().answer(message, result, answerArrived());
+        if (result.success)
+            handleConnected();
+        else if (m_attempt < m_targets.size())
+            tryNextTarget();
+        else
+            close(ExitCode::Failed);
+        break;
+    case Phase::Holding:
+        handleAnswerWhileHolding(message, result);
+        break;
+    case Phase::Closing:
+        if (isConnect) // the attempt that was given up
+            break;
+        report().answer(message, result, answerArrived());
+        finish(result.success ? m_exitCode : ExitCode::Failed);
+        break;
+    }
+}
+
+void ConnectCommand::handleConnected()
+{
+    if (options().detach) {
+        report().detached(m_endpoint);
+        finish(ExitCode::Done);
+        return;
+    }
+    m_phase = Phase::Holding;
+    report().holding(m_endpoint);
+}
+
+void ConnectCommand::handleAnswerWhileHolding(const QString &message, const OperationResult &result)
+{
+    const bool isConnect = commandOf(message) == QLatin1String("connect");
+    if (!isConnect) {
+        report().takenDown(m_endpoint);
+        finish(ExitCode::Done);
+        return;
+    }
+    // Somebody else connects this endpoint anew, for which the daemon takes the tunnel down first.
+    report().answer(message, result, 0ms);
+    if (!result.success)
+        close(ExitCode::Failed);
+}
+
+void ConnectCommand::close(ExitCode exitCode)
+{
+    m_phase = Phase::Closing;
+    m_exitCode = exitCode;
+    if (exitCode == ExitCode::Failed)
+        report().cleaningUp();
+    else
+        report().disconnecting();
+    session().stopTunnel();
+    awaitAnswer(0s);
+}
+
+} // namespace vpnctl

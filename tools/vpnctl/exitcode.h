@@ -1,0 +1,19 @@
+#pragma once
+
+#include <QtCore/QMetaType>
+
+namespace vpnctl {
+
+/// What the program says to the shell; the manual page repeats this list.
+enum class ExitCode {
+    Done = 0,
+    Failed = 1, ///< The daemon answered, and the answer was failure.
+    WrongUse = 2, ///< Command line, profile, record or endpoint number are wrong.
+    NoDaemon = 3, ///< The daemon is not there, or has gone.
+    NoAnswer = 4, ///< The daemon did not answer in time.
+    Interrupted = 130, ///< Stopped from outside before the work was done.
+};
+
+} // namespace vpnctl
+
+Q_DECLARE_METATYPE(vpnctl::ExitCode)

@@ -1,0 +1,61 @@
+#include "tools/vpnctl/explain.h"
+
+namespace vpnctl {
+
+namespace {
+
+struct Entry
+{
+    const char *key;
+    const char *text;
+    const char *advice;
+};
+
+constexpr Entry kEntries[] = {
+    {"label.can_not_create_config_for_open_vpn",
+     "The daemon could not write the configuration file for openvpn.",
+     "Check that the disk of the daemon's temporary folder has room and is writable."},
+    {"warning.open_vpn_running_fails_check_apps", "The openvpn program could not be started.",
+     "Check that \"openvpn\" lies next to the daemon, that it may be executed, and that no "
+     "security "
+     "program blocks it; reinstall the application if it is missing."},
+    {"warning.open_vpn_does_not_exists_try_another_protocol",
+     "The openvpn program could not be started, or is missing.",
+     "Check that \"openvpn\" lies next to the daemon and may be executed; reinstall the "
+     "application "
+     "if it is missing."},
+    {"warning.open_vpn_connection_time_out", "The tunnel was not up after 16 seconds.",
+     "The server or the network may be slow, or openvpn ended again and again: try once more, try "
+     "the other transport (--udp or --tcp) or another server, and read the daemon's log."},
+    {"warning.open_vpn_server_does_not_respond",
+     "openvpn had nothing to say for 10 seconds: the server does not respond.",
+     "Check host and port and that a firewall lets them through; try the other transport (--udp or "
+     "--tcp) or another server."},
+    {"warning.can_not_open_vpn_check_is_admin_granted",
+     "openvpn reported an error, ended by itself, or was stopped before the tunnel was up.",
+     "Check that the daemon runs as root and that certificate and key belong to this server; the "
+     "daemon's log has what openvpn said."},
+    {"warning.l2tp_connection_fail", "The system's L2TP service could not connect.",
+     "Check user name, password and shared secret of the L2TP service in the network settings."},
+};
+
+} // namespace
+
+Explanation explain(const QString &key)
+{
+    for (const Entry &entry : kEntries) {
+        if (key == QLatin1String(entry.key))
+            return {QString::fromLatin1(entry.text), QString::fromLatin1(entry.advice)};
+    }
+    return {key, {}};
+}
+
+QStringList explainedKeys()
+{
+    QStringList keys;
+    for (const Entry &entry : kEntries)
+        keys.append(QString::fromLatin1(entry.key));
+    return keys;
+}
+
+} // namespace vpnctl

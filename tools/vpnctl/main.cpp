@@ -1,0 +1,83 @@
+#include "tools/vpnctl/command.h"
+#include "tools/vpnctl/options.h"
+#include "tools/vpnctl/report.h"
+#include "tools/vpnctl/stoprequests.h"
+
+#include <QtCore/QCoreApplication>
+#include <QtCore/QLoggingCategory>
+#include <QtCore/QTimer>
+
+#include <csignal>
+#include <cstdio>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace {
+
+using namespace vpnctl;
+
+/// A descriptor that the caller has closed would otherwise be given to the next socket.
+void openStandardStreams()
+{
+    for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        if (fcntl(descriptor, F_GETFD) == -1)
+            ::open("/dev/null", O_RDWR);
+    }
+}
+
+/// The program says itself what goes wrong; Qt's account of the same would only confuse.
+void silenceQt()
+{
+    if (qEnvironmentVariableIsEmpty("QT_LOGGING_RULES"))
+        QLoggingCategory::setFilterRules(QStringLiteral("qt.*=false"));
+}
+
+int exitStatus(ExitCode exitCode)
+{
+    return static_cast<int>(exitCode);
+}
+
+int run(const Options &options, Report &report)
+{
+    StopRequests stopRequests;
+    const std::unique_ptr<Command> command = Command::create(options, report);
+    // Queued: the command may finish before the event loop runs, or while it is being called.
+    QObject::connect(
+        command.get(), &Command::finished, qApp,
+        [](ExitCode exitCode) { QCoreApplication::exit(exitStatus(exitCode)); },
+        Qt::QueuedConnection);
+    QObject::connect(&report, &Report::outputClosed, command.get(), &Command::hangUp,
+                     Qt::QueuedConnection);
+    QObject::connect(&stopRequests, &StopRequests::signalled, command.get(), &Command::stop);
+    QObject::connect(&stopRequests, &StopRequests::inputEnded, command.get(), &Command::hangUp);
+    if (command->isTiedToInput())
+        stopRequests.watchStandardInput();
+    command->start();
+    return QCoreApplication::exec();
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    openStandardStreams();
+    std::signal(SIGPIPE, SIG_IGN);
+    silenceQt();
+    QCoreApplication application(argc, argv);
+    qRegisterMetaType<vpnctl::ExitCode>();
+
+    const CommandLine line = parseCommandLine(QCoreApplication::arguments());
+    Report report(line.json ? Report::Form::Json : Report::Form::Text);
+    if (line.isError) {
+        report.problem({ExitCode::WrongUse, line.text,
+                        QStringLiteral("\"vpnctl --help\" lists the commands, and "
+                                       "\"vpnctl COMMAND --help\" what each takes.")});
+        return exitStatus(ExitCode::WrongUse);
+    }
+    if (!line.options) {
+        std::fputs(line.text.toUtf8().constData(), stdout);
+        return exitStatus(ExitCode::Done);
+    }
+    return run(*line.options, report);
+}

@@ -1,0 +1,117 @@
+#include "tools/vpnctl/pem.h"
+
+#include <QtCore/QFile>
+#include <QtCore/QRegularExpression>
+#include <QtCore/QVector>
+
+namespace vpnctl {
+
+namespace {
+
+/// Far more than any chain of certificates; keeps a wrong path from filling the memory.
+constexpr qint64 kLargestFile = 1024 * 1024;
+
+bool isOfKind(PemKind kind, const QString &label)
+{
+    return label.endsWith(QLatin1String(kind == PemKind::Key ? "PRIVATE KEY" : "CERTIFICATE"));
+}
+
+QString describe(PemKind kind)
+{
+    return kind == PemKind::Key ? QStringLiteral("private key") : QStringLiteral("certificate");
+}
+
+struct Block
+{
+    QString label; ///< what stands after "-----BEGIN "
+    QString text;
+
+    bool isEncrypted() const
+    {
+        return label == QLatin1String("ENCRYPTED PRIVATE KEY")
+            || text.contains(QLatin1String("Proc-Type: 4,ENCRYPTED"));
+    }
+};
+
+/// A block with a line that has no place in PEM is left out, like one that does not end.
+QVector<Block> blocksOf(const QString &text)
+{
+    static const QRegularExpression begin(QStringLiteral("\\A-----BEGIN ([A-Z0-9 ]+)-----\\z"));
+    static const QRegularExpression body(QStringLiteral("\\A[A-Za-z0-9+/=:, -]*\\z"));
+
+    QVector<Block> blocks;
+    Block block;
+    for (const QString &untrimmed : text.split(QLatin1Char('\n'))) {
+        const QString line = untrimmed.trimmed();
+        const QRegularExpressionMatch match = begin.match(line);
+        if (match.hasMatch())
+            block = {match.captured(1), QString()};
+        else if (block.label.isEmpty())
+            continue;
+        else if (!body.match(line).hasMatch())
+            block = {};
+
+        block.text += line + QLatin1Char('\n');
+        if (line == QStringLiteral("-----END %1-----").arg(block.label)) {
+            blocks.append(block);
+            block = {};
+        }
+    }
+    return blocks;
+}
+
+} // namespace
+
+QString pemName(PemKind kind)
+{
+    switch (kind) {
+    case PemKind::Authority:
+        return QStringLiteral("ca");
+    case PemKind::Certificate:
+        return QStringLiteral("cert");
+    case PemKind::Key:
+        break;
+    }
+    return QStringLiteral("key");
+}
+
+std::optional<QString> pemFromText(PemKind kind, const QString &text, const QString &source,
+                                   QString *error)
+{
+    QString blocks;
+    bool isKindSeen = false;
+    for (const Block &block : blocksOf(text)) {
+        if (block.isEncrypted()) {
+            *error = QStringLiteral("The key in %1 is encrypted, and the daemon cannot ask for its "
+                                    "pass phrase; store it decrypted.")
+                         .arg(source);
+            return {};
+        }
+        isKindSeen = isKindSeen || isOfKind(kind, block.label);
+        blocks += block.text;
+    }
+    if (!isKindSeen) {
+        *error = QStringLiteral("%1 holds no %2 in PEM form (\"-----BEGIN ...\").")
+                     .arg(source, describe(kind));
+        return {};
+    }
+    return blocks;
+}
+
+std::optional<QString> pemFromFile(PemKind kind, const QString &path, const QDir &folder,
+                                   QString *error)
+{
+    QFile file(folder.filePath(path));
+    if (!file.open(QIODevice::ReadOnly)) {
+        *error = QStringLiteral("Cannot read the %1 file %2: %3.")
+                     .arg(pemName(kind), file.fileName(), file.errorString());
+        return {};
+    }
+    if (file.size() > kLargestFile) {
+        *error = QStringLiteral("The %1 file %2 is too large.").arg(pemName(kind), file.fileName());
+        return {};
+    }
+    return pemFromText(kind, QString::fromLatin1(file.read(kLargestFile)), file.fileName(), error);
+}
+
+} // namespace vpnctl

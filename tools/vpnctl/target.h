@@ -1,0 +1,38 @@
+#pragma once
+
+#include "ipc/vpnserverinformation.h"
+
+#include <QtCore/QVector>
+
+namespace vpnctl {
+
+enum class Transport { Udp, Tcp };
+
+/// @return "UDP" or "TCP".
+QString transportName(Transport transport);
+
+/// A server, and how to reach it: what one connect command needs.
+struct Target
+{
+    VpnServerInformation server;
+    Transport transport = Transport::Udp;
+
+    /// @return the port that goes with the transport.
+    int port() const { return transport == Transport::Udp ? server.udpPort : server.tcpPort; }
+};
+
+/// Targets in the order in which to try them.
+using Targets = QVector<Target>;
+
+/// @return whether @p host can stand for a host name or address: letters, digits, dots, dashes,
+///         underscores and colons. Blanks and line ends above all would let it say more to openvpn
+///         than a host.
+bool isHost(const QString &host);
+
+constexpr int kLowestPort = 1;
+constexpr int kHighestPort = 65'535;
+
+/// @return whether @p port is a port number.
+bool isPort(qint64 port);
+
+} // namespace vpnctl

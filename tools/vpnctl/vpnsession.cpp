@@ -1,0 +1,266 @@
+#include "tools/vpnctl/vpnsession.h"
+
+#include "ipc/ipcurls.h"
+#include "rep_ipcinterface_replica.h"
+#include "rep_serviceinterface_replica.h"
+
+#include <QtCore/QFileInfo>
+#include <QtCore/QJsonDocument>
+#include <QtCore/QJsonObject>
+
+#include <chrono>
+
+namespace vpnctl {
+
+namespace {
+
+using namespace std::chrono_literals;
+
+/// For everything that the daemon does at once unless it hangs.
+constexpr auto kHandshakeLimit = 5s;
+constexpr auto kHeartbeatPeriod = 10s;
+
+const QLatin1String kConnectUdp(R"({"type":"connect","cmd":"ovpnUdp"})");
+const QLatin1String kConnectTcp(R"({"type":"connect","cmd":"ovpnTcp"})");
+const QLatin1String kDisconnect(R"({"type":"openvpn","cmd":"disconnect"})");
+
+Problem noDaemon(const QString &text, const QString &advice)
+{
+    return {ExitCode::NoDaemon, text, advice};
+}
+
+/// Why the main socket could not be connected to.
+Problem mainSocketProblem(const QLocalSocket &socket, QLocalSocket::LocalSocketError error)
+{
+    const QString name = shared::getIpcServiceUrl();
+    switch (error) {
+    case QLocalSocket::ServerNotFoundError:
+        return noDaemon(
+            QStringLiteral("The daemon is not running: there is no socket %1.").arg(name),
+            QStringLiteral("Start it: sudo launchctl load -w "
+                           "/Library/LaunchDaemons/TalvexVpnd.plist"));
+    case QLocalSocket::ConnectionRefusedError:
+        return noDaemon(
+            QStringLiteral("The daemon is not running: it left the socket %1 behind.").arg(name),
+            QStringLiteral("Remove the file (sudo rm '%1'), or the daemon cannot listen; then "
+                           "start the daemon.")
+                .arg(name));
+    case QLocalSocket::SocketAccessError:
+        return noDaemon(QStringLiteral("You may not connect to the daemon's socket %1.").arg(name),
+                        QStringLiteral("Check the permissions of the socket; every user should be "
+                                       "allowed to read and write."));
+    default:
+        return noDaemon(QStringLiteral("Cannot connect to the daemon's socket %1: %2.")
+                            .arg(name, socket.errorString()),
+                        {});
+    }
+}
+
+Problem daemonGone()
+{
+    return noDaemon(QStringLiteral("The daemon has gone: it closed the connection."),
+                    QStringLiteral("Its log may say why. A tunnel that was up may be left without "
+                                   "anybody to take it down; start the daemon again."));
+}
+
+Problem foreignInterface()
+{
+    return noDaemon(QStringLiteral("What listens on the daemon's socket speaks another interface."),
+                    QStringLiteral("Use the vpnctl that came with the daemon."));
+}
+
+/// Why an endpoint's socket could not be connected to: mostly because there is no daemon at all.
+Problem endpointProblem(int endpoint)
+{
+    QLocalSocket socket;
+    socket.connectToServer(shared::getIpcServiceUrl());
+    if (!socket.waitForConnected(
+            static_cast<int>(std::chrono::milliseconds(kHandshakeLimit).count())))
+        return mainSocketProblem(socket, socket.error());
+    return {ExitCode::WrongUse, QStringLiteral("The daemon has no endpoint %1.").arg(endpoint),
+            QStringLiteral("\"vpnctl connect\" prints the number of its endpoint; endpoints end "
+                           "with the daemon that made them.")};
+}
+
+} // namespace
+
+VpnSession::VpnSession(QObject *parent)
+    : QObject(parent)
+{
+    m_limit.setSingleShot(true);
+    connect(&m_limit, &QTimer::timeout, this, &VpnSession::limitExceeded);
+    connect(&m_heartbeat, &QTimer::timeout, this, [this] { m_service->server_slot(true); });
+    watchSocket(&m_mainSocket);
+    watchSocket(&m_endpointSocket);
+}
+
+VpnSession::~VpnSession()
+{
+    // The sockets close as they go, which is no news any more.
+    m_phase = Phase::Over;
+    m_mainSocket.disconnect(this);
+    m_endpointSocket.disconnect(this);
+}
+
+void VpnSession::reach()
+{
+    connectMainSocket(&VpnSession::reportReached);
+}
+
+void VpnSession::openNewEndpoint()
+{
+    connectMainSocket(&VpnSession::createEndpoint);
+}
+
+void VpnSession::openEndpoint(int endpoint)
+{
+    connectEndpointSocket(endpoint);
+}
+
+void VpnSession::startTunnel(const Target &target)
+{
+    send(target.transport == Transport::Udp ? kConnectUdp : kConnectTcp, target.server);
+}
+
+void VpnSession::stopTunnel()
+{
+    send(kDisconnect);
+}
+
+void VpnSession::send(const QString &message, const VpnServerInformation &server)
+{
+    if (m_phase == Phase::Open)
+        m_service->vpn_command(message, server);
+}
+
+void VpnSession::keepAlive()
+{
+    if (m_phase != Phase::Open)
+        return;
+    m_service->server_slot(true);
+    m_heartbeat.start(kHeartbeatPeriod);
+}
+
+void VpnSession::connectMainSocket(void (VpnSession::*next)())
+{
+    m_phase = Phase::Reaching;
+    m_limit.start(kHandshakeLimit);
+    connect(&m_mainSocket, &QLocalSocket::connected, this, [this, next] {
+        m_mainNode.addClientSideConnection(&m_mainSocket);
+        m_main.reset(m_mainNode.acquire<IpcInterfaceReplica>());
+        connect(m_main.data(), &QRemoteObjectReplica::stateChanged, this,
+                [this, next](QRemoteObjectReplica::State state) {
+                    if (state == QRemoteObjectReplica::SignatureMismatch)
+                        fail(foreignInterface());
+                    else if (state == QRemoteObjectReplica::Valid && m_phase == Phase::Reaching)
+                        (this->*next)();
+                });
+    });
+    m_mainSocket.connectToServer(shared::getIpcServiceUrl());
+}
+
+void VpnSession::reportReached()
+{
+    m_limit.stop();
+    m_phase = Phase::Idle;
+    Q_EMIT reached();
+}
+
+void VpnSession::createEndpoint()
+{
+    m_phase = Phase::Creating;
+    m_limit.start(kHandshakeLimit);
+    const QRemoteObjectPendingReply<int> reply = m_main->createPrivilegedProcess();
+    auto *watcher = new QRemoteObjectPendingCallWatcher(reply, this);
+    connect(watcher, &QRemoteObjectPendingCallWatcher::finished, this,
+            [this](QRemoteObjectPendingCallWatcher *call) {
+                call->deleteLater();
+                if (m_phase != Phase::Creating)
+                    return;
+                const int endpoint = call->returnValue().toInt();
+                if (endpoint <= 0) {
+                    fail({ExitCode::Failed,
+                          QStringLiteral("The daemon could not make an endpoint."),
+                          QStringLiteral("A socket file in /tmp may be in the way, or the daemon "
+                                         "has no descriptor left; its log says which.")});
+                    return;
+                }
+                Q_EMIT endpointCreated(endpoint);
+                connectEndpointSocket(endpoint);
+            });
+}
+
+void VpnSession::connectEndpointSocket(int endpoint)
+{
+    m_endpoint = endpoint;
+    m_phase = Phase::Opening;
+    m_limit.start(kHandshakeLimit);
+    connect(&m_endpointSocket, &QLocalSocket::connected, this, [this] {
+        m_endpointNode.addClientSideConnection(&m_endpointSocket);
+        m_service.reset(m_endpointNode.acquire<ServiceInterfaceReplica>());
+        connect(m_service.data(), &ServiceInterfaceReplica::vpn_cmd_result, this,
+                &VpnSession::answered);
+        connect(m_service.data(), &QRemoteObjectReplica::stateChanged, this,
+                [this](QRemoteObjectReplica::State state) {
+                    if (state == QRemoteObjectReplica::SignatureMismatch)
+                        fail(foreignInterface());
+                    else if (state == QRemoteObjectReplica::Valid && m_phase == Phase::Opening)
+                        handleOpened();
+                });
+    });
+    m_endpointSocket.connectToServer(shared::getIpcProcessUrl(endpoint));
+}
+
+void VpnSession::handleOpened()
+{
+    m_limit.stop();
+    m_phase = Phase::Open;
+    Q_EMIT opened();
+}
+
+void VpnSession::watchSocket(QLocalSocket *socket)
+{
+    connect(
+        socket, &QLocalSocket::errorOccurred, this,
+        [this, socket](QLocalSocket::LocalSocketError error) { handleSocketError(socket, error); });
+    connect(socket, &QLocalSocket::disconnected, this, [this] { fail(daemonGone()); });
+}
+
+void VpnSession::handleSocketError(const QLocalSocket *socket, QLocalSocket::LocalSocketError error)
+{
+    if (error == QLocalSocket::PeerClosedError)
+        fail(daemonGone());
+    else if (socket == &m_mainSocket)
+        fail(mainSocketProblem(*socket, error));
+    else
+        fail(endpointProblem(m_endpoint));
+}
+
+void VpnSession::limitExceeded()
+{
+    fail({ExitCode::NoAnswer,
+          QStringLiteral("The daemon accepts connections but did not answer within %1 seconds.")
+              .arg(std::chrono::seconds(kHandshakeLimit).count()),
+          QStringLiteral("It hangs, or is stopped or very busy; look at its log, restart it if "
+                         "it does not recover.")});
+}
+
+void VpnSession::fail(const Problem &problem)
+{
+    if (m_phase == Phase::Over)
+        return;
+    m_phase = Phase::Over;
+    m_limit.stop();
+    m_heartbeat.stop();
+    Q_EMIT failed(problem);
+}
+
+QString commandOf(const QString &message)
+{
+    return QJsonDocument::fromJson(message.toUtf8())
+        .object()
+        .value(QLatin1String("cmd"))
+        .toString();
+}
+
+} // namespace vpnctl

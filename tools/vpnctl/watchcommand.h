@@ -1,0 +1,20 @@
+#pragma once
+
+#include "tools/vpnctl/command.h"
+
+namespace vpnctl {
+
+/// Prints the answers of an endpoint until it is told to stop.
+class WatchCommand : public Command
+{
+    Q_OBJECT
+
+public:
+    WatchCommand(const Options &options, Report &report);
+    void start() override;
+
+    /// Watching has no other end, so being stopped is success.
+    void stop() override;
+};
+
+} // namespace vpnctl

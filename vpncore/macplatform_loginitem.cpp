@@ -1,0 +1,66 @@
+#include "vpncore/commandline.h"
+#include "vpncore/macplatform.h"
+
+#include <QtCore/QDebug>
+#include <QtCore/QFile>
+#include <QtCore/QFileInfo>
+#include <QtCore/QTextStream>
+
+namespace vpncore {
+
+namespace {
+
+constexpr int kListingLimit = 30; ///< seconds
+
+const QLatin1String kLoginItem("TalvexVPN");
+
+const char kListCommand[] =
+    R"(osascript -e 'tell application "System Events" to get the name of every login item')";
+const char kAddCommand[] =
+    R"(osascript -e 'tell application "System Events" to make login item at end with properties {name: "TalvexVPN",path:"%1", hidden:false}')";
+const char kDeleteCommand[] =
+    R"(osascript -e 'tell application "System Events" to delete login item "TalvexVPN"')";
+
+/// Leaves a shell script with the one command in the working folder, executable, and returns the
+/// command line that runs it. The quotes in the commands are a shell's, and the callers split
+/// command lines by other rules; hence the file.
+///
+/// Without the right to write there is no new file, and the command line runs what is there; when
+/// nothing is, it cannot be started.
+QString writeScript(const QString &fileName, const QString &command)
+{
+    QFile file(fileName);
+    if (file.exists())
+        file.remove();
+    if (file.open(QIODevice::WriteOnly)) {
+        QTextStream(&file) << command;
+        file.close();
+    }
+    executeCommandLine(QStringLiteral("chmod +x %1").arg(fileName));
+
+    const QString script = QStringLiteral("./%1").arg(fileName);
+    // The kernel starts no file without a "#!" line (ENOEXEC), and neither does QProcess. A shell
+    // that is given its name does, as execvp(3) would.
+    return QFileInfo(script).isExecutable() ? QStringLiteral("/bin/sh -c %1").arg(script) : script;
+}
+
+} // namespace
+
+bool MacPlatform::isRunOnStart()
+{
+    const QString script =
+        writeScript(QStringLiteral("list_startup"), QString::fromLatin1(kListCommand));
+    QString output;
+    runProcess(script, kListingLimit, output);
+    qDebug() << "--- Console Output " << output;
+    return output.contains(kLoginItem);
+}
+
+void MacPlatform::setRunOnStart(bool on)
+{
+    const QString command = on ? QString::fromLatin1(kAddCommand).arg(applicationPath())
+                               : QString::fromLatin1(kDeleteCommand);
+    executeCommandLine(writeScript(QStringLiteral("startup_on_of"), command));
+}
+
+} // namespace vpncore

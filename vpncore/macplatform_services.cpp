@@ -1,0 +1,108 @@
+#include "vpncore/commandline.h"
+#include "vpncore/macplatform.h"
+
+#include <QtCore/QObject>
+#include <QtCore/QThread>
+
+namespace vpncore {
+
+namespace {
+
+constexpr int kToolLimit = 30; ///< seconds
+/// What the system takes to show a new service, and again to dial it.
+constexpr std::chrono::milliseconds kServicePause{3500};
+
+const char kL2tpFailed[] = "warning.l2tp_connection_fail";
+
+// The service that is dialled and the one that is removed differ by an "n", and that is wanted:
+// the created service outlives a disconnect, and the next connect replaces it ("--force").
+const char kCreateCommand[] =
+    R"(./macosvpn create --l2tp TalvexFreeVPNL2tp --endpoint "%1" --username "%2" --password "%3" --shared-secret "%4" --force)";
+const char kDialCommand[] = "networksetup -connectpppoeservice TalvexFreeVPNL2tp";
+const char kHangUpCommand[] = "networksetup -disconnectpppoeservice TalvexFreeVPNL2tp";
+const char kRemoveCommand[] = "networksetup -removenetworkservice TalvexFreeVPNnL2tp";
+
+} // namespace
+
+bool MacPlatform::isPptpAsync()
+{
+    return false;
+}
+
+bool MacPlatform::isL2tpAsync()
+{
+    return true;
+}
+
+bool MacPlatform::pptpSupports()
+{
+    return false;
+}
+
+bool MacPlatform::l2tpSupports()
+{
+    return true;
+}
+
+OperationResult MacPlatform::disconnect()
+{
+    QString ignoredOutput;
+    runProcess(QString::fromLatin1(kHangUpCommand), kToolLimit, ignoredOutput);
+    runProcess(QString::fromLatin1(kRemoveCommand), kToolLimit, ignoredOutput);
+    return OperationResult::succeeded();
+}
+
+OperationResult MacPlatform::connectPptp(const QString &, const QString &, const QString &)
+{
+    return OperationResult::failed(QStringLiteral("Протокол PPTP не поддерживается."));
+}
+
+OperationResult MacPlatform::connectL2tp(const QString &server, const QString &user,
+                                         const QString &password, const QString &sharedSecret)
+{
+    const QString failureMessage = QObject::tr(kL2tpFailed);
+    disconnect();
+
+    // One substitution after another is wanted: a marker inside an earlier value is filled too.
+    const QString command =
+        QString::fromLatin1(kCreateCommand).arg(server).arg(user).arg(password).arg(sharedSecret);
+    QString output;
+    if (runProcess(command, kToolLimit, output) != 0
+        || !output.contains(QLatin1String("Finished without errors")))
+        return OperationResult::failed(failureMessage);
+
+    QThread::msleep(kServicePause.count());
+    executeCommandLine(QString::fromLatin1(kDialCommand));
+    QThread::msleep(kServicePause.count());
+    return OperationResult::succeeded();
+}
+
+OperationResult MacPlatform::connectIKEv2(const QString &, const QString &, const QString &)
+{
+    return OperationResult::succeeded();
+}
+
+OperationResult MacPlatform::turnOffInternet()
+{
+    executeCommandLine(QStringLiteral("ifconfig en0 down"));
+    return OperationResult::succeeded();
+}
+
+OperationResult MacPlatform::turnOnInternet(bool &done)
+{
+    done = true;
+    executeCommandLine(QStringLiteral("ifconfig en0 up"));
+    return OperationResult::succeeded();
+}
+
+bool MacPlatform::haveDisabledNetDevicesByKillSwitch()
+{
+    return false;
+}
+
+bool MacPlatform::turnOnNetDevices()
+{
+    return false;
+}
+
+} // namespace vpncore
