@@ -1,0 +1,69 @@
+/// The baseline for what Remote Objects itself costs: the smallest program that serves the
+/// interface of an endpoint and writes the same log lines as the daemon.
+///
+///     minimalhost SOCKET
+
+#include "rep_serviceinterface_source.h"
+
+#include <QtCore/QCoreApplication>
+#include <QtCore/QDebug>
+#include <QtCore/QJsonDocument>
+#include <QtCore/QJsonObject>
+#include <QtNetwork/QLocalServer>
+#include <QtNetwork/QLocalSocket>
+#include <QtRemoteObjects/QRemoteObjectHost>
+
+namespace {
+
+class MinimalService : public ServiceInterfaceSource
+{
+public:
+    explicit MinimalService(bool readsCommands)
+        : m_readsCommands(readsCommands)
+    {
+    }
+
+    void server_slot(bool clientState) override
+    {
+        qDebug() << "Replica state is " << (clientState ? "true" : "false");
+    }
+
+    void vpn_command(const QString &message, const VpnServerInformation &) override
+    {
+        qDebug() << "Command status " << (m_readsCommands ? typeOf(message) : m_unreadType);
+    }
+
+private:
+    static QString typeOf(const QString &message)
+    {
+        return QJsonDocument::fromJson(message.toUtf8())
+            .object()
+            .value(QLatin1String("type"))
+            .toString();
+    }
+
+    const bool m_readsCommands;
+    const QString m_unreadType = QStringLiteral("nothing");
+};
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    QCoreApplication application(argc, argv);
+    if (argc != 3)
+        return 2;
+    MinimalService service(QLatin1String(argv[1]) == QLatin1String("read"));
+    QRemoteObjectHost host;
+    QLocalServer server;
+    if (!server.listen(QString::fromLocal8Bit(argv[2])))
+        return 1;
+    QObject::connect(&server, &QLocalServer::newConnection, &host,
+                     [&, isEnabled = false]() mutable {
+                         host.addHostSideConnection(server.nextPendingConnection());
+                         // A host without a URL can publish only when it has had a connection.
+                         if (!isEnabled)
+                             isEnabled = host.enableRemoting(&service);
+                     });
+    return QCoreApplication::exec();
+}
