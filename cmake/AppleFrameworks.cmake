@@ -52,5 +52,7 @@ target_include_directories(AppleFrameworks SYSTEM INTERFACE
     $<$<COMPILE_LANGUAGE:OBJCXX>:${PROJECT_SOURCE_DIR}/tests/standins/frameworks>
     "$<$<COMPILE_LANGUAGE:OBJCXX>:${gnustepIncludes}>")
 target_compile_options(AppleFrameworks INTERFACE
-    "$<$<COMPILE_LANGUAGE:OBJCXX>:${gnustepOptions};-fobjc-runtime=gcc;SHELL:-idirafter ${OBJC_INCLUDE_DIR}>")
+    "$<$<COMPILE_LANGUAGE:OBJCXX>:${gnustepOptions};-fobjc-runtime=gcc;SHELL:-idirafter ${OBJC_INCLUDE_DIR}>"
+    # Debug information as valgrind 3.19 can read it; of clang's version 5 it cannot.
+    $<$<COMPILE_LANGUAGE:OBJCXX>:-fdebug-default-version=4>)
 target_link_libraries(AppleFrameworks INTERFACE "${GNUSTEP_BASE_LIBRARY}" "${OBJC_LIBRARY}")

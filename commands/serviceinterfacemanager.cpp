@@ -102,6 +102,7 @@ void ServiceInterfaceManager::runNextCommand()
     else
         execute(runningCommand, std::exchange(waitingServer, {}));
     runningCommand = Command::None;
+    isAttemptEnded = false;
     --runningCommands;
 
     if (!waitingCommands.isEmpty())
@@ -110,11 +111,11 @@ void ServiceInterfaceManager::runNextCommand()
 
 void ServiceInterfaceManager::endOvertakenAttempt()
 {
-    if (isEndingAttempt || runningCommand == Command::Disconnect)
+    // Once for each attempt: what is left of it ends as soon as its wait returns.
+    if (isAttemptEnded || runningCommand == Command::Disconnect)
         return;
-    isEndingAttempt = true;
+    isAttemptEnded = true;
     ovpnConnection->disconnect();
-    isEndingAttempt = false;
 }
 
 void ServiceInterfaceManager::parseVpnCmd(const QString &message,

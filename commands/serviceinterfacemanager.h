@@ -91,5 +91,5 @@ private:
     /// Belongs to the newest waiting command; the older ones are overtaken and need none.
     VpnServerInformation waitingServer;
     Command runningCommand = Command::None;
-    bool isEndingAttempt = false;
+    bool isAttemptEnded = false;
 };

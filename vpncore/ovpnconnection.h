@@ -21,7 +21,7 @@ class OvpnConnection : public IOvpnConnection
 {
 public:
     /// The transport. The numbers count: what is neither 0 nor 1 means UDP with the TCP port.
-    enum ConnectionType { Tcp = 0, Udp = 1 };
+    enum ConnectionType : int { Tcp = 0, Udp = 1 };
 
     /// The verdict on what `openvpn` has printed.
     enum Verdict { Connected = 0, Failed = 1, Undecided = 2 };

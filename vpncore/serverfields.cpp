@@ -15,14 +15,20 @@ bool isHostCharacter(QChar character)
         || c == '-' || c == '_' || c == ':';
 }
 
-/// Neither the end of an inline block nor the end of the whole text can be made of these.
+/// A zero byte would end the whole text.
 bool isHarmless(QChar character)
 {
     const char16_t c = character.unicode();
     if (c == '\t' || c == '\n' || c == '\r')
         return true;
-    const bool isControl = c < ' ' || (c >= 0x7f && c <= 0x9f);
-    return !isControl && c != '<';
+    return c >= ' ' && !(c >= 0x7f && c <= 0x9f);
+}
+
+/// Every closing tag begins with these two. A "<" alone is frequent: OpenSSL explains keys with
+/// "Key Attributes: <No Attributes>".
+bool mayCloseInlineBlock(const QString &text)
+{
+    return text.contains(QLatin1String("</"));
 }
 
 /// @return the label of a line "-----BEGIN LABEL-----" (or END), empty when it is none.
@@ -61,7 +67,7 @@ bool isHost(const QString &text)
 
 bool isPem(const QString &text)
 {
-    if (!std::all_of(text.begin(), text.end(), isHarmless))
+    if (!std::all_of(text.begin(), text.end(), isHarmless) || mayCloseInlineBlock(text))
         return false;
 
     QString open; // label of the block that the line is in

@@ -20,7 +20,7 @@ bool isHost(const QString &text);
 
 /// @return whether @p text consists of PEM blocks (RFC 7468) and, between them, of explanatory
 ///         text: every block is closed under its own label and holds base64 or headers only, and
-///         nowhere is there a "<" or a control character other than tab, line feed and
+///         nowhere is there a "</" or a control character other than tab, line feed and
 ///         carriage return.
 bool isPem(const QString &text);
 

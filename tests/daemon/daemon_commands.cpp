@@ -1,3 +1,4 @@
+#include "ipc/ipcurls.h"
 #include "tests/support/client.h"
 #include "tests/support/daemonprocess.h"
 #include "tests/support/standins.h"
@@ -269,6 +270,26 @@ private Q_SLOTS:
         QTRY_COMPARE(client.answers().size(), 1);
         QVERIFY(timer.elapsed() < 450);
         QCOMPARE(client.outcome(), QStringLiteral("warning.open_vpn_running_fails_check_apps"));
+    }
+
+    void missingOpenvpnThatShowsLateIsAnsweredThen()
+    {
+        m_daemon.kill();
+        QVERIFY(QFile::remove(shared::getIpcServiceUrl()));
+        m_daemon.setEnvironment(QStringLiteral("LD_PRELOAD"), QStringLiteral(TALVEX_SLOWEXEC));
+        m_daemon.setEnvironment(QStringLiteral("ASAN_OPTIONS"),
+                                QStringLiteral("verify_asan_link_order=0"));
+        QVERIFY(m_daemon.start());
+        Client client;
+        QVERIFY(client.attachToNewEndpoint());
+        QElapsedTimer timer;
+        timer.start();
+        client.connectUdp(serverFor(QStringLiteral("connects")));
+        QTRY_COMPARE_WITH_TIMEOUT(client.answers().size(), 1, 8'000);
+        QVERIFY(timer.elapsed() >= 3'000);
+        QCOMPARE(client.outcome(),
+                 QStringLiteral("warning.open_vpn_does_not_exists_try_another_protocol"));
+        QVERIFY(m_daemon.count(QStringLiteral("openvpn state:  QProcess::Starting")) > 0);
     }
 
     void waitingForASilentServerCostsNoProcessorTime()

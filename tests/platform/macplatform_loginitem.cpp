@@ -198,6 +198,15 @@ private Q_SLOTS:
         QVERIFY(QFile::permissions(fileName) & QFile::ExeOwner);
     }
 
+    void aLinkInTheScriptsPlaceIsNotWrittenThrough()
+    {
+        write(QStringLiteral("elsewhere"), "kept");
+        QVERIFY(QFile::link(QStringLiteral("elsewhere"), QStringLiteral("list_startup")));
+        m_platform.isRunOnStart();
+        QCOMPARE(contentOf(QStringLiteral("elsewhere")), QByteArray("kept"));
+        QCOMPARE(standins::calls(kTool).size(), 1);
+    }
+
     void timersRunWhileItemsAreListed()
     {
         putInPath(m_folder->path(), kTool, "sleep 1\n");

@@ -1,5 +1,7 @@
 #include "vpncore/eventwait.h"
 
+#include "tests/support/logcapture.h"
+
 #include <QtCore/QElapsedTimer>
 #include <QtCore/QTimer>
 #include <QtTest/QtTest>
@@ -16,7 +18,7 @@ using vpncore::waitUntil;
 namespace {
 
 /// How much later than asked for a wait may end on a busy machine.
-constexpr qint64 kLatenessMs = 400;
+constexpr qint64 kLatenessMs = 1'000;
 
 /// The processor time that this process has used, in milliseconds.
 qint64 processorTime()
@@ -107,7 +109,7 @@ private Q_SLOTS:
         connect(&ticker, &QTimer::timeout, this, [&ticks] { ++ticks; });
         ticker.start(20);
         waitUntil(QDeadlineTimer(500));
-        QVERIFY2(ticks >= 10 && ticks <= 25, qPrintable(QString::number(ticks)));
+        QVERIFY2(ticks >= 5 && ticks <= 25, qPrintable(QString::number(ticks)));
         VERIFY_LASTED(m_timer, 500);
     }
 
@@ -160,9 +162,11 @@ private Q_SLOTS:
     {
         bool fired = false;
         QTimer::singleShot(200, this, [&fired] { fired = true; });
-        // More milliseconds than fit into the interval of a QTimer.
-        QVERIFY(waitUntil(QDeadlineTimer(24h * 365), [&fired] { return fired; }));
+        // More milliseconds than fit into the interval of a QTimer, which Qt would log.
+        const LogCapture log;
+        QVERIFY(waitUntil(QDeadlineTimer(24h * 30), [&fired] { return fired; }));
         VERIFY_LASTED(m_timer, 190);
+        QCOMPARE(log.lines(), QStringList());
     }
 
     void conditionIsTestedAfterEveryTurn()
@@ -203,7 +207,7 @@ private Q_SLOTS:
         QVERIFY(!waitUntil(QDeadlineTimer(300), never));
         QVERIFY(!innerResult);
         QVERIFY(innerEnd >= 790);
-        QVERIFY(m_timer.elapsed() - innerEnd < 50);
+        QVERIFY(m_timer.elapsed() - innerEnd < 200);
     }
 
     void outerConditionThatComesTrueInsideAnInnerWaitCountsAfterIt()
@@ -243,15 +247,18 @@ private Q_SLOTS:
         QVERIFY2(used < 50, qPrintable(QString::number(used)));
     }
 
-    void nestedWaitsTakeNoProcessorTime()
+    void outerDeadlineThatHasPassedDoesNotMakeAnInnerWaitTurnInCircles()
     {
-        const qint64 before = processorTime();
-        // The outer deadline passes early, which must not make the inner wait turn in circles.
-        QTimer::singleShot(10, this, [] { waitUntil(QDeadlineTimer(2s)); });
-        QVERIFY(!waitUntil(QDeadlineTimer(200), never));
-        const qint64 used = processorTime() - before;
-        QVERIFY2(used < 50, qPrintable(QString::number(used)));
-        QVERIFY(m_timer.elapsed() >= 2'000);
+        int tests = 0;
+        QTimer::singleShot(10, this, [&tests] {
+            waitUntil(QDeadlineTimer(1s), [&tests] {
+                ++tests;
+                return false;
+            });
+        });
+        QVERIFY(!waitUntil(QDeadlineTimer(20), never));
+        QVERIFY(m_timer.elapsed() >= 1'000);
+        QVERIFY2(tests <= 5, qPrintable(QString::number(tests)));
     }
 
     void waitsInARowLeaveNothingBehind()

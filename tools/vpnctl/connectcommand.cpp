@@ -8,9 +8,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// The daemon's own limits.
-constexpr auto kConnectLimit = 16s;
-constexpr auto kFirstOutputLimit = 10s;
+constexpr auto kConnectLimit = 16s; ///< the daemon's own
 
 constexpr auto kStartTime = 1s;
 constexpr auto kSameStopRequest = 1s;
@@ -78,10 +76,8 @@ QString ConnectCommand::activity(std::chrono::milliseconds elapsed) const
         return QStringLiteral("openvpn is stopping and the DNS settings are being restored");
     if (elapsed < kStartTime)
         return QStringLiteral("openvpn is starting");
-    if (elapsed < kFirstOutputLimit)
-        return QStringLiteral("openvpn is calling the server");
     if (elapsed < kConnectLimit)
-        return QStringLiteral("openvpn is setting the tunnel up");
+        return QStringLiteral("openvpn is calling the server");
     return QStringLiteral("time is up, openvpn is stopping");
 }
 
@@ -143,7 +139,7 @@ void ConnectCommand::handleAnswerWhileHolding(const QString &message, const Oper
         return;
     }
     // Somebody else connects this endpoint anew, for which the daemon takes the tunnel down first.
-    report().answer(message, result, 0ms);
+    report().answer(message, result, std::nullopt);
     if (!result.success)
         close(ExitCode::Failed);
 }

@@ -22,11 +22,11 @@ constexpr Entry kEntries[] = {
     {"warning.open_vpn_does_not_exists_try_another_protocol",
      "The openvpn program could not be started, or is missing.",
      "Check that \"openvpn\" lies next to the daemon and may be executed; reinstall the "
-     "application "
-     "if it is missing."},
+     "application if it is missing."},
     {"warning.open_vpn_connection_time_out", "The tunnel was not up after 16 seconds.",
-     "The server or the network may be slow, or openvpn ended again and again: try once more, try "
-     "the other transport (--udp or --tcp) or another server, and read the daemon's log."},
+     "Check host, port, certificate and key; try the other transport (--udp or --tcp), or "
+     "another server, or once more if the network is slow. The daemon's log has what openvpn "
+     "said."},
     {"warning.open_vpn_server_does_not_respond",
      "openvpn had nothing to say for 10 seconds: the server does not respond.",
      "Check host and port and that a firewall lets them through; try the other transport (--udp or "

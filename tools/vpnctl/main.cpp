@@ -5,10 +5,10 @@
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QLoggingCategory>
+#include <QtCore/QTextStream>
 #include <QtCore/QTimer>
 
 #include <csignal>
-#include <cstdio>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -62,7 +62,8 @@ int run(const Options &options, Report &report)
 int main(int argc, char **argv)
 {
     openStandardStreams();
-    std::signal(SIGPIPE, SIG_IGN);
+    // A reader that has gone shows as an error of the write.
+    static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
     silenceQt();
     QCoreApplication application(argc, argv);
     qRegisterMetaType<vpnctl::ExitCode>();
@@ -76,7 +77,7 @@ int main(int argc, char **argv)
         return exitStatus(ExitCode::WrongUse);
     }
     if (!line.options) {
-        std::fputs(line.text.toUtf8().constData(), stdout);
+        QTextStream(stdout) << line.text;
         return exitStatus(ExitCode::Done);
     }
     return run(*line.options, report);

@@ -13,7 +13,7 @@ namespace vpnctl {
 namespace {
 
 constexpr int kStandardPort = 1194;
-constexpr qint64 kLargestFile = 1024 * 1024;
+constexpr qint64 kLargestFile = 1'048'576;
 
 /// What the daemon's own configuration has too, so that nothing is lost.
 constexpr const char *kSameInDaemon[] = {
@@ -253,7 +253,7 @@ private:
     {
         QString error;
         const QString source = QStringLiteral("<%1> in %2").arg(pemName(kind), m_source);
-        const QString pem = pemFromText(kind, text, source, &error).value_or(QString());
+        QString pem = pemFromText(kind, text, source, &error).value_or(QString());
         if (!error.isEmpty())
             m_error = error;
         return pem;

@@ -9,7 +9,7 @@ namespace vpnctl {
 namespace {
 
 /// Far more than any chain of certificates; keeps a wrong path from filling the memory.
-constexpr qint64 kLargestFile = 1024 * 1024;
+constexpr qint64 kLargestFile = 1'048'576;
 
 bool isOfKind(PemKind kind, const QString &label)
 {

@@ -130,7 +130,7 @@ void Report::waiting(const QString &activity, std::chrono::milliseconds elapsed,
 }
 
 void Report::answer(const QString &message, const OperationResult &result,
-                    std::chrono::milliseconds elapsed)
+                    std::optional<std::chrono::milliseconds> elapsed)
 {
     const QString command = commandOf(message);
     const Explanation explanation = explain(result.message);
@@ -143,8 +143,8 @@ void Report::answer(const QString &message, const OperationResult &result,
         text = isConnect ? QStringLiteral("Not connected") : QStringLiteral("Not disconnected");
     if (command.isEmpty())
         text = QStringLiteral("Answer %1").arg(message);
-    if (elapsed.count() > 0)
-        text += QStringLiteral(" after %1 s").arg(secondsText(elapsed));
+    if (elapsed)
+        text += QStringLiteral(" after %1 s").arg(secondsText(*elapsed));
     if (result.message.isEmpty()) {
         text += QLatin1Char('.');
     } else {
@@ -159,8 +159,8 @@ void Report::answer(const QString &message, const OperationResult &result,
                        {QStringLiteral("code"), result.code},
                        {QStringLiteral("key"), result.message},
                        {QStringLiteral("message"), message}};
-    if (elapsed.count() > 0)
-        fields.insert(QStringLiteral("seconds"), rounded(secondsOf(elapsed), 1));
+    if (elapsed)
+        fields.insert(QStringLiteral("seconds"), rounded(secondsOf(*elapsed), 1));
     if (!result.message.isEmpty()) {
         fields.insert(QStringLiteral("text"), explanation.text);
         fields.insert(QStringLiteral("advice"), explanation.advice);

@@ -8,6 +8,7 @@
 #include <QtCore/QObject>
 
 #include <chrono>
+#include <optional>
 
 namespace vpnctl {
 
@@ -44,8 +45,9 @@ public:
     bool isLive() const { return m_isLive; }
 
     /// @param message the JSON text that came with the result.
+    /// @param elapsed since the command; nothing when somebody else gave it.
     void answer(const QString &message, const OperationResult &result,
-                std::chrono::milliseconds elapsed);
+                std::optional<std::chrono::milliseconds> elapsed);
 
     /// The tunnel is up and held.
     void holding(int endpoint);

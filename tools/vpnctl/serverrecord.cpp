@@ -69,7 +69,7 @@ public:
             fail(key, QStringLiteral("is missing"));
             return {};
         }
-        const QString host = text(key);
+        QString host = text(key);
         if (!isHost(host))
             fail(key, QStringLiteral("is no host name or address"));
         return host;

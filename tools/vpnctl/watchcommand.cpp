@@ -9,7 +9,7 @@ WatchCommand::WatchCommand(const Options &options, Report &report)
             [this] { this->report().watching(this->options().endpoint); });
     connect(&session(), &VpnSession::answered, this,
             [this](const QString &message, const OperationResult &result) {
-                this->report().answer(message, result, std::chrono::milliseconds(0));
+                this->report().answer(message, result, std::nullopt);
             });
 }
 
