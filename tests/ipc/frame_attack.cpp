@@ -473,6 +473,32 @@ private Q_SLOTS:
         QCOMPARE(m_daemon->linesWith(kClosed).last(), kClosed + reason);
     }
 
+    void connectionsThatEndLeaveNothingInMemory()
+    {
+        Client owner;
+        QVERIFY(owner.attachToNewEndpoint());
+        const auto comeAndGo = [&owner](int connections) {
+            for (int i = 0; i < connections; ++i) {
+                RawConnection connection(i % 2 == 0 ? shared::getIpcServiceUrl()
+                                                    : shared::getIpcProcessUrl(owner.endpoint()));
+                connection.send(i % 2 == 0 ? frames::addObject(kIpcInterface)
+                                           : frames::addObject(kServiceInterface));
+                connection.finishSending();
+                if (!connection.waitForEnd())
+                    return false;
+                QCoreApplication::processEvents(); // the daemon's log must not fill its pipe
+            }
+            return true;
+        };
+        QVERIFY(comeAndGo(2'000));
+        const qint64 before = m_daemon->residentKiB();
+        QVERIFY(comeAndGo(10'000));
+        const qint64 growth = m_daemon->residentKiB() - before;
+        qInfo("Grown by %lld KiB", static_cast<long long>(growth));
+        if (!isSanitized())
+            QVERIFY2(growth < 2 * 1024, qPrintable(QString::number(growth)));
+    }
+
     void goodFramesKeepTheConnectionOpen()
     {
         Client owner;
