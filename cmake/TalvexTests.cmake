@@ -8,8 +8,8 @@
 # stand-in for openvpn beside it and the tunnel's scripts in Contents/Resources: code that looks
 # around from the executable's place finds there what it finds on a Mac.
 #
-# PRIVATE_ROOT runs it in a private root (tests/support/private-root), NEEDS names what else the
-# machine must provide. Where it does not, the test is reported as skipped, with the reason.
+# PRIVATE_ROOT runs it in a private root (tests/support/private-root) and labels it "private-root";
+# NEEDS names what else the machine must provide. Where it does not, the test is reported as skipped, with the reason.
 function(talvex_add_test)
     cmake_parse_arguments(ARG "PRIVATE_ROOT" "NAME;TIMEOUT" "SOURCES;LIBRARIES;NEEDS;LABELS" ${ARGN})
     if(ARG_UNPARSED_ARGUMENTS)
@@ -36,6 +36,7 @@ function(talvex_add_test)
             list(APPEND launcher --needs ${need})
         endforeach()
         list(APPEND launcher --bind "${PROJECT_BINARY_DIR}" --)
+        list(APPEND ARG_LABELS private-root)
     endif()
 
     set(testList "${CMAKE_CURRENT_BINARY_DIR}/${ARG_NAME}_tests.cmake")

@@ -1,0 +1,40 @@
+#!/bin/bash
+# Stops the daemon, gives the DNS settings back and removes what install.sh has installed, the daemon's
+# logs and its data included. The rest of the application stays. Needs root.
+#
+# Usage: sudo packaging/macos/uninstall.sh
+#
+# Written for bash 3.2, which macOS has.
+
+set -euo pipefail
+
+readonly contents="/Applications/Talvex VPN.app/Contents"
+readonly job=system/com.talvex.talvexvpnd
+
+fail() { echo "uninstall.sh: $1" >&2; exit 1; }
+
+# bootout may come back before the job has ended.
+stopJob() {
+    local tries=150
+    while launchctl print "$job" >/dev/null 2>&1; do
+        launchctl bootout "$job" 2>/dev/null || sleep 0.2
+        ((tries-- > 0)) || fail "$job does not end"
+    done
+}
+
+[[ $# -eq 0 ]] || fail "usage: uninstall.sh"
+((EUID == 0)) || fail "this needs root: sudo $0"
+
+stopJob
+# In case that openvpn came to no orderly end; without backup files it changes nothing.
+[[ ! -x $contents/Resources/update_conf_down ]] || "$contents/Resources/update_conf_down"
+
+rm -f /Library/LaunchDaemons/TalvexVpnd.plist /etc/newsyslog.d/talvexvpnd.conf
+rm -f "$contents/MacOS/talvexvpnd" "$contents/MacOS/openvpn"
+rm -f "$contents/Resources/update_conf_up" "$contents/Resources/update_conf_down"
+rm -f /var/log/talvexvpnd.log /var/log/talvexvpnd.log.[0-9]
+rm -rf /tmp/local:TalvexFreeVpnIpcInterface /tmp/local:TalvexFreeVpnIpcInterface_*
+rm -rf /var/root/Library/Preferences/talvexvpnd
+# Only where nothing else is in them.
+rmdir "$contents/MacOS" "$contents/Resources" "$contents" "${contents%/Contents}" 2>/dev/null || true
+echo "Uninstalled."
