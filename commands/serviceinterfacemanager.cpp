@@ -57,7 +57,7 @@ ServiceInterfaceManager::~ServiceInterfaceManager()
 {
     livenessTimer->stop();
     if (ownConnection && ownConnection->hasProcess())
-        ownConnection.release();
+        Q_UNUSED(ownConnection.release())
 }
 
 void ServiceInterfaceManager::vpn_command(const QString &message,

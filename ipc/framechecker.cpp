@@ -1,5 +1,6 @@
 #include "ipc/framechecker.h"
 
+#include <QtCore/QDataStream>
 #include <QtCore/QMetaObject>
 #include <QtCore/QMetaType>
 #include <QtCore/QtEndian>
@@ -40,13 +41,25 @@ public:
     quint32 readInt() { return readInteger<quint32>(); }
 
     /// A QString: length in bytes, then UTF-16.
-    void skipText() { readText(nullptr); }
-
-    bool readsText(const QString &expected)
+    void skipText()
     {
-        bool isEqual = false;
-        readText(&expected, &isEqual);
-        return isEqual;
+        constexpr quint32 kNullText = 0xffffffff;
+        const quint32 size = readInt();
+        if (size == kNullText)
+            return;
+        if (size % 2 != 0)
+            m_failed = true;
+        skip(size);
+    }
+
+    /// A QString, compared with one as it looks in a frame.
+    bool readsText(const QByteArray &expected)
+    {
+        const char *start = m_position;
+        skipText();
+        return !m_failed && m_position - start == expected.size()
+            && std::memcmp(start, expected.constData(), static_cast<std::size_t>(expected.size()))
+            == 0;
     }
 
     /// A zero-terminated text as QDataStream writes a `const char *`: length with the zero.
@@ -76,24 +89,6 @@ private:
     {
         const char *bytes = skip(sizeof(Integer));
         return bytes ? qFromBigEndian<Integer>(bytes) : Integer(0);
-    }
-
-    void readText(const QString *expected, bool *isEqual = nullptr)
-    {
-        constexpr quint32 kNullText = 0xffffffff;
-        const quint32 size = readInt();
-        if (size == kNullText)
-            return;
-        if (size % 2 != 0)
-            m_failed = true;
-        const char *bytes = skip(size);
-        if (!bytes || !expected || size != 2u * static_cast<quint32>(expected->size()))
-            return;
-        *isEqual = true;
-        for (const QChar character : *expected) {
-            *isEqual = *isEqual && qFromBigEndian<quint16>(bytes) == character.unicode();
-            bytes += 2;
-        }
     }
 
     const char *m_position;
@@ -171,6 +166,8 @@ RemoteInterface RemoteInterface::serviceInterface()
 FrameChecker::FrameChecker(const RemoteInterface &interface)
     : m_interface(interface)
 {
+    QDataStream stream(&m_nameInFrames, QIODevice::WriteOnly);
+    stream << interface.name;
 }
 
 bool FrameChecker::feed(const QByteArray &bytes)
@@ -221,7 +218,7 @@ QString FrameChecker::checkFrame(const char *frame, quint32 size)
     case Invoke:
     case Ping:
     case Pong:
-        if (!reader.readsText(m_interface.name))
+        if (!reader.readsText(m_nameInFrames))
             problem = QStringLiteral("it is not for %1").arg(m_interface.name);
         break;
     default:

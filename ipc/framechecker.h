@@ -50,6 +50,8 @@ private:
     QString checkFrame(const char *frame, quint32 size);
 
     RemoteInterface m_interface;
+    /// Every frame but the first names the interface, so its name is compared as it stands there.
+    QByteArray m_nameInFrames;
     QByteArray m_unfinished;
     QByteArray m_checked;
     QString m_violation;

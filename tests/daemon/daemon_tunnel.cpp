@@ -1,43 +1,11 @@
 #include "tests/support/client.h"
 #include "tests/support/daemonprocess.h"
 #include "tests/support/standins.h"
+#include "tests/support/vpnlab.h"
 
-#include <QtCore/QJsonDocument>
-#include <QtCore/QJsonObject>
 #include <QtTest/QtTest>
 
 namespace {
-
-const QString kLabFolder = QStringLiteral("/tmp/lab");
-
-int runLab(const QString &verb)
-{
-    QProcess lab;
-    lab.setProcessChannelMode(QProcess::ForwardedChannels);
-    lab.start(QStringLiteral(TALVEX_VPN_LAB), {verb, kLabFolder});
-    return lab.waitForFinished(30'000) ? lab.exitCode() : -1;
-}
-
-QString contentOf(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
-}
-
-VpnServerInformation labServer()
-{
-    const QJsonObject record =
-        QJsonDocument::fromJson(contentOf(kLabFolder + QStringLiteral("/record.json")).toUtf8())
-            .object();
-    VpnServerInformation server;
-    server.host = record.value(QStringLiteral("host")).toString();
-    server.ca = contentOf(record.value(QStringLiteral("ca")).toString());
-    server.cert = contentOf(record.value(QStringLiteral("cert")).toString());
-    server.key = contentOf(record.value(QStringLiteral("key")).toString());
-    server.udpPort = record.value(QStringLiteral("udpPort")).toInt();
-    server.tcpPort = record.value(QStringLiteral("tcpPort")).toInt();
-    return server;
-}
 
 bool canPing(const QString &address)
 {
@@ -59,8 +27,8 @@ private:
     {
         standins::setDns(QStringLiteral("Wi-Fi"), {QStringLiteral("192.0.2.53")},
                          {QStringLiteral("home.test")});
-        QCOMPARE(runLab(QStringLiteral("up")), 0);
-        const VpnServerInformation server = labServer();
+        QVERIFY(vpnlab::up());
+        const VpnServerInformation server = vpnlab::server();
         QVERIFY(server.ca.startsWith(QStringLiteral("-----BEGIN CERTIFICATE-----")));
 
         DaemonProcess daemon(DaemonProcess::Openvpn::Real);
@@ -94,7 +62,7 @@ private:
     }
 
 private Q_SLOTS:
-    void cleanup() { QCOMPARE(runLab(QStringLiteral("down")), 0); }
+    void cleanup() { QVERIFY(vpnlab::down()); }
 
     void trafficGoesThroughAUdpTunnel() { talkThroughTunnel(true, QStringLiteral("10.8.0.1")); }
 
@@ -102,8 +70,8 @@ private Q_SLOTS:
 
     void serverThatIsGoneIsReported()
     {
-        QCOMPARE(runLab(QStringLiteral("up")), 0);
-        VpnServerInformation server = labServer();
+        QVERIFY(vpnlab::up());
+        VpnServerInformation server = vpnlab::server();
         server.tcpPort = 444; // nobody listens there
         DaemonProcess daemon(DaemonProcess::Openvpn::Real);
         QVERIFY(daemon.start());
@@ -117,8 +85,8 @@ private Q_SLOTS:
 
     void foreignCertificateAuthorityIsRefused()
     {
-        QCOMPARE(runLab(QStringLiteral("up")), 0);
-        VpnServerInformation server = labServer();
+        QVERIFY(vpnlab::up());
+        VpnServerInformation server = vpnlab::server();
         server.ca = server.cert; // signed by the right one, but not it
         DaemonProcess daemon(DaemonProcess::Openvpn::Real);
         QVERIFY(daemon.start());

@@ -102,6 +102,25 @@ private Q_SLOTS:
                                             "QRemoteObjectNode::OperationNotValidOnClientNode")});
     }
 
+    void connectionsThatEndLeaveNothingInTheirHost()
+    {
+        LocalServer server;
+        Client steady;
+        QVERIFY(steady.attachToNewEndpoint());
+        const auto *host =
+            server.findChild<IpcInterfaceSource *>()->findChild<QRemoteObjectHost *>();
+        const int before = host->children().size();
+        for (int i = 0; i < 5; ++i) {
+            Client passing;
+            QVERIFY(passing.attach(steady.endpoint()));
+            QCOMPARE(host->children().size(), before + 1);
+            passing.endpointSocket().abort();
+            QTRY_COMPARE(host->children().size(), before);
+        }
+        steady.disconnectTunnel();
+        QTRY_COMPARE(steady.answers().size(), 1);
+    }
+
     void failedEndpointLeavesNothingBehind()
     {
         QVERIFY(QDir().mkdir(shared::getIpcProcessUrl(1)));

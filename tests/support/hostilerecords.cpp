@@ -4,7 +4,7 @@ namespace hostilerecords {
 
 namespace {
 
-/// What OpenVPN reads of a line at a time.
+/// What OpenVPN reads of a line within an inline block at a time.
 constexpr int kPieceBytes = 255;
 
 struct Trick
@@ -118,29 +118,31 @@ QVector<Trick> hostTricks(const VpnServerInformation &good,
         remote + QLatin1Char('\n') + line() + QStringLiteral("\nremote ") + host, true);
     add("carriage return and line feed before a directive",
         remote + QStringLiteral("\r\n") + line() + QStringLiteral("\r\n#"), true);
-    add("blanks up to the end of the piece",
-        remote.leftJustified(rest) + line() + QStringLiteral(" #"), true);
-    add("comment up to the end of the piece",
-        comment.leftJustified(rest, QLatin1Char('A')) + line() + QStringLiteral(" #"), true);
-    add("comment up to the end of the second piece",
-        comment.leftJustified(rest, QLatin1Char('A')) + padding(kPieceBytes, QLatin1Char('#'))
-            + line() + QStringLiteral(" #"),
-        true);
-    add("comment of two-byte characters up to the end of the piece",
-        comment.leftJustified(comment.size() + (rest - comment.size()) % 2, QLatin1Char('A'))
-            + padding((rest - comment.size()) / 2, QChar(0xe9)) + line() + QStringLiteral(" #"),
-        true);
-    add("comment of unknown characters up to the end of the piece",
-        comment.leftJustified(rest, QChar(0x416)) + line() + QStringLiteral(" #"), true);
-    add("quoted host and blanks up to the end of the piece",
-        QStringLiteral("\"%1\" '%2'").arg(host).arg(good.udpPort).leftJustified(rest) + line()
-            + QStringLiteral(" #"),
-        true);
     add("end of the text after a directive",
         remote + QLatin1Char('\n') + line() + QLatin1Char('\n') + blocksOf(good)
             + QStringLiteral("client\ndev tun\nnobind\ncomp-lzo\ntun-mtu-extra 32\n")
             + QStringLiteral("cipher AES-256-CBC\nscript-security 2\n") + QChar(0),
         true);
+
+    // OpenVPN 2.6 refuses such a line, other readers would take it apart.
+    add("blanks up to the end of the piece",
+        remote.leftJustified(rest) + line() + QStringLiteral(" #"), false);
+    add("comment up to the end of the piece",
+        comment.leftJustified(rest, QLatin1Char('A')) + line() + QStringLiteral(" #"), false);
+    add("comment up to the end of the second piece",
+        comment.leftJustified(rest, QLatin1Char('A')) + padding(kPieceBytes, QLatin1Char('#'))
+            + line() + QStringLiteral(" #"),
+        false);
+    add("comment of two-byte characters up to the end of the piece",
+        comment.leftJustified(comment.size() + (rest - comment.size()) % 2, QLatin1Char('A'))
+            + padding((rest - comment.size()) / 2, QChar(0xe9)) + line() + QStringLiteral(" #"),
+        false);
+    add("comment of unknown characters up to the end of the piece",
+        comment.leftJustified(rest, QChar(0x416)) + line() + QStringLiteral(" #"), false);
+    add("quoted host and blanks up to the end of the piece",
+        QStringLiteral("\"%1\" '%2'").arg(host).arg(good.udpPort).leftJustified(rest) + line()
+            + QStringLiteral(" #"),
+        false);
 
     add("carriage return alone", remote + QLatin1Char('\r') + line() + QStringLiteral("\r#"),
         false);

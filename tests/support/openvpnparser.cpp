@@ -6,7 +6,9 @@ namespace openvpnparser {
 
 namespace {
 
-constexpr int kPieceBytes = 255; ///< what fgets(3) puts into a buffer of 256 bytes
+/// What fgets(3) puts into a buffer of 257 bytes. A line that fills it is refused.
+constexpr int kLineLimit = 256;
+constexpr int kBlockPieceBytes = 255; ///< within inline blocks, where nothing is refused
 constexpr int kLongestWord = 255;
 constexpr int kMostWords = 16;
 
@@ -35,12 +37,11 @@ public:
 
     bool isAtEnd() const { return m_position >= m_file.size(); }
 
-    QByteArray next()
+    QByteArray next(int limit)
     {
         const int lineFeed = m_file.indexOf('\n', m_position);
         const int lineEnd = lineFeed < 0 ? m_file.size() : lineFeed + 1;
-        const QByteArray piece =
-            m_file.mid(m_position, std::min(lineEnd - m_position, kPieceBytes));
+        const QByteArray piece = m_file.mid(m_position, std::min(lineEnd - m_position, limit));
         m_position += piece.size();
         return QByteArray(piece.constData()); // C reads no further than the first zero byte
     }
@@ -154,7 +155,7 @@ Directive readBlock(const QByteArray &tag, Pieces &pieces)
     directive.words.append(tag);
     const QByteArray closingTag = "</" + tag + '>';
     while (!pieces.isAtEnd()) {
-        const QByteArray piece = pieces.next();
+        const QByteArray piece = pieces.next(kBlockPieceBytes);
         if (withoutLeadingSpace(piece).startsWith(closingTag))
             return directive;
         directive.block += piece;
@@ -176,24 +177,23 @@ QVector<Directive> parse(const QByteArray &file)
     QVector<Directive> directives;
     Pieces pieces(file);
     while (!pieces.isAtEnd()) {
-        const QByteArray line = pieces.next();
+        const QByteArray line = pieces.next(kLineLimit);
         const Words words(line);
         Directive directive;
-        if (!words.areReadable()) {
+        if (line.size() == kLineLimit || !words.areReadable()) {
             directive.words = {kUnreadable, line};
             directives.append(directive);
             break;
         }
-        if
-            if (opensBlock(words.list())) {
-                const QByteArray tag = words.list().first();
-                directive = readBlock(tag.mid(1, tag.size() - 2), pieces);
-            } else {
-                directive.words = words.list();
-                if (!directive.words.isEmpty() && directive.words.first().size() > 2
-                    && directive.words.first().startsWith("--"))
-                    directive.words.first().remove(0, 2);
-            }
+        if (opensBlock(words.list())) {
+            const QByteArray tag = words.list().first();
+            directive = readBlock(tag.mid(1, tag.size() - 2), pieces);
+        } else {
+            directive.words = words.list();
+            if (!directive.words.isEmpty() && directive.words.first().size() > 2
+                && directive.words.first().startsWith("--"))
+                directive.words.first().remove(0, 2);
+        }
         if (!directive.words.isEmpty())
             directives.append(directive);
     }

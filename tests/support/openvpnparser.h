@@ -4,8 +4,9 @@
 #include <QtCore/QByteArrayList>
 #include <QtCore/QVector>
 
-/// Reads a configuration file as OpenVPN reads it (openvpn(8)), down to what the manual only hints
-/// at: lines come in pieces of 255 bytes, and every piece is a line of its own.
+/// Reads a configuration file as OpenVPN 2.6 reads it, beyond what openvpn(8) says: a line of 256
+/// bytes or more is refused, but within inline blocks lines come in pieces of 255 bytes, and every
+/// piece is a line of its own.
 namespace openvpnparser {
 
 struct Directive

@@ -276,14 +276,14 @@ private Q_SLOTS:
         QVERIFY2(injected > kRecords / 100, qPrintable(QString::number(injected)));
     }
 
-    void hostThatIsOnlyTooLongWouldBecomeADirective()
+    void hostThatIsOnlyTooLongWouldMakeTheFileUnreadable()
     {
         VpnServerInformation server = goodServer();
         server.host = QString(248, QLatin1Char('a')) + QStringLiteral("mssfix");
         const QByteArray file =
             configtext::written(configtext::unchecked(OvpnConnection::Udp, server));
-        QVERIFY(
-            configtext::problem(OvpnConnection::Udp, server, file).contains("\nmssfix | 1194\n"));
+        QVERIFY(configtext::problem(OvpnConnection::Udp, server, file)
+                    .contains("\nunreadable | remote aaa"));
     }
 
     void directiveThatIsMissingIsNoticed()
@@ -349,8 +349,10 @@ private Q_SLOTS:
         row("two hyphens", "--verb 1\n", "verb | 1");
         row("no line feed", "verb 1", "verb | 1");
         row("byte order mark", "\xef\xbb\xbfverb 1\n", "verb | 1");
-        row("longest piece", "verb 1 #" + QByteArray(247, 'a') + "mute 2\n", "verb | 1 / mute | 2");
-        row("one less", "verb 1 #" + QByteArray(246, 'a') + "mute 2\n", "verb | 1 / ute | 2");
+        row("longest line", "verb 1 #" + QByteArray(246, 'a') + "\nmute 2\n",
+            "verb | 1 / mute | 2");
+        row("one more", "verb 1 #" + QByteArray(247, 'a') + "\nmute 2\n",
+            "unreadable | verb 1 #" + QByteArray(247, 'a') + "\n");
     }
 
     void parserTakesWordsApartAsOpenvpnDoes()

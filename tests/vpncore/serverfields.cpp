@@ -15,6 +15,8 @@ using vpncore::OvpnConnection;
 
 namespace {
 
+constexpr int kOpenSslLimitMs = 50'000;
+
 const QString kWarning =
     QStringLiteral("Left out of the configuration, since it could be read as something else: %1");
 
@@ -28,7 +30,7 @@ public:
         QProcess openssl;
         openssl.setWorkingDirectory(m_folder.path());
         openssl.start(QStringLiteral("openssl"), arguments);
-        if (!openssl.waitForFinished() || openssl.exitCode() != 0)
+        if (!openssl.waitForFinished(kOpenSslLimitMs) || openssl.exitCode() != 0)
             qFatal("openssl %s: %s", qPrintable(arguments.join(QLatin1Char(' '))),
                    openssl.readAllStandardError().constData());
         return read(file);
@@ -174,9 +176,9 @@ private Q_SLOTS:
         row("encrypted PKCS#8 key",
             openssl.make(QStringLiteral("pkcs8.key"),
                          words("pkcs8 -topk8 -in ca.key -passout pass:secret -out pkcs8.key")));
-        row("RSA key of 4096 bits",
+        row("RSA key",
             openssl.make(QStringLiteral("rsa.key"),
-                         words("genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:4096 -out "
+                         words("genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:2048 -out "
                                "rsa.key")));
         openssl.make(QStringLiteral("all.p12"),
                      words("pkcs12 -export -in ca.crt -inkey ca.key -passout pass:secret -out "
