@@ -41,3 +41,8 @@ if(TALVEX_SANITIZERS)
                         -fno-omit-frame-pointer)
     add_link_options(-fsanitize=${TALVEX_SANITIZERS})
 endif()
+
+if(TALVEX_FUZZ)
+    # The product itself must tell libFuzzer which ways it went.
+    add_compile_options(-fsanitize=fuzzer-no-link)
+endif()

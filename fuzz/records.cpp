@@ -1,0 +1,46 @@
+/// The two records as they come off the wire: reading any bytes does no harm, and a record that
+/// was read goes out and comes back as it is. The first byte chooses the record.
+
+#include "fuzz/fuzzsupport.h"
+#include "ipc/operationresult.h"
+#include "ipc/vpnserverinformation.h"
+
+namespace {
+
+template<typename Record>
+QByteArray written(const Record &record)
+{
+    QByteArray bytes;
+    QDataStream stream(&bytes, QIODevice::WriteOnly);
+    stream << record;
+    return bytes;
+}
+
+template<typename Record>
+void goRound(const QByteArray &bytes)
+{
+    Record record;
+    QDataStream stream(bytes);
+    stream >> record;
+    const QByteArray once = written(record);
+    Record again;
+    QDataStream back(once);
+    back >> again;
+    if (back.status() != QDataStream::Ok || !back.atEnd())
+        fuzz::fail("a record that was written cannot be read");
+    if (written(again) != once)
+        fuzz::fail("a record changed on its way");
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
+{
+    fuzz::prepare();
+    fuzz::Input input(data, size);
+    if (input.byte() % 2 == 0)
+        goRound<VpnServerInformation>(input.rest());
+    else
+        goRound<OperationResult>(input.rest());
+    return 0;
+}
