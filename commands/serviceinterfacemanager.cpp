@@ -21,6 +21,15 @@ constexpr std::chrono::milliseconds kHeartbeatLimit = 30s;
 constexpr int kMostRunningCommands = 64;
 constexpr auto kPutOffTime = 100ms;
 int runningCommands = 0;
+/// Set when there are that many, until all have ended. A command that took the place of each that
+/// ends would hold up all those in whose waits it runs, by its own time, over and over.
+bool isUnwinding = false;
+
+/// How many commands of one client may wait for their turn.
+constexpr int kMostWaitingCommands = 10'000;
+
+/// What is left to a client for reading one answer, when it has very many to read.
+constexpr auto kAnswerTime = 1ms;
 
 const QLatin1String kTypeKey("type");
 const QLatin1String kCommandKey("cmd");
@@ -46,10 +55,13 @@ ServiceInterfaceManager::ServiceInterfaceManager(vpncore::IOvpnConnection *conne
     : ServiceInterfaceSource(parent)
     , livenessTimer(new QTimer(this))
     , ovpnConnection(connection)
+    , commandTimer(new QTimer(this))
 {
     // A coarse timer of 30 s may fire half a second early; a client must not lose its tunnel then.
     livenessTimer->setTimerType(Qt::PreciseTimer);
     connect(livenessTimer, &QTimer::timeout, this, &ServiceInterfaceManager::timeout_slot);
+    commandTimer->setSingleShot(true);
+    connect(commandTimer, &QTimer::timeout, this, &ServiceInterfaceManager::runNextCommand);
     qDebug() << "Source Node Started";
 }
 
@@ -69,6 +81,8 @@ void ServiceInterfaceManager::vpn_command(const QString &message,
     const Command command = decode(message);
     if (command == Command::None)
         return;
+    if (waitingCommands.size() >= kMostWaitingCommands)
+        answerOvertaken(waitingCommands.dequeue());
     waitingCommands.enqueue(command);
     waitingServer = command == Command::Disconnect ? VpnServerInformation() : vpnServer;
     scheduleNextCommand();
@@ -76,7 +90,8 @@ void ServiceInterfaceManager::vpn_command(const QString &message,
 
 void ServiceInterfaceManager::scheduleNextCommand()
 {
-    QMetaObject::invokeMethod(this, &ServiceInterfaceManager::runNextCommand, Qt::QueuedConnection);
+    if (!commandTimer->isActive())
+        commandTimer->start(0ms);
 }
 
 void ServiceInterfaceManager::runNextCommand()
@@ -87,26 +102,29 @@ void ServiceInterfaceManager::runNextCommand()
         endOvertakenAttempt();
         return;
     }
-    if (runningCommands >= kMostRunningCommands) {
-        QTimer::singleShot(kPutOffTime, this, &ServiceInterfaceManager::runNextCommand);
+    if (isUnwinding) {
+        commandTimer->start(kPutOffTime);
         return;
     }
 
     ++runningCommands;
+    isUnwinding = runningCommands >= kMostRunningCommands;
     runningCommand = waitingCommands.dequeue();
     const bool isOvertaken = !waitingCommands.isEmpty();
     if (runningCommand == Command::Disconnect)
         execute(runningCommand, {});
     else if (isOvertaken)
-        answer(kConnect, vpncore::OvpnConnection::overtakenResult());
+        answerOvertaken(runningCommand);
     else
         execute(runningCommand, std::exchange(waitingServer, {}));
     runningCommand = Command::None;
     isAttemptEnded = false;
     --runningCommands;
+    isUnwinding = isUnwinding && runningCommands > 0;
 
+    // Thousands of answers in one go would be more than a connection holds for its client.
     if (!waitingCommands.isEmpty())
-        scheduleNextCommand();
+        commandTimer->start(kAnswerTime);
 }
 
 void ServiceInterfaceManager::endOvertakenAttempt()
@@ -159,6 +177,14 @@ void ServiceInterfaceManager::execute(Command command, const VpnServerInformatio
         answer(kConnect, ovpnConnection->connectUdp(vpnServer));
         break;
     }
+}
+
+void ServiceInterfaceManager::answerOvertaken(Command command)
+{
+    if (command == Command::Disconnect) // whatever overtook it stops the tunnel itself
+        answer(kDisconnect, OperationResult::succeeded());
+    else
+        answer(kConnect, vpncore::OvpnConnection::overtakenResult());
 }
 
 void ServiceInterfaceManager::answer(const QString &cmd, const OperationResult &result)

@@ -22,8 +22,9 @@ class OvpnConnection;
 ///     {"type":"connect","cmd":"ovpnTcp"}
 ///     {"type":"connect","cmd":"ovpnUdp"}
 ///
-/// Every command is answered by one vpn_cmd_result() signal, in the order of the commands. The
-/// JSON text of an answer says only which command it belongs to; the outcome is in the record.
+/// Every command is answered by one vpn_cmd_result() signal, in the order of the commands; only
+/// when thousands wait, the oldest of these are answered, as overtaken, before the one that runs.
+/// The JSON text of an answer says only which command it belongs to; the outcome is in the record.
 class ServiceInterfaceManager : public ServiceInterfaceSource
 {
     Q_OBJECT
@@ -77,6 +78,7 @@ private:
     Command decode(const QString &message);
     void execute(Command command, const VpnServerInformation &vpnServer);
     void answer(const QString &cmd, const OperationResult &result);
+    void answerOvertaken(Command command);
     void scheduleNextCommand();
     void runNextCommand();
     void endOvertakenAttempt();
@@ -87,6 +89,7 @@ private:
     vpncore::IOvpnConnection *ovpnConnection;
     bool commandHandled = false;
 
+    QTimer *commandTimer;
     QQueue<Command> waitingCommands;
     /// Belongs to the newest waiting command; the older ones are overtaken and need none.
     VpnServerInformation waitingServer;

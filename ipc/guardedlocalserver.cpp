@@ -57,7 +57,6 @@ void GuardedLocalServer::incomingConnection(quintptr socketDescriptor)
     }
     auto *socket = new GuardedLocalSocket(m_interface, this);
     socket->setSocketDescriptor(static_cast<qintptr>(socketDescriptor));
-    connect(socket, &QLocalSocket::disconnected, socket, &QObject::deleteLater);
     m_pendingConnections.enqueue(socket);
     Q_EMIT newConnection();
 }

@@ -6,8 +6,7 @@
 #include <QtNetwork/QLocalServer>
 
 /// A local server whose connections are GuardedLocalSockets, and that leaves the process enough
-/// descriptors: a connection that would take one of the last is closed at once. A connection that
-/// ends is deleted with everything that it held.
+/// descriptors: a connection that would take one of the last is closed at once.
 class GuardedLocalServer : public QLocalServer
 {
     Q_OBJECT

@@ -2,7 +2,7 @@
 
 #include "commands/serviceinterfacemanager.h"
 #include "ipc/guardedlocalserver.h"
-#include "ipc/hostsideconnection.h"
+#include "ipc/hostconnection.h"
 #include "ipc/ipcurls.h"
 
 #include <QtCore/QDebug>
@@ -40,7 +40,7 @@ int IpcServer::createPrivilegedProcess()
             [server = descriptor.localServer.data(), host = descriptor.serverNode.data(),
              manager = descriptor.ipcProcess.data()] {
                 qDebug() << "IpcServer new connection";
-                addHostSideConnection(*host, server->nextPendingConnection());
+                addHostConnection(*host, server->nextPendingConnection());
                 // Fails from the second connection on, since the object is published already.
                 // Asking every time, and Qt's warning, are wanted.
                 host->enableRemoting(manager);

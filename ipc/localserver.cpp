@@ -1,7 +1,7 @@
 #include "ipc/localserver.h"
 
 #include "ipc/guardedlocalserver.h"
-#include "ipc/hostsideconnection.h"
+#include "ipc/hostconnection.h"
 #include "ipc/ipcurls.h"
 
 #include <QtCore/QDebug>
@@ -41,7 +41,7 @@ LocalServer::~LocalServer()
 void LocalServer::acceptConnection()
 {
     qDebug() << "LocalServer new connection";
-    addHostSideConnection(m_serverNode, m_server->nextPendingConnection());
+    addHostConnection(m_serverNode, m_server->nextPendingConnection());
     if (!m_isRemotingEnabled) {
         m_isRemotingEnabled = true;
         m_serverNode.enableRemoting(&m_ipcServer);

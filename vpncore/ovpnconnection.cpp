@@ -29,8 +29,10 @@ constexpr auto kTerminateLimit = 15s;
 /// For exec(2) to succeed or fail, which takes a millisecond unless the disk hangs.
 constexpr auto kStartLimit = 2s;
 
-/// What a new tunnel leaves, so that a socket can still accept connections, if only to close them.
-constexpr int kDescriptorsLeft = 16;
+/// What a new tunnel needs at least: itself four, and then there must be enough to run the script
+/// that restores the DNS settings (8 on Linux, 12 on macOS), and to accept connections, if only to
+/// close them.
+constexpr int kDescriptorsLeft = 20;
 
 const char kCannotCreateConfig[] = "label.can_not_create_config_for_open_vpn";
 const char kCannotStart[] = "warning.open_vpn_running_fails_check_apps";
