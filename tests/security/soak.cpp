@@ -44,9 +44,11 @@ class Soak : public QObject
     Q_OBJECT
 
 private:
-    static constexpr int kEndpoints = 10;
-    static constexpr int kCycles = 100; ///< on each
-    static constexpr int kWarmUp = 10; ///< of these
+    static constexpr int kEndpoints = 20;
+    /// On each endpoint. Sanitizers make each tunnel cost much more time than it waits, and
+    /// resident memory is not looked at there.
+    static constexpr int kCycles = measures::kResidentMemoryCounts ? 50 : 15;
+    static constexpr int kWarmUp = 5; ///< of these
 
     /// Lets every client connect and disconnect @p cycles times, each at its own pace.
     static void cycle(const std::vector<QSharedPointer<Client>> &clients, int cycles)
