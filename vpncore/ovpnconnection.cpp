@@ -13,6 +13,7 @@
 #include <QtCore/QProcess>
 #include <QtCore/QTemporaryFile>
 
+#include <algorithm>
 #include <chrono>
 
 namespace vpncore {
@@ -33,6 +34,10 @@ constexpr auto kStartLimit = 2s;
 /// that restores the DNS settings (8 on Linux, 12 on macOS), and to accept connections, if only to
 /// close them.
 constexpr int kDescriptorsLeft = 20;
+
+/// How much of what `openvpn` prints outside of an attempt is kept for the log of its end. A server
+/// can make it print a line for every packet, for months.
+constexpr qint64 kMostUnreadOutput = 256 * 1024;
 
 const char kCannotCreateConfig[] = "label.can_not_create_config_for_open_vpn";
 const char kCannotStart[] = "warning.open_vpn_running_fails_check_apps";
@@ -128,6 +133,7 @@ OperationResult OvpnConnection::connect(const QString &configText, const QString
 {
     OperationResult result = forceConnect(configText, protocolName);
     deleteConfigFile();
+    dropExcessOutput();
     return result;
 }
 
@@ -280,6 +286,15 @@ void OvpnConnection::logOutput()
     const QByteArray output = process->readAll();
     if (!output.isEmpty())
         qDebug() << output;
+}
+
+void OvpnConnection::dropExcessOutput()
+{
+    if (!process)
+        return;
+    QObject::connect(process.get(), &QProcess::readyRead, [source = process.get()] {
+        source->skip(std::max<qint64>(source->bytesAvailable() - kMostUnreadOutput, 0));
+    });
 }
 
 int OvpnConnection::analyseProcessOutput(const QString &output)

@@ -41,8 +41,8 @@ public:
     OperationResult connectTcp(const VpnServerInformation &server) override;
 
     /// Stops `openvpn` (SIGTERM, after 15 s SIGKILL), waits for its end however long that takes,
-    /// logs what it still prints, and gives the DNS settings back. Without a process it only
-    /// removes a configuration file that is left.
+    /// logs what it still prints and the last 256 KiB of what it printed before, and gives the DNS
+    /// settings back. Without a process it only removes a configuration file that is left.
     /// @return success, always.
     OperationResult disconnect() override;
 
@@ -104,6 +104,7 @@ private:
     void startOpenvpn();
     bool isEnded() const;
     void logOutput();
+    void dropExcessOutput();
 
     QString configFileName;
     std::unique_ptr<QProcess> process;

@@ -10,7 +10,8 @@
 ///     journal       one line a start, `PID 'argument' 'argument' ...` (quoted as for a shell, the
 ///                   program's name included), and further lines for the same process:
 ///                   `PID child CHILDPID` when it left a child behind,
-///                   `PID terminated` when it ended because of SIGTERM
+///                   `PID terminated` when it ended because of SIGTERM,
+///                   `PID has printed all` when a flood of output is out
 ///     config.PID    a copy of the configuration file
 ///     mode.PID      the mode of the configuration file, in octal
 ///     starts.HOST   how often "exits-twice-then-connects" has been started
@@ -469,14 +470,35 @@ void leaveChildWithPipe(Tunnel &tunnel)
     tunnel.traces().journal("child " + std::to_string(child));
 }
 
-void flood(Tunnel &tunnel)
+void printVeryMuch(Tunnel &tunnel)
 {
     std::string block;
     while (block.size() < PIPE_BUF)
         block += "TLS: a line of no consequence, one of very many\n";
     for (std::size_t printed = 0; printed < kFloodBytes; printed += block.size())
         tunnel.print(block);
+}
+
+void flood(Tunnel &tunnel)
+{
+    printVeryMuch(tunnel);
     tunnel.print(kSuccess);
+}
+
+void floodWhenConnected(Tunnel &tunnel)
+{
+    connectWithoutScripts(tunnel);
+    tunnel.wait(1s);
+    printVeryMuch(tunnel);
+    tunnel.traces().journal("has printed all");
+}
+
+void floodAfterAnError(Tunnel &tunnel)
+{
+    printError(tunnel);
+    tunnel.wait(1s);
+    printVeryMuch(tunnel);
+    tunnel.traces().journal("has printed all");
 }
 
 void crash(Tunnel &tunnel)
@@ -553,6 +575,8 @@ constexpr Scenario kScenarios[] = {
     {"late-first-output", printLate},
     {"only-empty", closeOutput},
     {"flood", flood},
+    {"flood-when-connected", floodWhenConnected},
+    {"flood-after-error", floodAfterAnError},
 };
 
 const Scenario &scenarioFor(const std::string &host)

@@ -44,7 +44,7 @@ public:
     void heartbeat(bool state = true);
 
     /// @return the answers so far, in the order they came.
-    QVector<Answer> answers() const { return m_answers; }
+    const QVector<Answer> &answers() const { return m_answers; }
 
     /// @return the key of the n-th answer, "success" for a success, "none" when there is none.
     QString outcome(int n = 0) const;
