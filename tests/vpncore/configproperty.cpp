@@ -12,7 +12,7 @@ using vpncore::OvpnConnection;
 
 namespace {
 
-constexpr int kRecords = 20'000;
+constexpr int kRecords = 10'000;
 
 QString pemBlock(const QString &label, const QString &body)
 {
