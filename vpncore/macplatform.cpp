@@ -10,6 +10,7 @@
 #include <QtCore/QDir>
 #include <QtCore/QFileInfo>
 #include <QtCore/QProcess>
+#include <QtCore/QSet>
 
 #include <memory>
 
@@ -31,9 +32,15 @@ void collectOutput(QProcess &process, QString &output)
 /// Lets the process run on, and frees its object when it has ended.
 void abandon(std::unique_ptr<QProcess> process)
 {
+    // Never destroyed, since that would kill the processes in it.
+    static auto *const abandoned = new QSet<QProcess *>;
     QProcess *running = process.release();
+    abandoned->insert(running);
     QObject::connect(running, qOverload<int, QProcess::ExitStatus>(&QProcess::finished), running,
-                     &QObject::deleteLater);
+                     [running] {
+                         abandoned->remove(running);
+                         running->deleteLater();
+                     });
 }
 
 } // namespace
