@@ -13,11 +13,11 @@ class GuardedLocalSocket : public QLocalSocket
 
 public:
     /// What waits to be read by one client, at most.
-    static constexpr qint64 kMostUnreadBytes = 1024 * 1024;
+    static constexpr qint64 kMostUnreadBytes = qint64(1024) * 1024;
     /// What is held for one client, read or unread, without asking what the others have.
-    static constexpr qint64 kFairShareBytes = 64 * 1024;
+    static constexpr qint64 kFairShareBytes = qint64(64) * 1024;
     /// What is held for all clients that have more than their fair share.
-    static constexpr qint64 kMostHeldBytes = 16 * 1024 * 1024;
+    static constexpr qint64 kMostHeldBytes = qint64(16) * 1024 * 1024;
 
     GuardedLocalSocket(const RemoteInterface &interface, QObject *parent);
     ~GuardedLocalSocket() override;

@@ -37,7 +37,7 @@ constexpr int kDescriptorsLeft = 20;
 
 /// How much of what `openvpn` prints outside of an attempt is kept for the log of its end. A server
 /// can make it print a line for every packet, for months.
-constexpr qint64 kMostUnreadOutput = 256 * 1024;
+constexpr qint64 kMostUnreadOutput = qint64(256) * 1024;
 
 const char kCannotCreateConfig[] = "label.can_not_create_config_for_open_vpn";
 const char kCannotStart[] = "warning.open_vpn_running_fails_check_apps";
