@@ -17,12 +17,13 @@ foreach(word IN LISTS LAUNCHER ITEMS "${EXECUTABLE}")
     string(APPEND command " [==[${word}]==]")
 endforeach()
 
+# A test that may take long costs much, so it starts early and does not run on alone at the end.
 set(content)
 foreach(function IN LISTS functions)
     string(REPLACE "()" "" function "${function}")
     string(APPEND content
         "add_test([==[${NAME}.${function}]==] ${command} ${function})\n"
         "set_tests_properties([==[${NAME}.${function}]==] PROPERTIES"
-        " SKIP_RETURN_CODE 77 TIMEOUT ${TIMEOUT} LABELS [==[${LABELS}]==])\n")
+        " SKIP_RETURN_CODE 77 TIMEOUT ${TIMEOUT} COST ${TIMEOUT} LABELS [==[${LABELS}]==])\n")
 endforeach()
 file(WRITE "${OUTPUT}" "${content}")
