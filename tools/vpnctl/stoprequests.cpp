@@ -68,7 +68,7 @@ StopRequests::StopRequests(QObject *parent)
 StopRequests::~StopRequests()
 {
     for (const int signal : kStopSignals)
-        setHandler(signal, SIG_DFL);
+        setHandler(signal, SIG_IGN);
     delete m_signalNotifier;
     for (int &descriptor : signalPipe) {
         ::close(descriptor);

@@ -14,6 +14,8 @@ class StopRequests : public QObject
 public:
     /// From here on SIGINT, SIGTERM and SIGHUP no longer end the process.
     explicit StopRequests(QObject *parent = nullptr);
+
+    /// Leaves the signals ignored: the process ends already, and its exit status is decided.
     ~StopRequests() override;
 
     /// Takes the end of the standard input for a request too. Input that is /dev/null, and a
