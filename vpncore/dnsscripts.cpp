@@ -1,7 +1,7 @@
 #include "vpncore/dnsscripts.h"
 
 // The texts go to bash as they stand: their blanks, their unused variables and their blank last
-// line are wanted. The first line is a comment to bash, since it is not the first byte of a file.
+// line are wanted. The "#!" line is a comment to bash, since it does not begin the text.
 
 namespace vpncore {
 

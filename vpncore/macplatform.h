@@ -100,11 +100,13 @@ public:
     ///         executable's folder, whatever bundle the executable runs from.
     static QString applicationPath();
 
-    /// Runs a command line and waits for its end. The event loop turns meanwhile.
+    /// Runs a command line and waits for its end. The event loop turns meanwhile. Nothing is
+    /// logged.
     ///
     /// @param command program and arguments, split by Qt's quoting rules; no shell is involved.
     /// @param timeout limit in whole seconds. A command that outlives it goes on running.
-    /// @param output standard output and standard error, as UTF-8, are appended to it.
+    /// @param output standard output and standard error, as UTF-8, are appended to it, of each
+    ///        piece that is read only what comes before its first zero byte.
     /// @return 0 when the command ended, whatever its exit code; 1 when it could not be started;
     ///         2 when more than @p timeout whole seconds had passed.
     static int runProcess(const QString &command, int timeout, QString &output);

@@ -317,11 +317,13 @@ OperationResult OvpnConnection::generateConfigText(ConnectionType &connectionTyp
     // Two different tests are wanted: a type that is neither means UDP with the TCP port.
     const int port = connectionType == Udp ? server.udpPort : server.tcpPort;
     const QString protocol = connectionType == Tcp ? QStringLiteral("tcp") : QStringLiteral("udp");
+    const QString host = fieldIf(isHost, server.host, "host");
+    const QString ca = fieldIf(isPem, server.ca, "ca");
+    const QString cert = fieldIf(isPem, server.cert, "cert");
+    const QString key = fieldIf(isPem, server.key, "key");
     // All in one pass, so that no inserted text is searched for places to fill.
-    configText = ovpnTemplate().arg(
-        protocol, fieldIf(isHost, server.host, "host"), fieldIf(isPem, server.ca, "ca"),
-        fieldIf(isPem, server.cert, "cert"), fieldIf(isPem, server.key, "key"),
-        QString::number(port), MacPlatform::resourcesDir());
+    configText = ovpnTemplate().arg(protocol, host, ca, cert, key, QString::number(port),
+                                    MacPlatform::resourcesDir());
     return OperationResult::succeeded();
 }
 

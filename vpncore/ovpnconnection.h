@@ -42,29 +42,35 @@ public:
 
     /// Stops `openvpn` (SIGTERM, after 15 s SIGKILL), waits for its end however long that takes,
     /// logs what it still prints and the last 256 KiB of what it printed before, and gives the DNS
-    /// settings back. Without a process it only removes a configuration file that is left.
-    /// @return success, always.
+    /// settings back (see MacPlatform::updateDns(), which blocks for up to 10 s). Without a process
+    /// it only removes a configuration file that is left.
+    /// @return success, always; also when a newer operation has taken over, whose process may run.
     OperationResult disconnect() override;
 
     /// @return whether there is an `openvpn` process, or one that has ended since the last
     ///         disconnect().
     bool hasProcess() const { return process != nullptr; }
 
-    /// Connects to a server; see forceConnect() for results and limits.
+    /// Connects to a server; see forceConnect() for results and limits, and generateConfigText()
+    /// for what of the server's record is used. Afterwards there is no configuration file, and of
+    /// what `openvpn` prints the last 256 KiB are kept for disconnect().
     /// @param connectionType chooses the transport and which of the two ports is used.
     OperationResult connect(const VpnServerInformation &server, ConnectionType connectionType);
 
-    /// Connects with a ready configuration; see forceConnect() for results and limits.
+    /// Connects with a ready configuration, as above.
+    /// @param configText not checked: whoever passes it may run scripts as the daemon's user.
     /// @param protocolName "UDP" or "TCP", for the time-out message.
     OperationResult connect(const QString &configText, const QString &protocolName);
 
     /// Makes attempts until one succeeds, fails for good, or 16 s have passed over all of them.
-    /// A success that came late is still a success.
+    /// A success that came late is still a success. The event loop turns meanwhile. An attempt
+    /// that failed leaves its `openvpn` to the next disconnect(), unless the 16 s are over.
     /// @param configText the complete OpenVPN configuration.
     /// @param protocolName "UDP" or "TCP", for the time-out message.
     /// @return success, or a failure with one of these localisation keys:
     ///   - "label.can_not_create_config_for_open_vpn": the configuration could not be written;
-    ///   - "warning.open_vpn_running_fails_check_apps": `openvpn` could not be started;
+    ///   - "warning.open_vpn_running_fails_check_apps": `openvpn` could not be started, or too few
+    ///     descriptors are left;
     ///   - "warning.open_vpn_does_not_exists_try_another_protocol": the same, found out late;
     ///   - "warning.open_vpn_connection_time_out": 16 s passed;
     ///   - "warning.open_vpn_server_does_not_respond": 10 s passed without any output;
@@ -77,7 +83,8 @@ public:
     OperationResult tryConnectOneTime(const QString &configText, const QString &protocolName,
                                       bool &retry);
 
-    /// Fills the configuration template.
+    /// Fills the configuration template. A host that is not isHost(), and a CA certificate,
+    /// certificate or key that is not isPem(), is left out, with one warning that names the field.
     /// @param connectionType only read.
     /// @param configText receives the configuration.
     /// @return success, always.

@@ -8,7 +8,7 @@ namespace vpncore {
 /// directives): %1 transport, %2 host, %3 CA certificate, %4 client certificate, %5 client key,
 /// %6 port, %7 the folder of the up and down scripts.
 ///
-/// @return 36 lines of 378 characters, each line ended by one line feed.
+/// @return 36 lines, 378 characters in all, each line ended by one line feed.
 QString ovpnTemplate();
 
 } // namespace vpncore

@@ -6,12 +6,14 @@
 ///
 /// The configuration is read by a program that runs as root and starts scripts, and every local
 /// user may send a record. So a text that could be read as anything but the value it stands for
-/// is left out. OpenVPN (openvpn(8), "inline files") reads lines in pieces of 255 bytes, takes a
-/// line's words apart at blanks and quotes, and ends an inline block at the first piece that
-/// begins, after white space, with the closing tag.
+/// is left out. OpenVPN (openvpn(8), "inline files") takes a line's words apart at blanks and
+/// quotes. It reads inline blocks in pieces of 255 bytes, and a block ends at the first piece that
+/// begins, after white space, with the closing tag, whether or not a line begins there. Other lines
+/// have at most 255 bytes.
 namespace vpncore {
 
-/// The longest host that fits into one piece with the rest of its line, "remote HOST PORT".
+/// The longest host that fits into a line with the rest of it, "remote HOST PORT", whatever the
+/// port. DNS names have at most 253 characters, and those in use far fewer.
 constexpr int kLongestHost = 235;
 
 /// @return whether @p text is a host name or an address, and nothing else to OpenVPN: ASCII
