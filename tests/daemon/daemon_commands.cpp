@@ -86,6 +86,44 @@ private Q_SLOTS:
         }
     }
 
+    void attemptsAndTheirEndAreLogged()
+    {
+        Client client;
+        QVERIFY(client.attachToNewEndpoint());
+        VpnServerInformation server = serverFor(QStringLiteral("exits-at-once"));
+        server.ca = QStringLiteral("verb 0, compress lzo\n-----BEGIN CERTIFICATE-----\nQQ==\n"
+                                   "-----END CERTIFICATE-----\n");
+        client.connectUdp(server);
+        QTRY_COMPARE_WITH_TIMEOUT(client.answers().size(), 1, 20'000);
+        QCOMPARE(client.outcome(), QStringLiteral("warning.open_vpn_connection_time_out"));
+        const int attempts = standins::openvpnStarts().size();
+        QVERIFY(attempts > 10);
+        QTRY_COMPARE(m_daemon.count(QStringLiteral("Connecting timeout, stop processing")), 1);
+        QCOMPARE(m_daemon.count(QStringLiteral("----------------- New Connection "
+                                               "-----------------\r")),
+                 attempts);
+        QCOMPARE(m_daemon.count(QStringLiteral("replace verb 1")), attempts);
+        QCOMPARE(m_daemon.count(QStringLiteral("replace comp-lzo")), attempts);
+        QCOMPARE(m_daemon.count(QStringLiteral("openvpn state:  QProcess::NotRunning")), attempts);
+        const QString program = DaemonProcess::programFolder() + QStringLiteral("/openvpn");
+        const QString command = QStringLiteral("\"%1\" \"\\\"%1\\\" --config \\\"").arg(program);
+        QCOMPARE(m_daemon.linesWith(command).size(), attempts);
+        QCOMPARE(m_daemon.linesWith(QStringLiteral("QString::arg: Argument missing: ")).size(), 1);
+    }
+
+    void whatOpenvpnPrintsDuringADisconnectIsLogged()
+    {
+        Client client;
+        QVERIFY(client.attachToNewEndpoint());
+        client.connectUdp(serverFor(QStringLiteral("slow-to-stop")));
+        QTRY_COMPARE(client.answers().size(), 1);
+        client.disconnectTunnel();
+        QTRY_COMPARE_WITH_TIMEOUT(client.answers().size(), 2, 8'000);
+        for (int second = 0; second < 3; ++second)
+            QTRY_COMPARE(
+                m_daemon.count(QStringLiteral("\"Still closing, second %1\\n\"").arg(second)), 1);
+    }
+
     void textsThatAreNoCommandGetNoAnswer()
     {
         Client client;

@@ -85,17 +85,26 @@ private Q_SLOTS:
 
     void dnsIsRestoredBeforeTheDaemonListens()
     {
-        // The restore script runs for a second; no client gets in meanwhile.
+        // The restore script looks whether there is a socket already, twice in a second.
         QFile::remove(QStringLiteral("/sbin/networksetup"));
         QFile slow(QStringLiteral("/sbin/networksetup"));
         QVERIFY(slow.open(QIODevice::WriteOnly));
-        slow.write("#!/bin/bash\nsleep 1\n");
+        slow.write("#!/bin/bash\nfor turn in 1 2; do\n  sleep 0.5\n"
+                   "  [[ -e '"
+                   + shared::getIpcServiceUrl().toUtf8()
+                   + "' ]] && echo present || "
+                     "echo absent\ndone >>/tmp/socket\n");
         slow.setPermissions(QFile::ReadOwner | QFile::ExeOwner);
         slow.close();
         DaemonProcess daemon;
         QVERIFY(daemon.startOnly());
         QTRY_VERIFY(QFile::exists(shared::getIpcServiceUrl()));
         QTRY_COMPARE(daemon.count(QStringLiteral("check DNS result  true")), 1);
+        QFile seen(QStringLiteral("/tmp/socket"));
+        QVERIFY(seen.open(QIODevice::ReadOnly));
+        const QByteArray text = seen.readAll();
+        QVERIFY(text.startsWith("absent\nabsent\n"));
+        QVERIFY2(!text.contains("present"), text.constData());
     }
 
     void secondDaemonLogsAndIdlesWhileTheFirstServesOn()

@@ -173,6 +173,10 @@ private Q_SLOTS:
         QCOMPARE(m_job.value(QStringLiteral("KeepAlive")), QVariant(true));
         QCOMPARE(m_job.value(QStringLiteral("UserName")), QVariant(QStringLiteral("root")));
         QCOMPARE(m_job.value(QStringLiteral("AbandonProcessGroup")), QVariant(false));
+        // Without it, the temporary folder of a launch daemon is root's own.
+        QVERIFY(!m_job.value(QStringLiteral("EnvironmentVariables"))
+                     .toMap()
+                     .contains(QStringLiteral("TMPDIR")));
     }
 
     void applicationFindsTheJobByItsLabel()

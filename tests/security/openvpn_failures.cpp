@@ -137,6 +137,18 @@ private Q_SLOTS:
         tunnelWorks();
     }
 
+    void stoppedDuringAnAttemptIsKilledByTheNextCommand()
+    {
+        QCOMPARE(connectTo(QStringLiteral("stops-itself-silently")), kNoResponse);
+        QCOMPARE(standins::runningOpenvpns(), 1);
+        QElapsedTimer timer;
+        timer.start();
+        QCOMPARE(disconnect(), kSuccess);
+        QVERIFY2(timer.elapsed() >= 15'000, qPrintable(QString::number(timer.elapsed())));
+        QCOMPARE(standins::runningOpenvpns(), 0);
+        tunnelWorks();
+    }
+
     void crashesAreAnsweredAsATimeOut()
     {
         QCOMPARE(connectTo(QStringLiteral("crashes")), kTimeOut);
@@ -164,6 +176,13 @@ private Q_SLOTS:
         timer.start();
         QCOMPARE(disconnect(), kSuccess);
         QVERIFY2(timer.elapsed() < 3'000, qPrintable(QString::number(timer.elapsed())));
+        tunnelWorks();
+    }
+
+    void childThatHoldsThePipeOfAnEndedOpenvpnHoldsUpNothing()
+    {
+        QCOMPARE(connectTo(QStringLiteral("exits-but-child-holds-pipe")), kTimeOut);
+        QVERIFY(standins::openvpnStarts().size() > 10);
         tunnelWorks();
     }
 

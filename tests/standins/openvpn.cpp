@@ -445,6 +445,16 @@ void succeedLate(Tunnel &tunnel)
     tunnel.print(kSuccess);
 }
 
+/// Both starts together take longer than the daemon's limit of 16 s for a request.
+void exitLateThenSucceedLate(Tunnel &tunnel)
+{
+    if (tunnel.traces().countStart(tunnel.host()) == 1) {
+        tunnel.wait(7s);
+        throw Exit{1};
+    }
+    succeedLate(tunnel);
+}
+
 void printLate(Tunnel &tunnel)
 {
     tunnel.wait(9s);
@@ -457,9 +467,8 @@ void closeOutput(Tunnel &)
     close(STDERR_FILENO);
 }
 
-void leaveChildWithPipe(Tunnel &tunnel)
+void leaveChild(Tunnel &tunnel)
 {
-    connectWithoutScripts(tunnel);
     const pid_t child = fork();
     if (child == 0) {
         setpgid(0, 0);
@@ -468,6 +477,18 @@ void leaveChildWithPipe(Tunnel &tunnel)
         _exit(0);
     }
     tunnel.traces().journal("child " + std::to_string(child));
+}
+
+void leaveChildWithPipe(Tunnel &tunnel)
+{
+    connectWithoutScripts(tunnel);
+    leaveChild(tunnel);
+}
+
+void exitAndLeaveChildWithPipe(Tunnel &tunnel)
+{
+    leaveChild(tunnel);
+    throw Exit{1};
 }
 
 void printVeryMuch(Tunnel &tunnel)
@@ -513,6 +534,11 @@ void crash(Tunnel &tunnel)
 void stopItself(Tunnel &tunnel)
 {
     connectWithoutScripts(tunnel);
+    std::raise(SIGSTOP);
+}
+
+void stopItselfSilently(Tunnel &)
+{
     std::raise(SIGSTOP);
 }
 
@@ -565,13 +591,16 @@ constexpr Scenario kScenarios[] = {
     {"exits-twice-then-connects", exitTwiceThenConnect, runDownScript},
     {"crashes", crash},
     {"stops-itself", stopItself},
+    {"stops-itself-silently", stopItselfSilently},
     {"ignores-term", ignoreTermAndConnect},
     {"ignores-term-silent", ignoreTerm},
     {"slow-to-stop", connectWithoutScripts, stopSlowly},
     {"child-holds-pipe", leaveChildWithPipe},
+    {"exits-but-child-holds-pipe", exitAndLeaveChildWithPipe},
     {"nul-bytes", printNulAndMarker},
     {"nul-then-success", printNulThenSuccess},
     {"late-success", succeedLate},
+    {"exits-late-then-late-success", exitLateThenSucceedLate},
     {"late-first-output", printLate},
     {"only-empty", closeOutput},
     {"flood", flood},

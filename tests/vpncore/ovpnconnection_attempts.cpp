@@ -169,6 +169,40 @@ private Q_SLOTS:
         QVERIFY(m_duration >= 12'000 && m_duration < 13'500);
     }
 
+    void successAfterMoreThanSixteenSecondsInAllIsASuccess()
+    {
+        QVERIFY(connectTo(QStringLiteral("exits-late-then-late-success")).success);
+        QVERIFY2(m_duration >= 19'000 && m_duration < 21'500,
+                 qPrintable(QString::number(m_duration)));
+        QCOMPARE(standins::openvpnStarts().size(), 2);
+        QCOMPARE(m_log->count(QStringLiteral("Connecting timeout, stop processing")), 0);
+        QCOMPARE(standins::runningOpenvpns(), 1);
+    }
+
+    void onlyAProgramThatEndsByItselfIsToBeTriedAgain_data()
+    {
+        QTest::addColumn<QString>("scenario");
+        QTest::addColumn<QString>("outcome");
+        QTest::addColumn<bool>("retry");
+        QTest::newRow("ends") << QStringLiteral("exits-at-once") << kAttemptFailed << true;
+        QTest::newRow("reports an error") << QStringLiteral("error") << kAttemptFailed << false;
+        QTest::newRow("connects") << QStringLiteral("prints-at-once-success") << QString() << false;
+        QTest::newRow("is silent") << QStringLiteral("silent") << kNoResponse << false;
+    }
+
+    void onlyAProgramThatEndsByItselfIsToBeTriedAgain()
+    {
+        QFETCH(QString, scenario);
+        QFETCH(QString, outcome);
+        QFETCH(bool, retry);
+        bool retryWanted = !retry;
+        const OperationResult result = m_connection->tryConnectOneTime(
+            QStringLiteral("remote %1 1194\n").arg(scenario), QStringLiteral("UDP"), retryWanted);
+        QCOMPARE(result.success, outcome.isEmpty());
+        QCOMPARE(result.message, outcome);
+        QCOMPARE(retryWanted, retry);
+    }
+
     void markerSplitOverTwoWritesIsFound()
     {
         QVERIFY(connectTo(QStringLiteral("split-marker")).success);
