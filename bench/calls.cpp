@@ -12,7 +12,7 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr int kCalls = 4000;
-constexpr int kCallRounds = 41;
+constexpr int kCallRounds = 101;
 constexpr auto kCallLimit = 30s;
 constexpr double kCallBar = 0.9;
 

@@ -31,10 +31,10 @@ constexpr int kMostWaitingCommands = 10'000;
 /// What is left to a client for reading one answer, when it has very many to read.
 constexpr auto kAnswerTime = 1ms;
 
-const QLatin1String kTypeKey("type");
-const QLatin1String kCommandKey("cmd");
-const QLatin1String kArgumentKey("arg");
-const QLatin1String kStatusKey("status");
+const QString kTypeKey = QStringLiteral("type");
+const QString kCommandKey = QStringLiteral("cmd");
+const QString kArgumentKey = QStringLiteral("arg");
+const QString kStatusKey = QStringLiteral("status");
 
 const QLatin1String kOpenvpn("openvpn");
 const QLatin1String kConnect("connect");

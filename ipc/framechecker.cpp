@@ -170,11 +170,14 @@ FrameChecker::FrameChecker(const RemoteInterface &interface)
     stream << interface.name;
 }
 
-bool FrameChecker::feed(const QByteArray &bytes)
+bool FrameChecker::feed(QByteArray bytes)
 {
     if (!m_violation.isEmpty())
         return false;
-    m_unfinished += bytes;
+    if (m_unfinished.isEmpty())
+        m_unfinished = std::move(bytes);
+    else
+        m_unfinished += bytes;
 
     int checked = 0;
     while (m_unfinished.size() - checked >= kLengthBytes) {
@@ -193,8 +196,9 @@ bool FrameChecker::feed(const QByteArray &bytes)
         }
         checked += kLengthBytes + static_cast<int>(size);
     }
-    m_checked += m_unfinished.left(checked);
-    m_unfinished.remove(0, checked);
+    const QByteArray rest = m_unfinished.mid(checked);
+    m_unfinished.truncate(checked);
+    m_checked += std::exchange(m_unfinished, rest);
     return true;
 }
 

@@ -35,7 +35,7 @@ public:
 
     /// Takes the next bytes that the client sent, however they are cut.
     /// @return false when they, or any before them, violate the protocol.
-    bool feed(const QByteArray &bytes);
+    bool feed(QByteArray bytes);
 
     /// @return the bytes of the whole frames that have passed since the last call.
     QByteArray takeChecked();

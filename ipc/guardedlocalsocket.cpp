@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 namespace {
 
@@ -30,14 +31,18 @@ GuardedLocalSocket::~GuardedLocalSocket()
 qint64 GuardedLocalSocket::bytesAvailable() const
 {
     // Not QLocalSocket's, which counts what was not checked yet.
-    return QIODevice::bytesAvailable() + m_readable.size(); // NOLINT(bugprone-parent-virtual-call)
+    return QIODevice::bytesAvailable() // NOLINT(bugprone-parent-virtual-call)
+        + m_readable.size() - m_readPosition;
 }
 
 qint64 GuardedLocalSocket::readData(char *data, qint64 maxSize)
 {
-    const int size = static_cast<int>(std::min<qint64>(maxSize, m_readable.size()));
-    std::memcpy(data, m_readable.constData(), static_cast<std::size_t>(size));
-    m_readable.remove(0, size);
+    const int size =
+        static_cast<int>(std::min<qint64>(maxSize, m_readable.size() - m_readPosition));
+    std::memcpy(data, m_readable.constData() + m_readPosition, static_cast<std::size_t>(size));
+    m_readPosition += size;
+    if (m_readPosition == m_readable.size())
+        dropReadable();
     return size;
 }
 
@@ -49,7 +54,8 @@ void GuardedLocalSocket::checkIncoming()
     const qint64 size = QLocalSocket::readData(arrived.data(), arrived.size());
     arrived.truncate(static_cast<int>(std::max<qint64>(size, 0)));
 
-    if (m_checker.feed(arrived)) {
+    if (m_checker.feed(std::move(arrived))) {
+        m_readable.remove(0, std::exchange(m_readPosition, 0));
         m_readable += m_checker.takeChecked();
         accountHeldBytes();
     } else {
@@ -79,10 +85,16 @@ void GuardedLocalSocket::accountHeldBytes()
         refuse(QStringLiteral("too much is held for its client"));
 }
 
+void GuardedLocalSocket::dropReadable()
+{
+    m_readable.clear();
+    m_readPosition = 0;
+}
+
 void GuardedLocalSocket::refuse(const QString &reason)
 {
     m_isRefused = true;
-    m_readable.clear();
+    dropReadable();
     qWarning() << "Connection closed:" << reason;
     // Not at once: the caller may be in the middle of telling something to all its connections.
     QMetaObject::invokeMethod(this, &QLocalSocket::abort, Qt::QueuedConnection);

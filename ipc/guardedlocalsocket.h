@@ -32,10 +32,12 @@ protected:
 private:
     void checkIncoming();
     void accountHeldBytes();
+    void dropReadable();
     void refuse(const QString &reason);
 
     FrameChecker m_checker;
     QByteArray m_readable;
+    int m_readPosition = 0; ///< in m_readable; what is before it has been read
     qint64 m_heldBytes = 0;
     bool m_isRefused = false;
 };
