@@ -232,5 +232,6 @@ void ServiceInterfaceManager::timeout_slot()
 {
     qDebug() << "Client was disconnected";
     ovpnConnection->disconnect();
+    // Not before: that a heartbeat which comes during the disconnect does not count is wanted.
     livenessTimer->stop();
 }

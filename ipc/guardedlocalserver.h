@@ -21,7 +21,8 @@ public:
     GuardedLocalServer(const RemoteInterface &interface, QObject *parent);
 
     /// Listens as QLocalServer does with WorldAccessOption, but fails on a name that is taken,
-    /// by a live server or by anything else, and leaves that alone.
+    /// by a live server or by anything else, and leaves that alone. The option itself must not be
+    /// set; the process's umask is 0 for the time of the call.
     bool listenExclusively(const QString &name);
 
     /// Listens as QLocalServer does, unless fewer than kEndpointReserve descriptors are left.

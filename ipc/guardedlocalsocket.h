@@ -16,7 +16,7 @@ public:
     static constexpr qint64 kMostUnreadBytes = qint64(1024) * 1024;
     /// What is held for one client, read or unread, without asking what the others have.
     static constexpr qint64 kFairShareBytes = qint64(64) * 1024;
-    /// What is held for all clients that have more than their fair share.
+    /// What is held for all clients together before more than its fair share is too much for one.
     static constexpr qint64 kMostHeldBytes = qint64(16) * 1024 * 1024;
 
     GuardedLocalSocket(const RemoteInterface &interface, QObject *parent);

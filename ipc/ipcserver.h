@@ -22,8 +22,10 @@ public:
     ~IpcServer() override;
 
     /// Opens the next endpoint, on shared::getIpcProcessUrl() of the returned number.
-    /// @return the endpoint's number, from 1; -1 when its socket could not be opened, which is
-    ///         logged and uses up the number.
+    /// The event loop does not turn inside.
+    /// @return the endpoint's number, from 1; -1 when its socket could not be opened or fewer than
+    ///         GuardedLocalServer::kEndpointReserve descriptors are left, which is logged and uses
+    ///         up the number.
     int createPrivilegedProcess() override;
 
 private:

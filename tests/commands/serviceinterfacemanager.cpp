@@ -5,6 +5,7 @@
 #include "vpncore/iovpnconnection.h"
 
 #include <QtCore/QElapsedTimer>
+#include <QtCore/QScopeGuard>
 #include <QtCore/QTimer>
 #include <QtTest/QtTest>
 
@@ -234,17 +235,15 @@ private Q_SLOTS:
 
     void managerMakesAConnectionOfItsOwn()
     {
-        // The connection is never deleted; the manager that reaches it stays reachable, too.
-        static ServiceInterfaceManager *const manager = new ServiceInterfaceManager(nullptr);
+        ServiceInterfaceManager manager(nullptr);
         QString text;
         OperationResult result = OperationResult::failed(QString());
-        connect(manager, &ServiceInterfaceManager::vpn_cmd_result, this,
+        connect(&manager, &ServiceInterfaceManager::vpn_cmd_result, this,
                 [&text, &result](const QString &answer, const OperationResult &outcome) {
                     text = answer;
                     result = outcome;
                 });
-        manager->parseVpnCmd(kDisconnect, {});
-        manager->QObject::disconnect(this);
+        manager.parseVpnCmd(kDisconnect, {});
         QCOMPARE(text, kDisconnectAnswer);
         QVERIFY(result.success);
     }
@@ -852,6 +851,34 @@ private Q_SLOTS:
 
     // --- Many commands
     // --------------------------------------------------------------------------------
+
+    void oldestOfTooManyWaitingCommandsAreAnsweredAtOnce()
+    {
+        constexpr int mostWaiting = 10'000;
+        const auto formerHandler =
+            qInstallMessageHandler([](QtMsgType, const QMessageLogContext &, const QString &) {});
+        const auto restoreHandler =
+            qScopeGuard([formerHandler] { qInstallMessageHandler(formerHandler); });
+        QStringList answeredAtOnce;
+        m_connection->onDisconnect = [&] {
+            m_connection->onDisconnect = nullptr;
+            const int before = m_answers.size();
+            m_manager->vpn_command(kConnectUdp, serverOf(QStringLiteral("first")));
+            m_manager->vpn_command(kDisconnect, {});
+            for (int i = 0; i < mostWaiting; ++i)
+                m_manager->vpn_command(kConnectTcp, serverOf(QString::number(i)));
+            for (const Answer &answer : m_answers.mid(before))
+                answeredAtOnce.append(answer.text + answer.result.message);
+        };
+        m_manager->vpn_command(kDisconnect, {});
+        QVERIFY(waitForAnswers(mostWaiting + 3));
+        QCOMPARE(answeredAtOnce, (QStringList{kConnectAnswer + kOvertaken, kDisconnectAnswer}));
+        QCOMPARE(m_answers.at(2).text, kDisconnectAnswer); // the one that ran meanwhile
+        QCOMPARE(m_answers.last().result.message, QString());
+        QCOMPARE(m_connection->calls,
+                 (QStringList{QStringLiteral("disconnect"),
+                              QStringLiteral("tcp %1").arg(mostWaiting - 1)}));
+    }
 
     void manyPipelinedCommandsAreAnsweredInOrder_data()
     {

@@ -161,26 +161,8 @@ private Q_SLOTS:
         next.disconnectTunnel();
         QTRY_COMPARE(next.answers().size(), 2);
         QVERIFY(daemon.isRunning());
-    }
-
-    void linesThatOnlyAFailingHostWritesAreInTheProgram_data()
-    {
-        QTest::addColumn<QByteArray>("line");
-        for (const char *line :
-             {" QRemoteObjectHost::remoteObjectRemoved LocalServer destroyed",
-              " QRemoteObjectHost::error LocalServer destroyed",
-              " QRemoteObjectHost::heartbeatIntervalChanged LocalServer destroyed"})
-            QTest::newRow(line) << QByteArray(line);
-    }
-
-    /// Nothing outside the daemon makes its main host emit these signals.
-    void linesThatOnlyAFailingHostWritesAreInTheProgram()
-    {
-        QFETCH(QByteArray, line);
-        DaemonProcess daemon;
-        QFile program(DaemonProcess::programFolder() + QStringLiteral("/talvexvpnd"));
-        QVERIFY(program.open(QIODevice::ReadOnly));
-        QVERIFY(program.readAll().contains('\0' + line + '\0'));
+        // Writing to a connection that has ended would show as a warning of Qt's.
+        QCOMPARE(daemon.linesWith(QStringLiteral("Q")), QStringList());
     }
 };
 

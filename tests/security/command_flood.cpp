@@ -76,7 +76,9 @@ private:
         Client other;
         QVERIFY(other.attachToNewEndpoint());
         const qint64 stackBefore = measures::stackKiB(m_daemon.pid());
+        QVERIFY(stackBefore > 0);
         const qint64 memoryBefore = m_daemon.residentKiB();
+        QVERIFY(memoryBefore > 0);
         QElapsedTimer timer;
         timer.start();
 
@@ -116,7 +118,10 @@ private:
         }
         QCOMPARE(client.outcome(kCommands - 1), kSuccess);
         QTRY_COMPARE(standins::runningOpenvpns(), connectLast ? 1 : 0);
-        QVERIFY(standins::openvpnStarts().size() < kCommands / 10);
+        // The commands arrive while few attempts get as far as openvpn.
+        const int starts = standins::openvpnStarts().size();
+        QVERIFY2(starts < kCommands / 100, qPrintable(QString::number(starts)));
+        QVERIFY2(slowest < 2'000, qPrintable(QString::number(slowest)));
         QVERIFY(measures::stackKiB(m_daemon.pid()) - stackBefore < 512);
         if (measures::kResidentMemoryCounts)
             QVERIFY(m_daemon.residentKiB() - memoryBefore < 8 * 1024);
@@ -171,6 +176,7 @@ private Q_SLOTS:
         client.connectUdp(serverFor(QStringLiteral("ignores-term")));
         QTRY_COMPARE(client.outcome(), kSuccess);
         const qint64 memoryBefore = m_daemon.residentKiB();
+        QVERIFY(memoryBefore > 0);
         client.disconnectTunnel();
         // Whoever is answered at once must read, as for all other answers.
         for (int sent = 100; sent <= number; sent += 100) {
@@ -247,6 +253,7 @@ private Q_SLOTS:
         openEndpoints(clients, kManyEndpoints);
         QVERIFY(!QTest::currentTestFailed());
         const qint64 stackBefore = measures::stackKiB(m_daemon.pid());
+        QVERIFY(stackBefore > 0);
         QElapsedTimer timer;
         timer.start();
         for (const auto &client : clients)
@@ -283,6 +290,7 @@ private Q_SLOTS:
         openEndpoints(clients, kManyEndpoints);
         QVERIFY(!QTest::currentTestFailed());
         const qint64 stackBefore = measures::stackKiB(m_daemon.pid());
+        QVERIFY(stackBefore > 0);
         for (const auto &client : clients)
             client->connectUdp(serverFor(QStringLiteral("ignores-term-silent")));
         QTRY_VERIFY(standins::runningOpenvpns() >= kMostNestedCommands);
@@ -312,6 +320,7 @@ private Q_SLOTS:
             QCOMPARE(client->outcome(), kSuccess);
         }
         const qint64 stackBefore = measures::stackKiB(m_daemon.pid());
+        QVERIFY(stackBefore > 0);
         for (const auto &client : clients)
             client->heartbeat();
         QTRY_COMPARE(m_daemon.count(QStringLiteral("Replica state is  true")), kManyEndpoints);

@@ -1,10 +1,12 @@
 #include "commands/serviceinterfacemanager.h"
+#include "tests/support/logcapture.h"
 #include "tests/support/standins.h"
 #include "vpncore/ovpnconnection.h"
 
 #include <QtCore/QTimer>
 #include <QtTest/QtTest>
 
+#include <csignal>
 #include <functional>
 #include <memory>
 #include <vector>
@@ -112,6 +114,43 @@ private Q_SLOTS:
             QCOMPARE(standins::runningOpenvpns(), 0);
         });
         QTRY_COMPARE(service.outcomes, QStringList{kAttemptFailed});
+    }
+
+    void heartbeatTimeOutInsideADisconnectChangesNothing()
+    {
+        Service service;
+        service.manager.parseVpnCmd(kConnect, serverFor(QStringLiteral("slow-to-stop")));
+        QCOMPARE(service.outcomes, QStringList{QStringLiteral("success")});
+        LogCapture log;
+        service.manager.vpn_command(kDisconnect, {});
+        QTimer::singleShot(500, this, [&] {
+            QCOMPARE(service.outcomes.size(), 1); // it waits
+            QVERIFY(QMetaObject::invokeMethod(&service.manager, "timeout_slot"));
+        });
+        QTRY_COMPARE(service.outcomes,
+                     (QStringList{QStringLiteral("success"), QStringLiteral("success")}));
+        QCOMPARE(log.count(QStringLiteral("Client was disconnected")), 1);
+        QCOMPARE(log.count(QStringLiteral("result output  true")), 1);
+        QCOMPARE(standins::runningOpenvpns(), 0);
+        service.manager.parseVpnCmd(kConnect, successful());
+        QCOMPARE(service.outcomes.last(), QStringLiteral("success"));
+        QCOMPARE(standins::runningOpenvpns(), 1);
+    }
+
+    void tunnelOutlivesTheManagerThatBroughtItUp()
+    {
+        LogCapture log;
+        {
+            ServiceInterfaceManager manager(nullptr);
+            manager.parseVpnCmd(kConnect, successful());
+            QCOMPARE(standins::runningOpenvpns(), 1);
+        }
+        QTest::qWait(1'000);
+        QCOMPARE(standins::runningOpenvpns(), 1);
+        QCOMPARE(log.count(QStringLiteral("result output  true")), 0);
+        // Nobody is left to stop it.
+        QCOMPARE(::kill(pid_t(standins::openvpnStarts().first().pid), SIGKILL), 0);
+        QTRY_COMPARE(standins::runningOpenvpns(), 0);
     }
 
     void eachNestedCommandTakesLittleStack()

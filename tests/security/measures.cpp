@@ -33,7 +33,10 @@ qint64 stackKiB(qint64 pid)
     if (!maps.open(QIODevice::ReadOnly))
         return -1;
     const QByteArray text = maps.readAll();
-    const int found = text.indexOf("Rss:", text.indexOf("[stack]"));
+    const int stack = text.indexOf("[stack]");
+    const int found = stack < 0 ? -1 : text.indexOf("Rss:", stack);
+    if (found < 0)
+        return -1;
     return text.mid(found + 4).trimmed().split(' ').first().toLongLong();
 }
 
