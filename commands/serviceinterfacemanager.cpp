@@ -28,6 +28,21 @@ bool isUnwinding = false;
 /// How many commands of one client may wait for their turn.
 constexpr int kMostWaitingCommands = 10'000;
 
+/// What the records of all clients' waiting commands may take together, before more than a fair
+/// share is too much for one. None that is meant well comes near.
+constexpr qint64 kMostRecordBytes = qint64(16) * 1024 * 1024;
+constexpr qint64 kFairRecordBytes = qint64(64) * 1024;
+qint64 waitingRecordBytes = 0;
+
+qint64 bytesOf(const VpnServerInformation &server)
+{
+    qint64 characters = 0;
+    for (const QString *text :
+         {&server.name, &server.info, &server.host, &server.ca, &server.key, &server.cert})
+        characters += text->size();
+    return characters * qint64(sizeof(QChar));
+}
+
 /// What is left to a client for reading one answer, when it has very many to read.
 constexpr auto kAnswerTime = 1ms;
 
@@ -68,6 +83,7 @@ ServiceInterfaceManager::ServiceInterfaceManager(vpncore::IOvpnConnection *conne
 ServiceInterfaceManager::~ServiceInterfaceManager()
 {
     livenessTimer->stop();
+    takeWaitingServer();
     if (ownConnection && ownConnection->hasProcess())
         Q_UNUSED(ownConnection.release())
 }
@@ -81,11 +97,32 @@ void ServiceInterfaceManager::vpn_command(const QString &message,
     const Command command = decode(message);
     if (command == Command::None)
         return;
+    if (!setWaitingServer(command == Command::Disconnect ? VpnServerInformation() : vpnServer)) {
+        answerOvertaken(command);
+        return;
+    }
     if (waitingCommands.size() >= kMostWaitingCommands)
         answerOvertaken(waitingCommands.dequeue());
     waitingCommands.enqueue(command);
-    waitingServer = command == Command::Disconnect ? VpnServerInformation() : vpnServer;
     scheduleNextCommand();
+}
+
+/// @return false, and changes nothing, when there is no room for the record.
+bool ServiceInterfaceManager::setWaitingServer(const VpnServerInformation &server)
+{
+    const qint64 size = bytesOf(server);
+    const qint64 others = waitingRecordBytes - bytesOf(waitingServer);
+    if (size > kFairRecordBytes && others + size > kMostRecordBytes)
+        return false;
+    waitingRecordBytes = others + size;
+    waitingServer = server;
+    return true;
+}
+
+VpnServerInformation ServiceInterfaceManager::takeWaitingServer()
+{
+    waitingRecordBytes -= bytesOf(waitingServer);
+    return std::exchange(waitingServer, {});
 }
 
 void ServiceInterfaceManager::scheduleNextCommand()
@@ -116,7 +153,7 @@ void ServiceInterfaceManager::runNextCommand()
     else if (isOvertaken)
         answerOvertaken(runningCommand);
     else
-        execute(runningCommand, std::exchange(waitingServer, {}));
+        execute(runningCommand, takeWaitingServer());
     runningCommand = Command::None;
     isAttemptEnded = false;
     --runningCommands;

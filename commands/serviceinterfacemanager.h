@@ -84,6 +84,8 @@ private:
     void execute(Command command, const VpnServerInformation &vpnServer);
     void answer(const QString &cmd, const OperationResult &result);
     void answerOvertaken(Command command);
+    bool setWaitingServer(const VpnServerInformation &server);
+    VpnServerInformation takeWaitingServer();
     void scheduleNextCommand();
     void runNextCommand();
     void endOvertakenAttempt();

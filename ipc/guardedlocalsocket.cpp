@@ -1,6 +1,8 @@
 #include "ipc/guardedlocalsocket.h"
 
+#include <QtCore/QDataStream>
 #include <QtCore/QDebug>
+#include <QtCore/QMetaObject>
 
 #include <algorithm>
 #include <cstring>
@@ -10,6 +12,23 @@ namespace {
 
 /// What all connections hold together.
 qint64 totalHeldBytes = 0;
+
+/// A frame that calls a slot of an object that nobody publishes, without arguments. A host keeps
+/// the arguments of the last call for as long as it lives, be they a MiB or a private key; this
+/// makes it forget them, and has no other effect.
+QByteArray callOfNothing()
+{
+    constexpr quint16 kInvoke = 6;
+    constexpr qint32 kNoReply = -1;
+    constexpr qint32 kNoProperty = -1;
+    QByteArray frame;
+    QDataStream stream(&frame, QIODevice::WriteOnly);
+    stream << quint32(0) << kInvoke << QString() << qint32(QMetaObject::InvokeMetaMethod)
+           << qint32(0) << quint32(0) << kNoReply << kNoProperty;
+    stream.device()->seek(0);
+    stream << quint32(frame.size() - int(sizeof(quint32)));
+    return frame;
+}
 
 } // namespace
 
@@ -56,7 +75,10 @@ void GuardedLocalSocket::checkIncoming()
 
     if (m_checker.feed(std::move(arrived))) {
         m_readable.remove(0, std::exchange(m_readPosition, 0));
-        m_readable += m_checker.takeChecked();
+        const QByteArray checked = m_checker.takeChecked();
+        m_readable += checked;
+        if (checked.size() > kMostKeptBytes)
+            m_readable += callOfNothing();
         accountHeldBytes();
     } else {
         refuse(m_checker.violation());

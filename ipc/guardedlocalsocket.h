@@ -18,6 +18,8 @@ public:
     static constexpr qint64 kFairShareBytes = qint64(64) * 1024;
     /// What is held for all clients together before more than its fair share is too much for one.
     static constexpr qint64 kMostHeldBytes = qint64(16) * 1024 * 1024;
+    /// The longest call whose arguments the host may keep until the next one.
+    static constexpr int kMostKeptBytes = 4 * 1024;
 
     GuardedLocalSocket(const RemoteInterface &interface, QObject *parent);
     ~GuardedLocalSocket() override;

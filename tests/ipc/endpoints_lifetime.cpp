@@ -2,49 +2,11 @@
 #include "ipc/localserver.h"
 #include "tests/support/client.h"
 #include "tests/support/logcapture.h"
+#include "tests/support/objectwatch.h"
 
 #include <QtCore/QFile>
 #include <QtRemoteObjects/QRemoteObjectHost>
 #include <QtTest/QtTest>
-
-/// Qt's hooks for debuggers (qhooks_p.h): functions that are told of every QObject.
-extern "C" Q_DECL_IMPORT quintptr qtHookData[];
-
-namespace {
-
-constexpr int kAddObjectHook = 3;
-constexpr int kRemoveObjectHook = 4;
-
-QVector<QObject *> objectsMade;
-
-void noteMade(QObject *object)
-{
-    objectsMade.append(object);
-}
-
-void noteGone(QObject *object)
-{
-    objectsMade.removeAll(object);
-}
-
-/// Notes the objects that are made while it lives, and are still there.
-struct ObjectWatch
-{
-    ObjectWatch()
-    {
-        objectsMade.clear();
-        qtHookData[kAddObjectHook] = reinterpret_cast<quintptr>(&noteMade);
-        qtHookData[kRemoveObjectHook] = reinterpret_cast<quintptr>(&noteGone);
-    }
-
-    ~ObjectWatch()
-    {
-        qtHookData[kAddObjectHook] = 0;
-        qtHookData[kRemoveObjectHook] = 0;
-    }
-};
-
-} // namespace
 
 /// LocalServer and IpcServer inside the test's own process, where their ends can be watched.
 class EndpointsLifetime : public QObject
@@ -99,7 +61,7 @@ private Q_SLOTS:
         {
             const ObjectWatch watch;
             server.reset(new LocalServer);
-            for (QObject *object : qAsConst(objectsMade)) {
+            for (QObject *object : ObjectWatch::objects()) {
                 if (auto *host = qobject_cast<QRemoteObjectHost *>(object))
                     hosts.append(host);
             }

@@ -100,7 +100,7 @@ private Q_SLOTS:
         QCOMPARE(client.createEndpoint(), 2);
     }
 
-    void staleSocketFileOfAnEndpointIsReplaced()
+    void fileThatHasTheNameOfAnEndpointIsReplaced()
     {
         QFile stale(shared::getIpcProcessUrl(1));
         QVERIFY(stale.open(QIODevice::WriteOnly));

@@ -21,6 +21,7 @@ constexpr int kMostWaitingCommands = 10'000;
 // What the stack of a Mac's main thread may grow to.
 constexpr qint64 kWholeStackKiB = 8 * 1024;
 
+const QString kConnectUdp = QStringLiteral("{\"type\":\"connect\",\"cmd\":\"ovpnUdp\"}");
 const QString kSuccess = QStringLiteral("success");
 const QString kAttemptFailed = QStringLiteral("warning.can_not_open_vpn_check_is_admin_granted");
 const QString kTimeOut = QStringLiteral("warning.open_vpn_connection_time_out");
@@ -282,6 +283,51 @@ private Q_SLOTS:
             QTRY_COMPARE(client->answers().size(), 2);
         }
         QCOMPARE(standins::runningOpenvpns(), 0);
+    }
+
+    void longRecordsAreHeldForFewClients_data()
+    {
+        QTest::addColumn<bool>("isCommand");
+        QTest::addColumn<qint64>("mostGrowthKiB");
+        QTest::newRow("with texts that are no command") << false << qint64(20 * 1024);
+        // What the attempts that run keep, and records of waiting ones.
+        QTest::newRow("with connects") << true << qint64(256 * 1024);
+    }
+
+    void longRecordsAreHeldForFewClients()
+    {
+        QFETCH(bool, isCommand);
+        QFETCH(qint64, mostGrowthKiB);
+        std::vector<QSharedPointer<Client>> clients;
+        openEndpoints(clients, kManyEndpoints);
+        QVERIFY(!QTest::currentTestFailed());
+        const qint64 memoryBefore = m_daemon.residentKiB();
+        QVERIFY(memoryBefore > 0);
+        VpnServerInformation server = silent();
+        server.ca = QStringLiteral("-----BEGIN CERTIFICATE-----\n")
+            + QString(500'000, QLatin1Char('A')) + QStringLiteral("\n-----END CERTIFICATE-----\n");
+        // One after the other, since unfinished frames are limited already.
+        int sent = 0;
+        for (const auto &client : clients) {
+            client->send(isCommand ? kConnectUdp : QStringLiteral("{\"type\":\"nothing\"}"),
+                         server);
+            ++sent;
+            QVERIFY(QTest::qWaitFor([&] {
+                return m_daemon.linesWith(QStringLiteral("Command status")).size() == sent;
+            }));
+        }
+        QTest::qWait(1'000);
+        const qint64 growth = m_daemon.residentKiB() - memoryBefore;
+        qInfo("%d records of 1 MiB: memory +%lld KiB", kManyEndpoints, growth);
+        if (measures::kResidentMemoryCounts)
+            QVERIFY2(growth < mostGrowthKiB, qPrintable(QString::number(growth)));
+        QCOMPARE(m_daemon.linesWith(QStringLiteral("Connection closed")), QStringList());
+        // Who would have to wait with more than there is room for is told at once.
+        const auto refused = std::count_if(clients.begin(), clients.end(), [](const auto &client) {
+            return !client->answers().isEmpty() && client->outcome() == kAttemptFailed;
+        });
+        qInfo("%d were refused", int(refused));
+        QCOMPARE(refused > 0, isCommand);
     }
 
     void commandsOvertakenOnManyEndpointsNestOnlySoDeep()

@@ -4,6 +4,7 @@
 #include "tests/security/rawconnections.h"
 #include "tests/support/client.h"
 #include "tests/support/daemonprocess.h"
+#include "tests/support/objectwatch.h"
 #include "tests/support/standins.h"
 
 #include <QtCore/QElapsedTimer>
@@ -13,28 +14,10 @@
 
 using standins::serverFor;
 
-// Qt's hooks for tools that watch a program's objects; there is no public header for them.
-extern Q_CORE_EXPORT quintptr qtHookData[];
-
 namespace {
-
-constexpr int kAddObjectHook = 3;
-constexpr int kRemoveObjectHook = 4;
 
 constexpr int kConnections = 10'000;
 constexpr qint64 kMostGrowthKiB = 4 * 1024;
-
-int liveObjects = 0;
-
-void countObject(QObject *)
-{
-    ++liveObjects;
-}
-
-void discountObject(QObject *)
-{
-    --liveObjects;
-}
 
 } // namespace
 
@@ -150,8 +133,7 @@ private Q_SLOTS:
 
     void clientsThatComeAndGoLeaveNoObjects()
     {
-        qtHookData[kAddObjectHook] = reinterpret_cast<quintptr>(&countObject);
-        qtHookData[kRemoveObjectHook] = reinterpret_cast<quintptr>(&discountObject);
+        const ObjectWatch watch;
         LocalServer server;
         Client steady;
         QVERIFY(steady.attachToNewEndpoint());
@@ -163,27 +145,28 @@ private Q_SLOTS:
         };
         comeAndGo();
         QTest::qWait(200);
-        const int objects = liveObjects;
+        const int objects = ObjectWatch::objects().size();
         for (int i = 0; i < 500; ++i)
             comeAndGo();
-        QTRY_VERIFY2(liveObjects <= objects, qPrintable(QString::number(liveObjects - objects)));
+        QTRY_VERIFY2(ObjectWatch::objects().size() <= objects,
+                     qPrintable(QString::number(ObjectWatch::objects().size() - objects)));
     }
 
     void connectionsThatSayNothingLeaveNoObjects()
     {
-        qtHookData[kAddObjectHook] = reinterpret_cast<quintptr>(&countObject);
-        qtHookData[kRemoveObjectHook] = reinterpret_cast<quintptr>(&discountObject);
+        const ObjectWatch watch;
         LocalServer server;
         Client steady;
         QVERIFY(steady.attachToNewEndpoint());
         QTest::qWait(200);
-        const int objects = liveObjects;
+        const int objects = ObjectWatch::objects().size();
         for (int i = 0; i < kConnections; i += 100) {
             RawConnections passing;
             QVERIFY(passing.open(shared::getIpcServiceUrl(), 50));
             QVERIFY(passing.open(shared::getIpcProcessUrl(steady.endpoint()), 50));
         }
-        QTRY_VERIFY2(liveObjects <= objects, qPrintable(QString::number(liveObjects - objects)));
+        QTRY_VERIFY2(ObjectWatch::objects().size() <= objects,
+                     qPrintable(QString::number(ObjectWatch::objects().size() - objects)));
     }
 };
 
