@@ -26,7 +26,7 @@ function(talvex_add_test)
 
     add_executable(${ARG_NAME} ${ARG_SOURCES})
     set_target_properties(${ARG_NAME} PROPERTIES RUNTIME_OUTPUT_DIRECTORY "${bundle}/MacOS")
-    target_link_libraries(${ARG_NAME} PRIVATE testsupport ${ARG_LIBRARIES})
+    target_link_libraries(${ARG_NAME} PRIVATE testsupport leaksuppressions ${ARG_LIBRARIES})
     target_precompile_headers(${ARG_NAME} REUSE_FROM testheaders)
 
     set(launcher)

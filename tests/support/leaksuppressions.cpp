@@ -1,0 +1,10 @@
+/// What the leak sanitizer may find, and why it is wanted.
+extern "C" __attribute__((visibility("default"))) const char *__lsan_default_suppressions()
+{
+    // The Objective-C runtime keeps what it has built at its start until the process ends, where
+    // the sanitizer does not find it.
+    return "leak:libobjc.so\n"
+           "leak:libgnustep-base.so\n"
+           // A manager leaves a tunnel that is up, and with it its connection, to the machine.
+           "leak:ServiceInterfaceManager::ServiceInterfaceManager\n";
+}
