@@ -9,6 +9,7 @@
 set -euo pipefail
 
 readonly contents="/Applications/Talvex VPN.app/Contents"
+readonly frameworksList="$contents/Resources/talvexvpnd.frameworks"
 readonly job=system/com.talvex.talvexvpnd
 
 fail() { echo "uninstall.sh: $1" >&2; exit 1; }
@@ -32,9 +33,15 @@ stopJob
 rm -f /Library/LaunchDaemons/TalvexVpnd.plist /etc/newsyslog.d/talvexvpnd.conf
 rm -f "$contents/MacOS/talvexvpnd" "$contents/MacOS/openvpn"
 rm -f "$contents/Resources/update_conf_up" "$contents/Resources/update_conf_down"
+if [[ -e $frameworksList ]]; then
+    while IFS= read -r name; do
+        rm -rf "${contents:?}/Frameworks/${name:?}"
+    done <"$frameworksList"
+    rm -f "$frameworksList"
+fi
 rm -f /var/log/talvexvpnd.log /var/log/talvexvpnd.log.[0-9]
 rm -rf /tmp/local:TalvexFreeVpnIpcInterface /tmp/local:TalvexFreeVpnIpcInterface_*
 rm -rf /var/root/Library/Preferences/talvexvpnd
 # Only where nothing else is in them.
-rmdir "$contents/MacOS" "$contents/Resources" "$contents" "${contents%/Contents}" 2>/dev/null || true
+rmdir "$contents/MacOS" "$contents/Resources" "$contents/Frameworks" "$contents" "${contents%/Contents}" 2>/dev/null || true
 echo "Uninstalled."
