@@ -63,7 +63,6 @@ installFrameworks() {
         # The name goes first, so that what is half installed can be removed.
         echo "${library##*/}" >>"$frameworksList"
         cp -RP "$library" "$frameworks/"
-        chown -hR 0:0 "$frameworks/${library##*/}"
         chmod -R u=rwX,go=rX "$frameworks/${library##*/}"
     done
 }
