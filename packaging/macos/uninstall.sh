@@ -9,6 +9,8 @@
 set -euo pipefail
 
 readonly contents="/Applications/Talvex VPN.app/Contents"
+readonly frameworksList="$contents/Resources/talvexvpnd.frameworks"
+readonly data=/var/root/Library/Preferences/talvexvpnd/data
 readonly job=system/com.talvex.talvexvpnd
 
 fail() { echo "uninstall.sh: $1" >&2; exit 1; }
@@ -26,15 +28,27 @@ stopJob() {
 ((EUID == 0)) || fail "this needs root: sudo $0"
 
 stopJob
-# In case that openvpn came to no orderly end; without backup files it changes nothing.
-[[ ! -x $contents/Resources/update_conf_down ]] || "$contents/Resources/update_conf_down"
+# In case that openvpn came to no orderly end. The backup files are the only record of the settings, so
+# nothing goes before they are applied.
+if [[ -x $contents/Resources/update_conf_down && -n $(find "$data" -type f 2>/dev/null) ]]; then
+    "$contents/Resources/update_conf_down" ||
+        fail "the DNS settings cannot be given back; the daemon is stopped, and nothing was removed. \
+Put them right by hand, remove the files in $data, and start this again"
+fi
 
 rm -f /Library/LaunchDaemons/TalvexVpnd.plist /etc/newsyslog.d/talvexvpnd.conf
 rm -f "$contents/MacOS/talvexvpnd" "$contents/MacOS/openvpn"
 rm -f "$contents/Resources/update_conf_up" "$contents/Resources/update_conf_down"
+if [[ -e $frameworksList ]]; then
+    while IFS= read -r name; do
+        rm -rf "${contents:?}/Frameworks/${name:?}"
+    done <"$frameworksList"
+    rm -f "$frameworksList"
+fi
 rm -f /var/log/talvexvpnd.log /var/log/talvexvpnd.log.[0-9]
 rm -rf /tmp/local:TalvexFreeVpnIpcInterface /tmp/local:TalvexFreeVpnIpcInterface_*
 rm -rf /var/root/Library/Preferences/talvexvpnd
 # Only where nothing else is in them.
-rmdir "$contents/MacOS" "$contents/Resources" "$contents" "${contents%/Contents}" 2>/dev/null || true
+rmdir "$contents/MacOS" "$contents/Resources" "$contents/Frameworks" 2>/dev/null || true
+rmdir "$contents" "${contents%/Contents}" 2>/dev/null || true
 echo "Uninstalled."

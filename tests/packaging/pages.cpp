@@ -163,6 +163,18 @@ private Q_SLOTS:
                               signatureOf(ServiceInterfaceSource::staticMetaObject)}));
     }
 
+    void numberOfWaitingCommandsIsThatOfTheCode()
+    {
+        const QStringList limits =
+            allMatches(QStringLiteral("^constexpr int kMostWaitingCommands = ([\\d']+);$"),
+                       contentOf(QStringLiteral("commands/serviceinterfacemanager.cpp")));
+        QCOMPARE(limits.size(), 1);
+        QString inThePage = limits[0];
+        inThePage.replace(QLatin1Char('\''), QLatin1Char(','));
+        QCOMPARE(allMatches(QStringLiteral("At most ([\\d,]+) commands wait"), protocol()),
+                 QStringList{inThePage});
+    }
+
     void everyKeyOfTheDaemonIsInBothPages()
     {
         QStringList keys = allMatches(QStringLiteral("\"((?:label|warning)\\.[a-z0-9_]+)\""),
