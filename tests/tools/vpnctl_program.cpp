@@ -74,6 +74,12 @@ int countOf(const QStringList &lines, const QString &start)
         lines.begin(), lines.end(), [&](const QString &line) { return line.startsWith(start); }));
 }
 
+/// @return the lines that say what is wrong, which are one or none in most cases.
+QStringList problemsIn(const QStringList &errorLines)
+{
+    return errorLines.filter(QRegularExpression(QStringLiteral("^vpnctl: ")));
+}
+
 QList<QJsonObject> objectsIn(const QStringList &lines)
 {
     QList<QJsonObject> objects;
@@ -375,6 +381,62 @@ private Q_SLOTS:
         QCOMPARE(standins::runningOpenvpns(), 0);
         daemon.kill();
         QFile::remove(shared::getIpcServiceUrl());
+    }
+
+    void attemptThatIsNotAnsweredInTimeIsTakenBack_data()
+    {
+        QTest::addColumn<QString>("option");
+        QTest::addRow("held") << QString();
+        QTest::addRow("detached") << QStringLiteral(" --detach");
+    }
+
+    void attemptThatIsNotAnsweredInTimeIsTakenBack()
+    {
+        QFETCH(QString, option);
+        DaemonProcess daemon;
+        QVERIFY(daemon.start());
+        VpnctlProcess vpnctl;
+        QCOMPARE(vpnctl.run(connectTo(QStringLiteral("silent")) + QStringLiteral(" --timeout 2")
+                            + option),
+                 kNoAnswer);
+        QCOMPARE(problemsIn(vpnctl.errorLines()),
+                 QStringList{QStringLiteral(
+                     "vpnctl: The daemon did not answer the command within 2 seconds.")});
+        QCOMPARE(countOf(vpnctl.lines(), QStringLiteral("Disconnected after ")), 1);
+        QCOMPARE(standins::openvpnStarts().size(), 1);
+        QCOMPARE(standins::runningOpenvpns(), 0);
+        daemon.kill();
+        QFile::remove(shared::getIpcServiceUrl());
+        standins::forgetState();
+    }
+
+    void attemptThatCannotBeTakenBackEndsToo()
+    {
+        DaemonProcess daemon;
+        QVERIFY(daemon.start());
+        VpnctlProcess vpnctl;
+        vpnctl.begin(connectTo(QStringLiteral("silent")) + QStringLiteral(" --timeout 2"));
+        QTRY_COMPARE(standins::openvpnStarts().size(), 1);
+        ::kill(static_cast<pid_t>(daemon.pid()), SIGSTOP);
+        QCOMPARE(vpnctl.exitCodeWithin(), kNoAnswer);
+        QCOMPARE(
+            problemsIn(vpnctl.errorLines()),
+            (QStringList{
+                QStringLiteral("vpnctl: The daemon did not answer the command within 2 seconds."),
+                QStringLiteral("vpnctl: The daemon did not say within 2 seconds that the "
+                               "tunnel is down.")}));
+    }
+
+    void answerWithinTheTimeoutIsNotTakenBack()
+    {
+        DaemonProcess daemon;
+        QVERIFY(daemon.start());
+        VpnctlProcess vpnctl;
+        vpnctl.begin(connectTo(QStringLiteral("connects")) + QStringLiteral(" --timeout 2"));
+        QTRY_VERIFY(vpnctl.lines().contains(kUp));
+        QTest::qWait(2'500); // longer than the limit, which the answer has ended
+        QCOMPARE(vpnctl.state(), QProcess::Running);
+        QCOMPARE(standins::runningOpenvpns(), 1);
     }
 
     void progressIsPrintedAsPlainLinesWithoutATerminal()

@@ -81,6 +81,26 @@ QString ConnectCommand::activity(std::chrono::milliseconds elapsed) const
     return QStringLiteral("time is up, openvpn is stopping");
 }
 
+void ConnectCommand::giveUpWaiting()
+{
+    const qint64 seconds = options().answerLimit.count();
+    if (m_phase == Phase::Connecting) {
+        report().problem(
+            {ExitCode::NoAnswer,
+             QStringLiteral("The daemon did not answer the command within %1 seconds.")
+                 .arg(seconds),
+             QStringLiteral("It may be busy with other clients; an attempt alone is given 16 "
+                            "seconds, and --timeout waits longer.")});
+        close(ExitCode::NoAnswer);
+        return;
+    }
+    finishWith({ExitCode::NoAnswer,
+                QStringLiteral("The daemon did not say within %1 seconds that the tunnel is down.")
+                    .arg(seconds),
+                QStringLiteral("It has the command and may still carry it out; its log may say "
+                               "more.")});
+}
+
 void ConnectCommand::tryNextTarget()
 {
     m_phase = Phase::Connecting;
@@ -148,7 +168,7 @@ void ConnectCommand::close(ExitCode exitCode)
 {
     m_phase = Phase::Closing;
     m_exitCode = exitCode;
-    if (exitCode == ExitCode::Failed)
+    if (exitCode == ExitCode::Failed || exitCode == ExitCode::NoAnswer)
         report().cleaningUp();
     else
         report().disconnecting();
