@@ -623,6 +623,37 @@ private Q_SLOTS:
                  QStringLiteral("Another client of endpoint 1 has taken the tunnel down."));
     }
 
+    void disconnectFromElsewhereEndsTheAttempts_data()
+    {
+        QTest::addColumn<QByteArray>("remotes");
+        QTest::addColumn<bool>("isToldWhy");
+        QTest::addRow("the last one") << QByteArray("remote silent 1\n") << false;
+        QTest::addRow("one of several")
+            << QByteArray("remote silent 1\nremote connects 2\nremote connects 3\n") << true;
+    }
+
+    void disconnectFromElsewhereEndsTheAttempts()
+    {
+        QFETCH(QByteArray, remotes);
+        QFETCH(bool, isToldWhy);
+        DaemonProcess daemon;
+        QVERIFY(daemon.start());
+        VpnctlProcess holder;
+        holder.begin(profile(remotes));
+        QTRY_COMPARE(standins::openvpnStarts().size(), 1);
+        VpnctlProcess other;
+        QCOMPARE(other.run(QStringLiteral("disconnect --endpoint 1")), kDone);
+        QCOMPARE(holder.exitCodeWithin(), kFailed);
+        QVERIFY(!holder.lines().contains(kUp));
+        QCOMPARE(holder.lines().contains(
+                     QStringLiteral("Another client of endpoint 1 has taken the tunnel down.")),
+                 isToldWhy);
+        QCOMPARE(standins::runningOpenvpns(), 0);
+        daemon.kill();
+        QFile::remove(shared::getIpcServiceUrl());
+        standins::forgetState();
+    }
+
     void endpointThatIsNotThereIsWrongUse_data()
     {
         QTest::addColumn<QString>("command");

@@ -117,8 +117,13 @@ void ConnectCommand::handleAnswer(const QString &message, const OperationResult 
     case Phase::Opening:
         break;
     case Phase::Connecting:
-        if (!isConnect) // somebody else's disconnect; the attempt's answer tells what came of it
+        if (!isConnect) {
+            // Somebody else's disconnect. The attempt that it ended has been answered before, as
+            // failed, so the next server is being tried: against the other's wish.
+            report().takenDown(m_endpoint);
+            close(ExitCode::Failed);
             break;
+        }
         report().answer(message, result, answerArrived());
         if (result.success)
             handleConnected();
