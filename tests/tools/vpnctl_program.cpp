@@ -50,6 +50,18 @@ QString connectTo(const QString &scenario)
     return QStringLiteral("connect --server ") + recordFor(scenario);
 }
 
+/// The longest "info" of recordWithInfo() with which a connect over UDP is no longer than the
+/// daemon accepts: (1 MiB - 137 bytes) / 2, less the command and the host.
+constexpr int kLongestInfo = 524'219 - 34 - 8;
+
+/// @return the path of a record whose "info" has so many characters; the stand-in connects.
+QString recordWithInfo(int size)
+{
+    return writeFile(QStringLiteral("long.json"),
+                     R"({"host":"connects","udpPort":1194,"info":")" + QByteArray(size, 'x')
+                         + R"("})");
+}
+
 QString profile(const QByteArray &text)
 {
     return QStringLiteral("connect --config ") + writeFile(QStringLiteral("office.ovpn"), text);
@@ -188,7 +200,7 @@ private Q_SLOTS:
                            "seconds."));
     }
 
-    void daemonThatClosesTheConnectionHasGone()
+    void daemonThatStopsListeningAndClosesTheConnectionHasGone()
     {
         QLocalServer server;
         QVERIFY(server.listen(shared::getIpcServiceUrl()));
@@ -196,9 +208,30 @@ private Q_SLOTS:
         vpnctl.begin(QStringLiteral("ping"));
         QTRY_VERIFY(server.hasPendingConnections());
         delete server.nextPendingConnection();
+        server.close(); // after the connection, as it may happen when a process ends
         QCOMPARE(vpnctl.exitCodeWithin(), kNoDaemon);
-        QCOMPARE(vpnctl.errorLines().value(0),
-                 QStringLiteral("vpnctl: The daemon has gone: it closed the connection."));
+        QCOMPARE(
+            problemsIn(vpnctl.errorLines()),
+            QStringList{QStringLiteral("vpnctl: The daemon has gone: it closed the connection.")});
+    }
+
+    void daemonThatOnlyClosesTheConnectionHasNotGone()
+    {
+        DaemonProcess daemon;
+        QVERIFY(daemon.start());
+        const int tooFew = daemon.descriptors() + 5;
+        QCOMPARE(QProcess::execute(QStringLiteral("prlimit"),
+                                   {QStringLiteral("--pid=%1").arg(daemon.pid()),
+                                    QStringLiteral("--nofile=%1").arg(tooFew)}),
+                 0);
+        VpnctlProcess vpnctl;
+        QCOMPARE(vpnctl.run(QStringLiteral("ping")), kNoDaemon);
+        QCOMPARE(
+            problemsIn(vpnctl.errorLines()),
+            QStringList{QStringLiteral("vpnctl: The daemon closed the connection; its log says "
+                                       "why.")});
+        QVERIFY(daemon.count(QStringLiteral("Connection refused: too few descriptors are left"))
+                > 0);
     }
 
     void daemonThatDiesWhileConnectingOneClearLine()
@@ -210,9 +243,23 @@ private Q_SLOTS:
         QTRY_COMPARE(standins::openvpnStarts().size(), 1);
         daemon.kill();
         QCOMPARE(vpnctl.exitCodeWithin(), kNoDaemon);
-        QCOMPARE(countOf(vpnctl.errorLines(),
-                         QStringLiteral("vpnctl: The daemon has gone: it closed the connection.")),
-                 1);
+        QCOMPARE(
+            problemsIn(vpnctl.errorLines()),
+            QStringList{QStringLiteral("vpnctl: The daemon has gone: it closed the connection.")});
+    }
+
+    void daemonThatDiesWhileHoldingOneClearLine()
+    {
+        DaemonProcess daemon;
+        QVERIFY(daemon.start());
+        VpnctlProcess vpnctl;
+        vpnctl.begin(connectTo(QStringLiteral("connects")));
+        QTRY_VERIFY(vpnctl.lines().contains(kUp));
+        daemon.kill();
+        QCOMPARE(vpnctl.exitCodeWithin(), kNoDaemon);
+        QCOMPARE(
+            problemsIn(vpnctl.errorLines()),
+            QStringList{QStringLiteral("vpnctl: The daemon has gone: it closed the connection.")});
     }
 
     // connect
@@ -347,6 +394,40 @@ private Q_SLOTS:
         QCOMPARE(vpnctl.run(arguments), kWrongUse);
         QCOMPARE(vpnctl.errorLines().value(0), line);
         QCOMPARE(vpnctl.lines(), QStringList());
+        QCOMPARE(endpoints(), 0);
+        daemon.kill();
+        QFile::remove(shared::getIpcServiceUrl());
+    }
+
+    void longestCommandReachesTheDaemon()
+    {
+        DaemonProcess daemon;
+        QVERIFY(daemon.start());
+        VpnctlProcess vpnctl;
+        QCOMPARE(
+            vpnctl.run(QStringLiteral("connect --detach --server ") + recordWithInfo(kLongestInfo)),
+            kDone);
+        QCOMPARE(standins::runningOpenvpns(), 1);
+    }
+
+    void commandLongerThanTheDaemonAcceptsIsRefusedBefore_data()
+    {
+        QTest::addColumn<QString>("command");
+        QTest::addRow("connect") << QStringLiteral("connect --server ");
+        QTest::addRow("raw") << QStringLiteral(
+            R"(raw {"type":"connect","cmd":"ovpnUdp"} --server )");
+    }
+
+    void commandLongerThanTheDaemonAcceptsIsRefusedBefore()
+    {
+        QFETCH(QString, command);
+        DaemonProcess daemon;
+        QVERIFY(daemon.start());
+        VpnctlProcess vpnctl;
+        QCOMPARE(vpnctl.run(command + recordWithInfo(kLongestInfo + 1)), kWrongUse);
+        QCOMPARE(problemsIn(vpnctl.errorLines()),
+                 QStringList{QStringLiteral("vpnctl: The command with its record takes 1048577 "
+                                            "bytes, and the daemon accepts 1048576 at most.")});
         QCOMPARE(endpoints(), 0);
         daemon.kill();
         QFile::remove(shared::getIpcServiceUrl());

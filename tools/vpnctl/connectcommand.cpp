@@ -42,6 +42,12 @@ void ConnectCommand::start()
     for (const QString &note : list->notes)
         report().note(note);
     m_targets = list->targets;
+    for (const Target &target : qAsConst(m_targets)) {
+        if (const std::optional<Problem> problem = VpnSession::lengthProblem(target)) {
+            finishWith(*problem);
+            return;
+        }
+    }
     session().openNewEndpoint();
 }
 
