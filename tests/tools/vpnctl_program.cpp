@@ -1,4 +1,5 @@
 #include "ipc/ipcurls.h"
+#include "rep_serviceinterface_source.h"
 #include "tests/support/client.h"
 #include "tests/support/daemonprocess.h"
 #include "tests/support/standins.h"
@@ -116,6 +117,38 @@ QJsonObject eventNamed(const QString &name, const QStringList &lines)
     }
     return {};
 }
+
+/// An endpoint of a later daemon, which answers as this one never does.
+class LaterEndpoint : private ServiceInterfaceSource
+{
+public:
+    /// @param answer what comes back to every command.
+    LaterEndpoint(const QString &answer, const OperationResult &result)
+        : m_answer(answer)
+        , m_result(result)
+    {
+        // A host publishes nothing before it has a connection.
+        connect(&m_server, &QLocalServer::newConnection, this, [this] {
+            m_host.addHostSideConnection(m_server.nextPendingConnection());
+            m_host.enableRemoting(static_cast<ServiceInterfaceSource *>(this));
+        });
+    }
+
+    bool listen(int number) { return m_server.listen(shared::getIpcProcessUrl(number)); }
+
+private:
+    void server_slot(bool) override {}
+
+    void vpn_command(const QString &, const VpnServerInformation &) override
+    {
+        Q_EMIT vpn_cmd_result(m_answer, m_result);
+    }
+
+    QString m_answer;
+    OperationResult m_result;
+    QLocalServer m_server;
+    QRemoteObjectHost m_host;
+};
 
 } // namespace
 
@@ -802,6 +835,42 @@ private Q_SLOTS:
         QCOMPARE(daemon.count(QStringLiteral("Command status  \"\"")), 1);
         QCOMPARE(vpnctl.errorLines().value(0),
                  QStringLiteral("vpnctl: The daemon did not answer the command within 1 seconds."));
+    }
+
+    void answerIsNamedByItsCommand_data()
+    {
+        QTest::addColumn<QString>("answer");
+        QTest::addColumn<bool>("success");
+        QTest::addColumn<QString>("line");
+        QTest::addRow("connect") << R"({"cmd":"connect"})" << true << "Connected";
+        QTest::addRow("failed connect") << R"({"cmd":"connect"})" << false << "Not connected";
+        QTest::addRow("disconnect") << R"({"cmd":"disconnect"})" << true << "Disconnected";
+        QTest::addRow("failed disconnect")
+            << R"({"cmd":"disconnect"})" << false << "Not disconnected";
+        QTest::addRow("another") << R"({"cmd":"status"})" << true << R"(Answer {"cmd":"status"})";
+        QTest::addRow("another that failed")
+            << R"({"cmd":"status"})" << false << R"(Answer {"cmd":"status"})";
+        QTest::addRow("none") << R"({"x":1})" << true << R"(Answer {"x":1})";
+        QTest::addRow("no JSON") << "pardon?" << true << "Answer pardon?";
+    }
+
+    void answerIsNamedByItsCommand()
+    {
+        QFETCH(QString, answer);
+        QFETCH(bool, success);
+        QFETCH(QString, line);
+        LaterEndpoint endpoint(answer,
+                               success ? OperationResult::succeeded()
+                                       : OperationResult::failed(QStringLiteral("no luck")));
+        QVERIFY(endpoint.listen(1));
+        VpnctlProcess vpnctl;
+        QCOMPARE(vpnctl.run(QStringLiteral("raw {} --endpoint 1")), success ? kDone : kFailed);
+        QCOMPARE(vpnctl.lines().size(), 1);
+        const QString end = success ? QStringLiteral("\\.") : QStringLiteral(": no luck");
+        const QRegularExpression expected(QStringLiteral("^%1 after [0-9]+\\.[0-9] s%2$")
+                                              .arg(QRegularExpression::escape(line), end));
+        QVERIFY2(expected.match(vpnctl.lines().constFirst()).hasMatch(),
+                 qPrintable(vpnctl.lines().constFirst()));
     }
 
     // JSON
