@@ -613,6 +613,38 @@ private Q_SLOTS:
         QFile::remove(shared::getIpcServiceUrl());
     }
 
+    void signalThatWasIgnoredDoesNotEndTheTunnel_data()
+    {
+        QTest::addColumn<int>("ignored");
+        QTest::addColumn<int>("other");
+        QTest::addRow("SIGHUP") << SIGHUP << SIGINT;
+        QTest::addRow("SIGINT") << SIGINT << SIGHUP;
+        QTest::addRow("SIGTERM") << SIGTERM << SIGINT;
+    }
+
+    void signalThatWasIgnoredDoesNotEndTheTunnel()
+    {
+        QFETCH(int, ignored);
+        QFETCH(int, other);
+        DaemonProcess daemon;
+        QVERIFY(daemon.start());
+        VpnctlProcess vpnctl;
+        vpnctl.beginWithin({QStringLiteral("/bin/bash"), QStringLiteral("-c"),
+                            QStringLiteral("trap '' %1; exec $0").arg(ignored)},
+                           connectTo(QStringLiteral("connects")));
+        QTRY_VERIFY(vpnctl.lines().contains(kUp));
+        vpnctl.raise(ignored);
+        QTest::qWait(1'000); // nothing tells that a signal was ignored
+        QCOMPARE(vpnctl.state(), QProcess::Running);
+        QCOMPARE(vpnctl.lines().constLast(), kUp);
+        QCOMPARE(standins::runningOpenvpns(), 1);
+        vpnctl.raise(other);
+        QCOMPARE(vpnctl.exitCodeWithin(), kDone);
+        QCOMPARE(standins::runningOpenvpns(), 0);
+        daemon.kill();
+        QFile::remove(shared::getIpcServiceUrl());
+    }
+
     void nullDeviceAsInputDoesNotEndTheTunnel()
     {
         DaemonProcess daemon;
