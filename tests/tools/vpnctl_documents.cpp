@@ -122,6 +122,20 @@ private Q_SLOTS:
         }
     }
 
+    void adviceNamesWhatTheLaunchdJobHas()
+    {
+        const QString job =
+            contentOf(QStringLiteral(TALVEX_SOURCES "/packaging/macos/TalvexVpnd.plist"));
+        QVERIFY(job.contains(QStringLiteral("<string>com.talvex.talvexvpnd</string>")));
+        QVERIFY(job.contains(QStringLiteral("/tmp/local:TalvexFreeVpnIpcInterface")));
+        for (const QString &text :
+             {manualPage(),
+              contentOf(QStringLiteral(TALVEX_SOURCES "/tools/vpnctl/vpnsession.cpp"))}) {
+            QVERIFY(text.contains(QStringLiteral("system/com.talvex.talvexvpnd")));
+            QVERIFY(text.contains(QStringLiteral("/Library/LaunchDaemons/TalvexVpnd.plist")));
+        }
+    }
+
     void bashOffersTheCommandsFirst()
     {
         QStringList expected = commands()

@@ -58,13 +58,14 @@ Problem mainSocketProblem(const QLocalSocket &socket, QLocalSocket::LocalSocketE
     case QLocalSocket::ServerNotFoundError:
         return noDaemon(
             QStringLiteral("The daemon is not running: there is no socket %1.").arg(name),
-            QStringLiteral("Start it: sudo launchctl load -w "
+            QStringLiteral("Start it: sudo launchctl bootstrap system "
                            "/Library/LaunchDaemons/TalvexVpnd.plist"));
     case QLocalSocket::ConnectionRefusedError:
         return noDaemon(
             QStringLiteral("The daemon is not running: it left the socket %1 behind.").arg(name),
-            QStringLiteral("Remove the file (sudo rm '%1'), or the daemon cannot listen; then "
-                           "start the daemon.")
+            QStringLiteral("Have launchd start it anew: sudo launchctl kickstart -k "
+                           "system/com.talvex.talvexvpnd. Before starting it by hand, remove the "
+                           "file (sudo rm '%1'), or it cannot listen.")
                 .arg(name));
     case QLocalSocket::SocketAccessError:
         return noDaemon(QStringLiteral("You may not connect to the daemon's socket %1.").arg(name),
