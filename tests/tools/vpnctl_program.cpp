@@ -235,11 +235,24 @@ private Q_SLOTS:
         QVERIFY(daemon.start());
         ::kill(static_cast<pid_t>(daemon.pid()), SIGSTOP);
         VpnctlProcess vpnctl;
-        QCOMPARE(vpnctl.run(QStringLiteral("ping")), kNoAnswer);
-        QCOMPARE(
-            vpnctl.errorLines().value(0),
-            QStringLiteral("vpnctl: The daemon accepts connections but did not answer within 5 "
-                           "seconds."));
+        QCOMPARE(vpnctl.run(QStringLiteral("ping"), 20'000), kNoAnswer);
+        QCOMPARE(problemsIn(vpnctl.errorLines()),
+                 QStringList{QStringLiteral("vpnctl: The daemon accepts connections but did not "
+                                            "answer within 15 seconds.")});
+    }
+
+    void daemonThatRestoresDnsForLongAnswersAfterwards()
+    {
+        DaemonProcess daemon;
+        QVERIFY(daemon.start());
+        ::kill(static_cast<pid_t>(daemon.pid()), SIGSTOP);
+        VpnctlProcess vpnctl;
+        vpnctl.begin(QStringLiteral("ping"));
+        QTest::qWait(10'500); // the longest that the daemon does nothing else
+        QCOMPARE(vpnctl.state(), QProcess::Running);
+        ::kill(static_cast<pid_t>(daemon.pid()), SIGCONT);
+        QCOMPARE(vpnctl.exitCodeWithin(), kDone);
+        QCOMPARE(vpnctl.errorLines(), QStringList());
     }
 
     void daemonThatStopsListeningAndClosesTheConnectionHasGone()

@@ -17,8 +17,9 @@ namespace {
 
 using namespace std::chrono_literals;
 
-/// For everything that the daemon does at once unless it hangs.
-constexpr auto kHandshakeLimit = 5s;
+/// For everything that the daemon does at once, unless it is restoring the DNS settings: for up to
+/// 10 s it does nothing else then.
+constexpr auto kHandshakeLimit = 15s;
 constexpr auto kHeartbeatPeriod = 10s;
 
 /// A daemon that ends closes its sockets one by one; so much later all are closed.
@@ -308,8 +309,8 @@ void VpnSession::limitExceeded()
     fail({ExitCode::NoAnswer,
           QStringLiteral("The daemon accepts connections but did not answer within %1 seconds.")
               .arg(std::chrono::seconds(kHandshakeLimit).count()),
-          QStringLiteral("It hangs, or is stopped or very busy; look at its log, restart it if "
-                         "it does not recover.")});
+          QStringLiteral("It is very busy, stopped or hanging. Try again; if that does not help, "
+                         "look at its log, and restart it as a last resort.")});
 }
 
 void VpnSession::end()
