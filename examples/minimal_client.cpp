@@ -13,20 +13,12 @@
 #include <QtCore/QTimer>
 #include <QtNetwork/QLocalSocket>
 
-static QString textOf(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? QString::fromLatin1(file.readAll()) : QString();
-}
-
-static int fail(const char *text)
-{
-    qCritical("%s", text);
-    return 1;
-}
-
 int main(int argc, char **argv)
 {
+    const auto fail = [](const char *text) {
+        qCritical("%s", text);
+        return 1;
+    };
     QCoreApplication application(argc, argv);
     const QStringList words = QCoreApplication::arguments();
     if (words.size() != 6)
@@ -34,9 +26,13 @@ int main(int argc, char **argv)
     VpnServerInformation server;
     server.host = words[1];
     server.udpPort = words[2].toInt();
-    server.ca = textOf(words[3]);
-    server.cert = textOf(words[4]);
-    server.key = textOf(words[5]);
+    QString *const texts[] = {&server.ca, &server.cert, &server.key};
+    for (int i = 0; i < 3; ++i) {
+        QFile file(words[3 + i]);
+        if (!file.open(QIODevice::ReadOnly))
+            return fail(qPrintable(QStringLiteral("cannot read ") + words[3 + i]));
+        *texts[i] = QString::fromLatin1(file.readAll());
+    }
 
     // The daemon's main socket has one operation: make an endpoint for this client.
     QLocalSocket mainSocket;
@@ -59,21 +55,25 @@ int main(int argc, char **argv)
     if (!socket.waitForConnected() || !vpn->waitForSource(5'000))
         return fail("the endpoint does not answer");
 
+    QObject::connect(&socket, &QLocalSocket::disconnected, vpn.data(),
+                     [&] { QCoreApplication::exit(fail("the daemon closed the connection")); });
     // From the first heartbeat on, 30 s without another one end the tunnel.
     QTimer heartbeat;
     QObject::connect(&heartbeat, &QTimer::timeout, vpn.data(), [&] { vpn->server_slot(true); });
     heartbeat.start(10'000);
+    vpn->server_slot(true);
 
-    const QString connectCommand = QStringLiteral(R"({"type":"connect","cmd":"ovpnUdp"})");
     const QString disconnectCommand = QStringLiteral(R"({"type":"openvpn","cmd":"disconnect"})");
+    bool isConnected = false;
     const auto answered = [&](const QString &message, const OperationResult &result) {
         qInfo().noquote() << message << result.success << result.message;
         if (message.contains(QLatin1String(R"("cmd":"disconnect")")))
-            QCoreApplication::quit();
-        else // A failed attempt may have left openvpn running, so that too ends with a disconnect.
-            QTimer::singleShot(3'000, vpn.data(), [&] { vpn->vpn_command(disconnectCommand, {}); });
+            return QCoreApplication::exit(isConnected ? 0 : 1);
+        // A failed attempt may have left openvpn running, so that too ends with a disconnect.
+        isConnected = result.success;
+        QTimer::singleShot(3'000, vpn.data(), [&] { vpn->vpn_command(disconnectCommand, {}); });
     };
     QObject::connect(vpn.data(), &ServiceInterfaceReplica::vpn_cmd_result, vpn.data(), answered);
-    vpn->vpn_command(connectCommand, server);
+    vpn->vpn_command(QStringLiteral(R"({"type":"connect","cmd":"ovpnUdp"})"), server);
     return QCoreApplication::exec();
 }

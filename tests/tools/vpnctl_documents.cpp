@@ -89,9 +89,12 @@ private Q_SLOTS:
         for (const QString &key : explainedKeys()) {
             QString escaped = key;
             escaped.replace(QLatin1Char('_'), QLatin1String("\\_"));
-            const QString entry =
-                QStringLiteral("**%1**\n:   %2\n").arg(escaped, explain(key).text);
-            QVERIFY2(manualPage().contains(entry), qPrintable(entry));
+            // The page may go on where the program's sentence ends.
+            QString text = explain(key).text;
+            QVERIFY2(text.endsWith(QLatin1Char('.')), qPrintable(key));
+            text.chop(1);
+            const QString entry = QStringLiteral("**%1** : %2").arg(escaped, text);
+            QVERIFY2(manualPage().simplified().contains(entry), qPrintable(entry));
         }
     }
 
@@ -116,6 +119,20 @@ private Q_SLOTS:
             QVERIFY2(
                 manualPage().contains(QStringLiteral("\n**%1**\n:   ").arg(QLatin1String(status))),
                 status);
+        }
+    }
+
+    void adviceNamesWhatTheLaunchdJobHas()
+    {
+        const QString job =
+            contentOf(QStringLiteral(TALVEX_SOURCES "/packaging/macos/TalvexVpnd.plist"));
+        QVERIFY(job.contains(QStringLiteral("<string>com.talvex.talvexvpnd</string>")));
+        QVERIFY(job.contains(QStringLiteral("/tmp/local:TalvexFreeVpnIpcInterface")));
+        for (const QString &text :
+             {manualPage(),
+              contentOf(QStringLiteral(TALVEX_SOURCES "/tools/vpnctl/vpnsession.cpp"))}) {
+            QVERIFY(text.contains(QStringLiteral("system/com.talvex.talvexvpnd")));
+            QVERIFY(text.contains(QStringLiteral("/Library/LaunchDaemons/TalvexVpnd.plist")));
         }
     }
 

@@ -120,6 +120,10 @@ private Q_SLOTS:
         QTest::addRow("host without ca")
             << QStringLiteral("connect --host a")
             << QStringLiteral("--host needs --ca, the authority's certificate.");
+        QTest::addRow("host longer than the daemon takes")
+            << QStringLiteral("connect --ca c --host %1").arg(QString(236, QLatin1Char('a')))
+            << QStringLiteral("\"%1\" is no host name or address.")
+                   .arg(QString(236, QLatin1Char('a')));
         QTest::addRow("both transports") << QStringLiteral("connect --config a --udp --tcp")
                                          << QStringLiteral("--udp and --tcp exclude each other.");
         QTest::addRow("port out of range")

@@ -1,5 +1,6 @@
 #include "tests/tools/pemtexts.h"
 #include "tools/vpnctl/pem.h"
+#include "vpncore/serverfields.h"
 
 #include <QtTest/QtTest>
 
@@ -61,11 +62,44 @@ private Q_SLOTS:
         QCOMPARE(read(PemKind::Key, key, &error), key);
     }
 
-    void blockThatHoldsATagIsRefused()
+    void blockThatTheDaemonLeavesOutIsRefused_data()
+    {
+        QTest::addColumn<QString>("body");
+        QTest::addRow("tag") << QStringLiteral("QUJD\n</ca>\nup /tmp/script");
+        QTest::addRow("words") << QStringLiteral("QUJD\nup /tmp/script");
+        QTest::addRow("blank in base64") << QStringLiteral("QUJD QUJD");
+        QTest::addRow("too much padding") << QStringLiteral("QUJD===");
+        QTest::addRow("padding in the middle") << QStringLiteral("QQ==QUJD");
+        QTest::addRow("header without a blank") << QStringLiteral("Comment:mine\n\nQUJD");
+        QTest::addRow("other letters") << QStringLiteral("QUJ\u00c4");
+        QTest::addRow("control character") << QStringLiteral("QU\u0007JD");
+    }
+
+    void blockThatTheDaemonLeavesOutIsRefused()
+    {
+        QFETCH(QString, body);
+        const QString text = pemtexts::certificate(body);
+        QVERIFY(!vpncore::isPem(text));
+        QString error;
+        QCOMPARE(read(PemKind::Authority, text, &error), std::nullopt);
+        QCOMPARE(error,
+                 QStringLiteral("some.pem holds a PEM block that the daemon would leave out: one "
+                                "of its lines is neither base64 nor a header."));
+    }
+
+    void textThatTheDaemonTakesIsTaken()
     {
         QString error;
-        const QString text = pemtexts::certificate(QStringLiteral("QUJD\n</ca>\nup /tmp/script"));
-        QCOMPARE(read(PemKind::Authority, text, &error), std::nullopt);
+        const QString text =
+            pemtexts::certificate(QStringLiteral("Comment: (mine) & \"yours\"\n\nQUJD\nQQ=="));
+        QVERIFY(vpncore::isPem(text));
+        QCOMPARE(read(PemKind::Authority, text, &error), text);
+    }
+
+    void textWithoutBlocksIsRefused()
+    {
+        QString error;
+        QCOMPARE(read(PemKind::Authority, QStringLiteral("QUJD\n"), &error), std::nullopt);
         QCOMPARE(error,
                  QStringLiteral("some.pem holds no certificate in PEM form (\"-----BEGIN ...\")."));
     }

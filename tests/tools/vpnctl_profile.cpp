@@ -1,6 +1,7 @@
 #include "tests/tools/pemtexts.h"
 #include "tools/vpnctl/ovpnprofile.h"
 #include "vpncore/ovpntemplate.h"
+#include "vpncore/serverfields.h"
 
 #include <QtTest/QtTest>
 
@@ -216,6 +217,11 @@ private Q_SLOTS:
         QTest::addRow("host") << QStringLiteral("remote \"a\\\" b\"\n")
                               << QStringLiteral(
                                      "office.ovpn, line 1: \"a\" b\" is no host name or address.");
+        const QString longHost(vpncore::kLongestHost + 1, QLatin1Char('a'));
+        QTest::addRow("host longer than the daemon takes")
+            << QStringLiteral("remote %1\n").arg(longHost)
+            << QStringLiteral("office.ovpn, line 1: \"%1\" is no host name or address.")
+                   .arg(longHost);
         QTest::addRow("no host") << QStringLiteral(
             "remote\n") << QStringLiteral("office.ovpn, line 1: \"\" is no host name or address.");
         QTest::addRow("quote") << QStringLiteral("remote \"a\n")

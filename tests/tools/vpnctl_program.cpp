@@ -1,4 +1,5 @@
 #include "ipc/ipcurls.h"
+#include "rep_serviceinterface_source.h"
 #include "tests/support/client.h"
 #include "tests/support/daemonprocess.h"
 #include "tests/support/standins.h"
@@ -50,6 +51,18 @@ QString connectTo(const QString &scenario)
     return QStringLiteral("connect --server ") + recordFor(scenario);
 }
 
+/// The longest "info" of recordWithInfo() with which a connect over UDP is no longer than the
+/// daemon accepts: (1 MiB - 137 bytes) / 2, less the command and the host.
+constexpr int kLongestInfo = 524'219 - 34 - 8;
+
+/// @return the path of a record whose "info" has so many characters; the stand-in connects.
+QString recordWithInfo(int size)
+{
+    return writeFile(QStringLiteral("long.json"),
+                     R"({"host":"connects","udpPort":1194,"info":")" + QByteArray(size, 'x')
+                         + R"("})");
+}
+
 QString profile(const QByteArray &text)
 {
     return QStringLiteral("connect --config ") + writeFile(QStringLiteral("office.ovpn"), text);
@@ -72,6 +85,12 @@ int countOf(const QStringList &lines, const QString &start)
 {
     return static_cast<int>(std::count_if(
         lines.begin(), lines.end(), [&](const QString &line) { return line.startsWith(start); }));
+}
+
+/// @return the lines that say what is wrong, which are one or none in most cases.
+QStringList problemsIn(const QStringList &errorLines)
+{
+    return errorLines.filter(QRegularExpression(QStringLiteral("^vpnctl: ")));
 }
 
 QList<QJsonObject> objectsIn(const QStringList &lines)
@@ -98,6 +117,38 @@ QJsonObject eventNamed(const QString &name, const QStringList &lines)
     }
     return {};
 }
+
+/// An endpoint of a later daemon, which answers as this one never does.
+class LaterEndpoint : private ServiceInterfaceSource
+{
+public:
+    /// @param answer what comes back to every command.
+    LaterEndpoint(const QString &answer, const OperationResult &result)
+        : m_answer(answer)
+        , m_result(result)
+    {
+        // A host publishes nothing before it has a connection.
+        connect(&m_server, &QLocalServer::newConnection, this, [this] {
+            m_host.addHostSideConnection(m_server.nextPendingConnection());
+            m_host.enableRemoting(static_cast<ServiceInterfaceSource *>(this));
+        });
+    }
+
+    bool listen(int number) { return m_server.listen(shared::getIpcProcessUrl(number)); }
+
+private:
+    void server_slot(bool) override {}
+
+    void vpn_command(const QString &, const VpnServerInformation &) override
+    {
+        Q_EMIT vpn_cmd_result(m_answer, m_result);
+    }
+
+    QString m_answer;
+    OperationResult m_result;
+    QLocalServer m_server;
+    QRemoteObjectHost m_host;
+};
 
 } // namespace
 
@@ -143,9 +194,12 @@ private Q_SLOTS:
         QCOMPARE(vpnctl.run(command), kNoDaemon);
         QCOMPARE(vpnctl.lines(), QStringList());
         QCOMPARE(countOf(vpnctl.errorLines(), QStringLiteral("vpnctl: ")), 1);
-        QVERIFY(vpnctl.errorLines().contains(
-            QStringLiteral("vpnctl: The daemon is not running: there is no socket "
-                           "/tmp/local:TalvexFreeVpnIpcInterface.")));
+        QCOMPARE(
+            vpnctl.errorLines().mid(vpnctl.errorLines().size() - 2),
+            (QStringList{QStringLiteral("vpnctl: The daemon is not running: there is no socket "
+                                        "/tmp/local:TalvexFreeVpnIpcInterface."),
+                         QStringLiteral("What to do: Start it: sudo launchctl bootstrap system "
+                                        "/Library/LaunchDaemons/TalvexVpnd.plist")}));
     }
 
     void staleSocketOneClearLine_data() { addCommands(); }
@@ -163,9 +217,15 @@ private Q_SLOTS:
         QCOMPARE(vpnctl.run(command), kNoDaemon);
         QCOMPARE(vpnctl.lines(), QStringList());
         QCOMPARE(countOf(vpnctl.errorLines(), QStringLiteral("vpnctl: ")), 1);
-        QVERIFY(vpnctl.errorLines().contains(
-            QStringLiteral("vpnctl: The daemon is not running: it left the socket "
-                           "/tmp/local:TalvexFreeVpnIpcInterface behind.")));
+        QCOMPARE(vpnctl.errorLines().mid(vpnctl.errorLines().size() - 2),
+                 (QStringList{
+                     QStringLiteral("vpnctl: The daemon is not running: it left the socket "
+                                    "/tmp/local:TalvexFreeVpnIpcInterface behind."),
+                     QStringLiteral("What to do: Have launchd start it anew: sudo launchctl "
+                                    "kickstart -k system/com.talvex.talvexvpnd. Before starting it "
+                                    "by hand, remove the file (sudo rm "
+                                    "'/tmp/local:TalvexFreeVpnIpcInterface'), or it cannot "
+                                    "listen.")}));
         QFile::remove(shared::getIpcServiceUrl());
     }
 
@@ -175,14 +235,27 @@ private Q_SLOTS:
         QVERIFY(daemon.start());
         ::kill(static_cast<pid_t>(daemon.pid()), SIGSTOP);
         VpnctlProcess vpnctl;
-        QCOMPARE(vpnctl.run(QStringLiteral("ping")), kNoAnswer);
-        QCOMPARE(
-            vpnctl.errorLines().value(0),
-            QStringLiteral("vpnctl: The daemon accepts connections but did not answer within 5 "
-                           "seconds."));
+        QCOMPARE(vpnctl.run(QStringLiteral("ping"), 20'000), kNoAnswer);
+        QCOMPARE(problemsIn(vpnctl.errorLines()),
+                 QStringList{QStringLiteral("vpnctl: The daemon accepts connections but did not "
+                                            "answer within 15 seconds.")});
     }
 
-    void daemonThatClosesTheConnectionHasGone()
+    void daemonThatRestoresDnsForLongAnswersAfterwards()
+    {
+        DaemonProcess daemon;
+        QVERIFY(daemon.start());
+        ::kill(static_cast<pid_t>(daemon.pid()), SIGSTOP);
+        VpnctlProcess vpnctl;
+        vpnctl.begin(QStringLiteral("ping"));
+        QTest::qWait(10'500); // the longest that the daemon does nothing else
+        QCOMPARE(vpnctl.state(), QProcess::Running);
+        ::kill(static_cast<pid_t>(daemon.pid()), SIGCONT);
+        QCOMPARE(vpnctl.exitCodeWithin(), kDone);
+        QCOMPARE(vpnctl.errorLines(), QStringList());
+    }
+
+    void daemonThatStopsListeningAndClosesTheConnectionHasGone()
     {
         QLocalServer server;
         QVERIFY(server.listen(shared::getIpcServiceUrl()));
@@ -190,9 +263,30 @@ private Q_SLOTS:
         vpnctl.begin(QStringLiteral("ping"));
         QTRY_VERIFY(server.hasPendingConnections());
         delete server.nextPendingConnection();
+        server.close(); // after the connection, as it may happen when a process ends
         QCOMPARE(vpnctl.exitCodeWithin(), kNoDaemon);
-        QCOMPARE(vpnctl.errorLines().value(0),
-                 QStringLiteral("vpnctl: The daemon has gone: it closed the connection."));
+        QCOMPARE(
+            problemsIn(vpnctl.errorLines()),
+            QStringList{QStringLiteral("vpnctl: The daemon has gone: it closed the connection.")});
+    }
+
+    void daemonThatOnlyClosesTheConnectionHasNotGone()
+    {
+        DaemonProcess daemon;
+        QVERIFY(daemon.start());
+        const int tooFew = daemon.descriptors() + 5;
+        QCOMPARE(QProcess::execute(QStringLiteral("prlimit"),
+                                   {QStringLiteral("--pid=%1").arg(daemon.pid()),
+                                    QStringLiteral("--nofile=%1").arg(tooFew)}),
+                 0);
+        VpnctlProcess vpnctl;
+        QCOMPARE(vpnctl.run(QStringLiteral("ping")), kNoDaemon);
+        QCOMPARE(
+            problemsIn(vpnctl.errorLines()),
+            QStringList{QStringLiteral("vpnctl: The daemon closed the connection; its log says "
+                                       "why.")});
+        QVERIFY(daemon.count(QStringLiteral("Connection refused: too few descriptors are left"))
+                > 0);
     }
 
     void daemonThatDiesWhileConnectingOneClearLine()
@@ -204,9 +298,23 @@ private Q_SLOTS:
         QTRY_COMPARE(standins::openvpnStarts().size(), 1);
         daemon.kill();
         QCOMPARE(vpnctl.exitCodeWithin(), kNoDaemon);
-        QCOMPARE(countOf(vpnctl.errorLines(),
-                         QStringLiteral("vpnctl: The daemon has gone: it closed the connection.")),
-                 1);
+        QCOMPARE(
+            problemsIn(vpnctl.errorLines()),
+            QStringList{QStringLiteral("vpnctl: The daemon has gone: it closed the connection.")});
+    }
+
+    void daemonThatDiesWhileHoldingOneClearLine()
+    {
+        DaemonProcess daemon;
+        QVERIFY(daemon.start());
+        VpnctlProcess vpnctl;
+        vpnctl.begin(connectTo(QStringLiteral("connects")));
+        QTRY_VERIFY(vpnctl.lines().contains(kUp));
+        daemon.kill();
+        QCOMPARE(vpnctl.exitCodeWithin(), kNoDaemon);
+        QCOMPARE(
+            problemsIn(vpnctl.errorLines()),
+            QStringList{QStringLiteral("vpnctl: The daemon has gone: it closed the connection.")});
     }
 
     // connect
@@ -346,6 +454,40 @@ private Q_SLOTS:
         QFile::remove(shared::getIpcServiceUrl());
     }
 
+    void longestCommandReachesTheDaemon()
+    {
+        DaemonProcess daemon;
+        QVERIFY(daemon.start());
+        VpnctlProcess vpnctl;
+        QCOMPARE(
+            vpnctl.run(QStringLiteral("connect --detach --server ") + recordWithInfo(kLongestInfo)),
+            kDone);
+        QCOMPARE(standins::runningOpenvpns(), 1);
+    }
+
+    void commandLongerThanTheDaemonAcceptsIsRefusedBefore_data()
+    {
+        QTest::addColumn<QString>("command");
+        QTest::addRow("connect") << QStringLiteral("connect --server ");
+        QTest::addRow("raw") << QStringLiteral(
+            R"(raw {"type":"connect","cmd":"ovpnUdp"} --server )");
+    }
+
+    void commandLongerThanTheDaemonAcceptsIsRefusedBefore()
+    {
+        QFETCH(QString, command);
+        DaemonProcess daemon;
+        QVERIFY(daemon.start());
+        VpnctlProcess vpnctl;
+        QCOMPARE(vpnctl.run(command + recordWithInfo(kLongestInfo + 1)), kWrongUse);
+        QCOMPARE(problemsIn(vpnctl.errorLines()),
+                 QStringList{QStringLiteral("vpnctl: The command with its record takes 1048577 "
+                                            "bytes, and the daemon accepts 1048576 at most.")});
+        QCOMPARE(endpoints(), 0);
+        daemon.kill();
+        QFile::remove(shared::getIpcServiceUrl());
+    }
+
     void failureIsExplainedWithItsKey()
     {
         DaemonProcess daemon;
@@ -375,6 +517,62 @@ private Q_SLOTS:
         QCOMPARE(standins::runningOpenvpns(), 0);
         daemon.kill();
         QFile::remove(shared::getIpcServiceUrl());
+    }
+
+    void attemptThatIsNotAnsweredInTimeIsTakenBack_data()
+    {
+        QTest::addColumn<QString>("option");
+        QTest::addRow("held") << QString();
+        QTest::addRow("detached") << QStringLiteral(" --detach");
+    }
+
+    void attemptThatIsNotAnsweredInTimeIsTakenBack()
+    {
+        QFETCH(QString, option);
+        DaemonProcess daemon;
+        QVERIFY(daemon.start());
+        VpnctlProcess vpnctl;
+        QCOMPARE(vpnctl.run(connectTo(QStringLiteral("silent")) + QStringLiteral(" --timeout 2")
+                            + option),
+                 kNoAnswer);
+        QCOMPARE(problemsIn(vpnctl.errorLines()),
+                 QStringList{QStringLiteral(
+                     "vpnctl: The daemon did not answer the command within 2 seconds.")});
+        QCOMPARE(countOf(vpnctl.lines(), QStringLiteral("Disconnected after ")), 1);
+        QCOMPARE(standins::openvpnStarts().size(), 1);
+        QCOMPARE(standins::runningOpenvpns(), 0);
+        daemon.kill();
+        QFile::remove(shared::getIpcServiceUrl());
+        standins::forgetState();
+    }
+
+    void attemptThatCannotBeTakenBackEndsToo()
+    {
+        DaemonProcess daemon;
+        QVERIFY(daemon.start());
+        VpnctlProcess vpnctl;
+        vpnctl.begin(connectTo(QStringLiteral("silent")) + QStringLiteral(" --timeout 2"));
+        QTRY_COMPARE(standins::openvpnStarts().size(), 1);
+        ::kill(static_cast<pid_t>(daemon.pid()), SIGSTOP);
+        QCOMPARE(vpnctl.exitCodeWithin(), kNoAnswer);
+        QCOMPARE(
+            problemsIn(vpnctl.errorLines()),
+            (QStringList{
+                QStringLiteral("vpnctl: The daemon did not answer the command within 2 seconds."),
+                QStringLiteral("vpnctl: The daemon did not say within 2 seconds that the "
+                               "tunnel is down.")}));
+    }
+
+    void answerWithinTheTimeoutIsNotTakenBack()
+    {
+        DaemonProcess daemon;
+        QVERIFY(daemon.start());
+        VpnctlProcess vpnctl;
+        vpnctl.begin(connectTo(QStringLiteral("connects")) + QStringLiteral(" --timeout 2"));
+        QTRY_VERIFY(vpnctl.lines().contains(kUp));
+        QTest::qWait(2'500); // longer than the limit, which the answer has ended
+        QCOMPARE(vpnctl.state(), QProcess::Running);
+        QCOMPARE(standins::runningOpenvpns(), 1);
     }
 
     void progressIsPrintedAsPlainLinesWithoutATerminal()
@@ -431,6 +629,38 @@ private Q_SLOTS:
             vpnctl.closeWriteChannel();
         else
             vpnctl.raise(signal);
+        QCOMPARE(vpnctl.exitCodeWithin(), kDone);
+        QCOMPARE(standins::runningOpenvpns(), 0);
+        daemon.kill();
+        QFile::remove(shared::getIpcServiceUrl());
+    }
+
+    void signalThatWasIgnoredDoesNotEndTheTunnel_data()
+    {
+        QTest::addColumn<int>("ignored");
+        QTest::addColumn<int>("other");
+        QTest::addRow("SIGHUP") << SIGHUP << SIGINT;
+        QTest::addRow("SIGINT") << SIGINT << SIGHUP;
+        QTest::addRow("SIGTERM") << SIGTERM << SIGINT;
+    }
+
+    void signalThatWasIgnoredDoesNotEndTheTunnel()
+    {
+        QFETCH(int, ignored);
+        QFETCH(int, other);
+        DaemonProcess daemon;
+        QVERIFY(daemon.start());
+        VpnctlProcess vpnctl;
+        vpnctl.beginWithin({QStringLiteral("/bin/bash"), QStringLiteral("-c"),
+                            QStringLiteral("trap '' %1; exec $0").arg(ignored)},
+                           connectTo(QStringLiteral("connects")));
+        QTRY_VERIFY(vpnctl.lines().contains(kUp));
+        vpnctl.raise(ignored);
+        QTest::qWait(1'000); // nothing tells that a signal was ignored
+        QCOMPARE(vpnctl.state(), QProcess::Running);
+        QCOMPARE(vpnctl.lines().constLast(), kUp);
+        QCOMPARE(standins::runningOpenvpns(), 1);
+        vpnctl.raise(other);
         QCOMPARE(vpnctl.exitCodeWithin(), kDone);
         QCOMPARE(standins::runningOpenvpns(), 0);
         daemon.kill();
@@ -561,6 +791,37 @@ private Q_SLOTS:
                  QStringLiteral("Another client of endpoint 1 has taken the tunnel down."));
     }
 
+    void disconnectFromElsewhereEndsTheAttempts_data()
+    {
+        QTest::addColumn<QByteArray>("remotes");
+        QTest::addColumn<bool>("isToldWhy");
+        QTest::addRow("the last one") << QByteArray("remote silent 1\n") << false;
+        QTest::addRow("one of several")
+            << QByteArray("remote silent 1\nremote connects 2\nremote connects 3\n") << true;
+    }
+
+    void disconnectFromElsewhereEndsTheAttempts()
+    {
+        QFETCH(QByteArray, remotes);
+        QFETCH(bool, isToldWhy);
+        DaemonProcess daemon;
+        QVERIFY(daemon.start());
+        VpnctlProcess holder;
+        holder.begin(profile(remotes));
+        QTRY_COMPARE(standins::openvpnStarts().size(), 1);
+        VpnctlProcess other;
+        QCOMPARE(other.run(QStringLiteral("disconnect --endpoint 1")), kDone);
+        QCOMPARE(holder.exitCodeWithin(), kFailed);
+        QVERIFY(!holder.lines().contains(kUp));
+        QCOMPARE(holder.lines().contains(
+                     QStringLiteral("Another client of endpoint 1 has taken the tunnel down.")),
+                 isToldWhy);
+        QCOMPARE(standins::runningOpenvpns(), 0);
+        daemon.kill();
+        QFile::remove(shared::getIpcServiceUrl());
+        standins::forgetState();
+    }
+
     void endpointThatIsNotThereIsWrongUse_data()
     {
         QTest::addColumn<QString>("command");
@@ -628,6 +889,42 @@ private Q_SLOTS:
         QCOMPARE(daemon.count(QStringLiteral("Command status  \"\"")), 1);
         QCOMPARE(vpnctl.errorLines().value(0),
                  QStringLiteral("vpnctl: The daemon did not answer the command within 1 seconds."));
+    }
+
+    void answerIsNamedByItsCommand_data()
+    {
+        QTest::addColumn<QString>("answer");
+        QTest::addColumn<bool>("success");
+        QTest::addColumn<QString>("line");
+        QTest::addRow("connect") << R"({"cmd":"connect"})" << true << "Connected";
+        QTest::addRow("failed connect") << R"({"cmd":"connect"})" << false << "Not connected";
+        QTest::addRow("disconnect") << R"({"cmd":"disconnect"})" << true << "Disconnected";
+        QTest::addRow("failed disconnect")
+            << R"({"cmd":"disconnect"})" << false << "Not disconnected";
+        QTest::addRow("another") << R"({"cmd":"status"})" << true << R"(Answer {"cmd":"status"})";
+        QTest::addRow("another that failed")
+            << R"({"cmd":"status"})" << false << R"(Answer {"cmd":"status"})";
+        QTest::addRow("none") << R"({"x":1})" << true << R"(Answer {"x":1})";
+        QTest::addRow("no JSON") << "pardon?" << true << "Answer pardon?";
+    }
+
+    void answerIsNamedByItsCommand()
+    {
+        QFETCH(QString, answer);
+        QFETCH(bool, success);
+        QFETCH(QString, line);
+        LaterEndpoint endpoint(answer,
+                               success ? OperationResult::succeeded()
+                                       : OperationResult::failed(QStringLiteral("no luck")));
+        QVERIFY(endpoint.listen(1));
+        VpnctlProcess vpnctl;
+        QCOMPARE(vpnctl.run(QStringLiteral("raw {} --endpoint 1")), success ? kDone : kFailed);
+        QCOMPARE(vpnctl.lines().size(), 1);
+        const QString end = success ? QStringLiteral("\\.") : QStringLiteral(": no luck");
+        const QRegularExpression expected(QStringLiteral("^%1 after [0-9]+\\.[0-9] s%2$")
+                                              .arg(QRegularExpression::escape(line), end));
+        QVERIFY2(expected.match(vpnctl.lines().constFirst()).hasMatch(),
+                 qPrintable(vpnctl.lines().constFirst()));
     }
 
     // JSON

@@ -1,5 +1,6 @@
 #include "tests/tools/pemtexts.h"
 #include "tools/vpnctl/serverrecord.h"
+#include "vpncore/serverfields.h"
 
 #include <QtCore/QJsonDocument>
 #include <QtCore/QJsonObject>
@@ -19,6 +20,12 @@ QByteArray withPem(const QString &key, const QString &pem)
 {
     return QJsonDocument(QJsonObject{{QStringLiteral("host"), QStringLiteral("a")}, {key, pem}})
         .toJson();
+}
+
+QByteArray withHostOf(int length)
+{
+    const QString host(length, QLatin1Char('a'));
+    return QJsonDocument(QJsonObject{{QStringLiteral("host"), host}}).toJson();
 }
 
 } // namespace
@@ -66,6 +73,14 @@ private Q_SLOTS:
         QCOMPARE(record->server.udpPort, 0);
     }
 
+    void longestHostIsTaken()
+    {
+        QString error;
+        const std::optional<ServerRecord> record = parse(withHostOf(vpncore::kLongestHost), &error);
+        QVERIFY2(record, qPrintable(error));
+        QCOMPARE(record->server.host, QString(vpncore::kLongestHost, QLatin1Char('a')));
+    }
+
     void unknownKeysAreReported()
     {
         QString error;
@@ -107,6 +122,9 @@ private Q_SLOTS:
                                  << QStringLiteral("record.json: \"host\" is missing.");
         QTest::addRow("host with a line end")
             << QByteArray(R"({"host":"a\nup x"})")
+            << QStringLiteral("record.json: \"host\" is no host name or address.");
+        QTest::addRow("host longer than the daemon takes")
+            << withHostOf(vpncore::kLongestHost + 1)
             << QStringLiteral("record.json: \"host\" is no host name or address.");
         QTest::addRow("host is a number")
             << QByteArray(R"({"host":1})")

@@ -30,6 +30,12 @@ VpnctlProcess::~VpnctlProcess()
     waitForFinished();
 }
 
+void VpnctlProcess::setupChildProcess()
+{
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP})
+        std::signal(signal, SIG_DFL);
+}
+
 void VpnctlProcess::setVariable(const QString &name, const QString &value)
 {
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();

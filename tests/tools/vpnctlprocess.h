@@ -43,6 +43,10 @@ public:
     /// @return everything from standard output so far.
     QByteArray output();
 
+protected:
+    /// Starts with the signals as a terminal has them, whether the tests run under nohup or not.
+    void setupChildProcess() override;
+
 private:
     QByteArray m_output;
     QByteArray m_errors;

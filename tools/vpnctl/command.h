@@ -59,12 +59,15 @@ protected:
     /// @return what is happening while an answer is awaited, without a full stop.
     virtual QString activity(std::chrono::milliseconds elapsed) const;
 
+    /// The awaited answer has not come within Options::answerLimit. Unless a command knows better,
+    /// it ends with that.
+    virtual void giveUpWaiting();
+
     void finish(ExitCode exitCode);
     void finishWith(const Problem &problem);
 
 private:
     void reportProgress();
-    void giveUpWaiting();
 
     Options m_options;
     Report &m_report;

@@ -42,6 +42,12 @@ void ConnectCommand::start()
     for (const QString &note : list->notes)
         report().note(note);
     m_targets = list->targets;
+    for (const Target &target : qAsConst(m_targets)) {
+        if (const std::optional<Problem> problem = VpnSession::lengthProblem(target)) {
+            finishWith(*problem);
+            return;
+        }
+    }
     session().openNewEndpoint();
 }
 
@@ -81,6 +87,26 @@ QString ConnectCommand::activity(std::chrono::milliseconds elapsed) const
     return QStringLiteral("time is up, openvpn is stopping");
 }
 
+void ConnectCommand::giveUpWaiting()
+{
+    const qint64 seconds = options().answerLimit.count();
+    if (m_phase == Phase::Connecting) {
+        report().problem(
+            {ExitCode::NoAnswer,
+             QStringLiteral("The daemon did not answer the command within %1 seconds.")
+                 .arg(seconds),
+             QStringLiteral("It may be busy with other clients; an attempt alone is given 16 "
+                            "seconds, and --timeout waits longer.")});
+        close(ExitCode::NoAnswer);
+        return;
+    }
+    finishWith({ExitCode::NoAnswer,
+                QStringLiteral("The daemon did not say within %1 seconds that the tunnel is down.")
+                    .arg(seconds),
+                QStringLiteral("It has the command and may still carry it out; its log may say "
+                               "more.")});
+}
+
 void ConnectCommand::tryNextTarget()
 {
     m_phase = Phase::Connecting;
@@ -97,8 +123,13 @@ void ConnectCommand::handleAnswer(const QString &message, const OperationResult 
     case Phase::Opening:
         break;
     case Phase::Connecting:
-        if (!isConnect) // somebody else's disconnect; the attempt's answer tells what came of it
+        if (!isConnect) {
+            // Somebody else's disconnect. The attempt that it ended has been answered before, as
+            // failed, so the next server is being tried: against the other's wish.
+            report().takenDown(m_endpoint);
+            close(ExitCode::Failed);
             break;
+        }
         report().answer(message, result, answerArrived());
         if (result.success)
             handleConnected();
@@ -148,7 +179,7 @@ void ConnectCommand::close(ExitCode exitCode)
 {
     m_phase = Phase::Closing;
     m_exitCode = exitCode;
-    if (exitCode == ExitCode::Failed)
+    if (exitCode == ExitCode::Failed || exitCode == ExitCode::NoAnswer)
         report().cleaningUp();
     else
         report().disconnecting();

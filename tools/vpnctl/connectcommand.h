@@ -28,6 +28,9 @@ public:
 protected:
     QString activity(std::chrono::milliseconds elapsed) const override;
 
+    /// Takes an attempt back before the command finishes: the daemon may still bring it up.
+    void giveUpWaiting() override;
+
 private:
     enum class Phase { Opening, Connecting, Holding, Closing };
 

@@ -9,7 +9,7 @@ enum class ExitCode {
     Done = 0,
     Failed = 1, ///< The daemon answered, and the answer was failure.
     WrongUse = 2, ///< Command line, profile, record or endpoint number are wrong.
-    NoDaemon = 3, ///< The daemon is not there, or has gone.
+    NoDaemon = 3, ///< The daemon is not there, has gone, or closed the connection.
     NoAnswer = 4, ///< The daemon did not answer in time.
     Interrupted = 130, ///< Stopped from outside before the work was done.
 };

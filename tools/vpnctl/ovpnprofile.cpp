@@ -1,6 +1,7 @@
 #include "tools/vpnctl/ovpnprofile.h"
 
 #include "tools/vpnctl/pem.h"
+#include "vpncore/serverfields.h"
 
 #include <QtCore/QFile>
 #include <QtCore/QFileInfo>
@@ -223,7 +224,7 @@ private:
     {
         RemoteLine remote;
         remote.host = words.value(1);
-        if (!isHost(remote.host)) {
+        if (!vpncore::isHost(remote.host)) {
             fail(QStringLiteral("\"%1\" is no host name or address").arg(remote.host));
             return;
         }

@@ -1,5 +1,7 @@
 #include "tools/vpnctl/pem.h"
 
+#include "vpncore/serverfields.h"
+
 #include <QtCore/QFile>
 #include <QtCore/QRegularExpression>
 #include <QtCore/QVector>
@@ -33,11 +35,10 @@ struct Block
     }
 };
 
-/// A block with a line that has no place in PEM is left out, like one that does not end.
+/// A block that does not end is left out.
 QVector<Block> blocksOf(const QString &text)
 {
     static const QRegularExpression begin(QStringLiteral("\\A-----BEGIN ([A-Z0-9 ]+)-----\\z"));
-    static const QRegularExpression body(QStringLiteral("\\A[A-Za-z0-9+/=:, -]*\\z"));
 
     QVector<Block> blocks;
     Block block;
@@ -48,8 +49,6 @@ QVector<Block> blocksOf(const QString &text)
             block = {match.captured(1), QString()};
         else if (block.label.isEmpty())
             continue;
-        else if (!body.match(line).hasMatch())
-            block = {};
 
         block.text += line + QLatin1Char('\n');
         if (line == QStringLiteral("-----END %1-----").arg(block.label)) {
@@ -93,6 +92,12 @@ std::optional<QString> pemFromText(PemKind kind, const QString &text, const QStr
     if (!isKindSeen) {
         *error = QStringLiteral("%1 holds no %2 in PEM form (\"-----BEGIN ...\").")
                      .arg(source, describe(kind));
+        return {};
+    }
+    if (!vpncore::isPem(blocks)) {
+        *error = QStringLiteral("%1 holds a PEM block that the daemon would leave out: one of its "
+                                "lines is neither base64 nor a header.")
+                     .arg(source);
         return {};
     }
     return blocks;

@@ -30,6 +30,10 @@ void RawCommand::start()
         }
         m_server = record->server;
     }
+    if (const auto problem = VpnSession::lengthProblem(options().message, m_server)) {
+        finishWith(*problem);
+        return;
+    }
     if (options().endpoint != 0)
         session().openEndpoint(options().endpoint);
     else

@@ -135,13 +135,12 @@ void Report::answer(const QString &message, const OperationResult &result,
     const QString command = commandOf(message);
     const Explanation explanation = explain(result.message);
 
-    const bool isConnect = command == QLatin1String("connect");
     QString text;
-    if (result.success)
-        text = isConnect ? QStringLiteral("Connected") : QStringLiteral("Disconnected");
+    if (command == QLatin1String("connect"))
+        text = result.success ? QStringLiteral("Connected") : QStringLiteral("Not connected");
+    else if (command == QLatin1String("disconnect"))
+        text = result.success ? QStringLiteral("Disconnected") : QStringLiteral("Not disconnected");
     else
-        text = isConnect ? QStringLiteral("Not connected") : QStringLiteral("Not disconnected");
-    if (command.isEmpty())
         text = QStringLiteral("Answer %1").arg(message);
     if (elapsed)
         text += QStringLiteral(" after %1 s").arg(secondsText(*elapsed));

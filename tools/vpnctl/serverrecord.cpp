@@ -2,6 +2,7 @@
 
 #include "tools/vpnctl/pem.h"
 #include "tools/vpnctl/target.h"
+#include "vpncore/serverfields.h"
 
 #include <QtCore/QFile>
 #include <QtCore/QFileInfo>
@@ -70,7 +71,7 @@ public:
             return {};
         }
         QString host = text(key);
-        if (!isHost(host))
+        if (!vpncore::isHost(host))
             fail(key, QStringLiteral("is no host name or address"));
         return host;
     }

@@ -35,6 +35,13 @@ void setHandler(int signal, void (*handler)(int))
     sigaction(signal, &action, nullptr);
 }
 
+/// Whoever started the program with a signal ignored, like nohup(1), wants it to outlast that.
+bool isIgnored(int signal)
+{
+    struct sigaction action = {};
+    return sigaction(signal, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
+}
+
 bool isNullDevice(int descriptor)
 {
     struct stat input = {};
@@ -61,8 +68,10 @@ StopRequests::StopRequests(QObject *parent)
     }
     m_signalNotifier = new QSocketNotifier(signalPipe[0], QSocketNotifier::Read, this);
     connect(m_signalNotifier, &QSocketNotifier::activated, this, &StopRequests::readSignals);
-    for (const int signal : kStopSignals)
-        setHandler(signal, writeToSignalPipe);
+    for (const int signal : kStopSignals) {
+        if (!isIgnored(signal))
+            setHandler(signal, writeToSignalPipe);
+    }
 }
 
 StopRequests::~StopRequests()

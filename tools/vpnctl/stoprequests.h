@@ -12,7 +12,8 @@ class StopRequests : public QObject
     Q_OBJECT
 
 public:
-    /// From here on SIGINT, SIGTERM and SIGHUP no longer end the process.
+    /// From here on SIGINT, SIGTERM and SIGHUP no longer end the process. Those that are ignored
+    /// stay so.
     explicit StopRequests(QObject *parent = nullptr);
 
     /// Leaves the signals ignored: the process ends already, and its exit status is decided.

@@ -24,11 +24,6 @@ struct Target
 /// Targets in the order in which to try them.
 using Targets = QVector<Target>;
 
-/// @return whether @p host can stand for a host name or address: letters, digits, dots, dashes,
-///         underscores and colons. Blanks and line ends above all would let it say more to openvpn
-///         than a host.
-bool isHost(const QString &host);
-
 constexpr int kLowestPort = 1;
 constexpr int kHighestPort = 65'535;
 

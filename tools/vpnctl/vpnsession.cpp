@@ -1,5 +1,6 @@
 #include "tools/vpnctl/vpnsession.h"
 
+#include "ipc/framechecker.h"
 #include "ipc/ipcurls.h"
 #include "rep_ipcinterface_replica.h"
 #include "rep_serviceinterface_replica.h"
@@ -16,13 +17,34 @@ namespace {
 
 using namespace std::chrono_literals;
 
-/// For everything that the daemon does at once unless it hangs.
-constexpr auto kHandshakeLimit = 5s;
+/// For everything that the daemon does at once, unless it is restoring the DNS settings: for up to
+/// 10 s it does nothing else then.
+constexpr auto kHandshakeLimit = 15s;
 constexpr auto kHeartbeatPeriod = 10s;
+
+/// A daemon that ends closes its sockets one by one; so much later all are closed.
+constexpr auto kEndingTime = 100ms;
+
+/// What is in the frame of a command beside its texts; docs/protocol-frames.md shows each byte.
+constexpr qint64 kBytesBesideTexts = 137;
 
 const QLatin1String kConnectUdp(R"({"type":"connect","cmd":"ovpnUdp"})");
 const QLatin1String kConnectTcp(R"({"type":"connect","cmd":"ovpnTcp"})");
 const QLatin1String kDisconnect(R"({"type":"openvpn","cmd":"disconnect"})");
+
+QString connectCommand(Transport transport)
+{
+    return transport == Transport::Udp ? kConnectUdp : kConnectTcp;
+}
+
+qint64 frameLength(const QString &message, const VpnServerInformation &server)
+{
+    qint64 characters = 0;
+    for (const QString &text :
+         {message, server.name, server.info, server.host, server.ca, server.key, server.cert})
+        characters += text.size();
+    return kBytesBesideTexts + characters * qint64(sizeof(QChar));
+}
 
 Problem noDaemon(const QString &text, const QString &advice)
 {
@@ -37,13 +59,14 @@ Problem mainSocketProblem(const QLocalSocket &socket, QLocalSocket::LocalSocketE
     case QLocalSocket::ServerNotFoundError:
         return noDaemon(
             QStringLiteral("The daemon is not running: there is no socket %1.").arg(name),
-            QStringLiteral("Start it: sudo launchctl load -w "
+            QStringLiteral("Start it: sudo launchctl bootstrap system "
                            "/Library/LaunchDaemons/TalvexVpnd.plist"));
     case QLocalSocket::ConnectionRefusedError:
         return noDaemon(
             QStringLiteral("The daemon is not running: it left the socket %1 behind.").arg(name),
-            QStringLiteral("Remove the file (sudo rm '%1'), or the daemon cannot listen; then "
-                           "start the daemon.")
+            QStringLiteral("Have launchd start it anew: sudo launchctl kickstart -k "
+                           "system/com.talvex.talvexvpnd. Before starting it by hand, remove the "
+                           "file (sudo rm '%1'), or it cannot listen.")
                 .arg(name));
     case QLocalSocket::SocketAccessError:
         return noDaemon(QStringLiteral("You may not connect to the daemon's socket %1.").arg(name),
@@ -63,19 +86,33 @@ Problem daemonGone()
                                    "anybody to take it down; start the daemon again."));
 }
 
+Problem closedByDaemon()
+{
+    return noDaemon(
+        QStringLiteral("The daemon closed the connection; its log says why."),
+        QStringLiteral("It is running. It refuses connections when it has no descriptor "
+                       "left, and closes those that go beyond its limits."));
+}
+
 Problem foreignInterface()
 {
     return noDaemon(QStringLiteral("What listens on the daemon's socket speaks another interface."),
                     QStringLiteral("Use the vpnctl that came with the daemon."));
 }
 
+/// Connects to the main socket only to see whether somebody listens there.
+bool tryMainSocket(QLocalSocket &socket)
+{
+    socket.connectToServer(shared::getIpcServiceUrl());
+    return socket.waitForConnected(
+        static_cast<int>(std::chrono::milliseconds(kHandshakeLimit).count()));
+}
+
 /// Why an endpoint's socket could not be connected to: mostly because there is no daemon at all.
 Problem endpointProblem(int endpoint)
 {
     QLocalSocket socket;
-    socket.connectToServer(shared::getIpcServiceUrl());
-    if (!socket.waitForConnected(
-            static_cast<int>(std::chrono::milliseconds(kHandshakeLimit).count())))
+    if (!tryMainSocket(socket))
         return mainSocketProblem(socket, socket.error());
     return {ExitCode::WrongUse, QStringLiteral("The daemon has no endpoint %1.").arg(endpoint),
             QStringLiteral("\"vpnctl connect\" prints the number of its endpoint; endpoints end "
@@ -83,6 +120,26 @@ Problem endpointProblem(int endpoint)
 }
 
 } // namespace
+
+std::optional<Problem> VpnSession::lengthProblem(const QString &message,
+                                                 const VpnServerInformation &server)
+{
+    const qint64 length = frameLength(message, server);
+    if (length <= FrameChecker::kLongestFrame)
+        return {};
+    return Problem{ExitCode::WrongUse,
+                   QStringLiteral("The command with its record takes %1 bytes, and the daemon "
+                                  "accepts %2 at most.")
+                       .arg(length)
+                       .arg(FrameChecker::kLongestFrame),
+                   QStringLiteral("Every character takes two. Leave out the certificates that the "
+                                  "server does not need.")};
+}
+
+std::optional<Problem> VpnSession::lengthProblem(const Target &target)
+{
+    return lengthProblem(connectCommand(target.transport), target.server);
+}
 
 VpnSession::VpnSession(QObject *parent)
     : QObject(parent)
@@ -119,7 +176,7 @@ void VpnSession::openEndpoint(int endpoint)
 
 void VpnSession::startTunnel(const Target &target)
 {
-    send(target.transport == Transport::Udp ? kConnectUdp : kConnectTcp, target.server);
+    send(connectCommand(target.transport), target.server);
 }
 
 void VpnSession::stopTunnel()
@@ -223,17 +280,28 @@ void VpnSession::watchSocket(QLocalSocket *socket)
     connect(
         socket, &QLocalSocket::errorOccurred, this,
         [this, socket](QLocalSocket::LocalSocketError error) { handleSocketError(socket, error); });
-    connect(socket, &QLocalSocket::disconnected, this, [this] { fail(daemonGone()); });
+    connect(socket, &QLocalSocket::disconnected, this, &VpnSession::handleClosed);
 }
 
 void VpnSession::handleSocketError(const QLocalSocket *socket, QLocalSocket::LocalSocketError error)
 {
     if (error == QLocalSocket::PeerClosedError)
-        fail(daemonGone());
+        handleClosed();
     else if (socket == &m_mainSocket)
         fail(mainSocketProblem(*socket, error));
     else
         fail(endpointProblem(m_endpoint));
+}
+
+void VpnSession::handleClosed()
+{
+    if (m_phase == Phase::Over)
+        return;
+    end();
+    QTimer::singleShot(kEndingTime, this, [this] {
+        QLocalSocket socket;
+        Q_EMIT failed(tryMainSocket(socket) ? closedByDaemon() : daemonGone());
+    });
 }
 
 void VpnSession::limitExceeded()
@@ -241,17 +309,22 @@ void VpnSession::limitExceeded()
     fail({ExitCode::NoAnswer,
           QStringLiteral("The daemon accepts connections but did not answer within %1 seconds.")
               .arg(std::chrono::seconds(kHandshakeLimit).count()),
-          QStringLiteral("It hangs, or is stopped or very busy; look at its log, restart it if "
-                         "it does not recover.")});
+          QStringLiteral("It is very busy, stopped or hanging. Try again; if that does not help, "
+                         "look at its log, and restart it as a last resort.")});
+}
+
+void VpnSession::end()
+{
+    m_phase = Phase::Over;
+    m_limit.stop();
+    m_heartbeat.stop();
 }
 
 void VpnSession::fail(const Problem &problem)
 {
     if (m_phase == Phase::Over)
         return;
-    m_phase = Phase::Over;
-    m_limit.stop();
-    m_heartbeat.stop();
+    end();
     Q_EMIT failed(problem);
 }
 

@@ -11,6 +11,8 @@
 #include <QtNetwork/QLocalSocket>
 #include <QtRemoteObjects/QRemoteObjectNode>
 
+#include <optional>
+
 class IpcInterfaceReplica;
 class ServiceInterfaceReplica;
 
@@ -24,6 +26,14 @@ class VpnSession : public QObject
     Q_OBJECT
 
 public:
+    /// The daemon closes the connection at a longer frame than it allows, so check before sending.
+    /// @return what is wrong with the command @p message with the record @p server, if anything.
+    static std::optional<Problem> lengthProblem(const QString &message,
+                                                const VpnServerInformation &server);
+
+    /// As above, of the command that startTunnel() sends.
+    static std::optional<Problem> lengthProblem(const Target &target);
+
     explicit VpnSession(QObject *parent = nullptr);
     ~VpnSession() override;
 
@@ -73,8 +83,10 @@ private:
     void connectEndpointSocket(int endpoint);
     void watchSocket(QLocalSocket *socket);
     void handleSocketError(const QLocalSocket *socket, QLocalSocket::LocalSocketError error);
+    void handleClosed();
     void handleOpened();
     void limitExceeded();
+    void end();
     void fail(const Problem &problem);
 
     // Destroyed in reverse order: nodes and replicas before the sockets that carry them.
