@@ -84,7 +84,7 @@ QString ConnectCommand::activity(std::chrono::milliseconds elapsed) const
         return QStringLiteral("openvpn is starting");
     if (elapsed < kConnectLimit)
         return QStringLiteral("openvpn is calling the server");
-    return QStringLiteral("time is up, openvpn is stopping");
+    return QStringLiteral("the time is up, the daemon is about to answer");
 }
 
 void ConnectCommand::giveUpWaiting()

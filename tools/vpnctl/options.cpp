@@ -78,7 +78,7 @@ const QCommandLineOption &timeoutOption()
 {
     static const QCommandLineOption option(
         QStringLiteral("timeout"),
-        QStringLiteral("Wait so long for the answer to a command (default: 60)."),
+        QStringLiteral("Wait so long for the answer to a command (default: 120)."),
         QStringLiteral("seconds"));
     return option;
 }

@@ -32,7 +32,7 @@ struct Options
     bool detach = false;
     int endpoint = 0; ///< 0 when not given.
     QString message; ///< For raw: what to send.
-    std::chrono::seconds answerLimit{60};
+    std::chrono::seconds answerLimit{120};
 };
 
 /// What became of reading a command line.
