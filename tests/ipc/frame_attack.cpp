@@ -349,6 +349,13 @@ private:
             : -1;
     }
 
+    static void addSockets()
+    {
+        QTest::addColumn<bool>("isMain");
+        QTest::newRow("main socket") << true;
+        QTest::newRow("endpoint") << false;
+    }
+
     int closedConnections() { return m_daemon->linesWith(kClosed).size(); }
 
     QScopedPointer<DaemonProcess> m_daemon;
@@ -513,13 +520,18 @@ private Q_SLOTS:
         QCOMPARE(closedConnections(), 0);
     }
 
+    void thousandsOfUnfinishedFramesAreNotHeld_data() { addSockets(); }
+
     void thousandsOfUnfinishedFramesAreNotHeld()
     {
+        QFETCH(bool, isMain);
         constexpr int kConnections = 3'000;
         constexpr int kBatch = 500; // open at a time
         constexpr int kSent = 256 * 1024; // of 1 MiB
         Client client;
         QVERIFY(client.attachToNewEndpoint());
+        const QString socket =
+            isMain ? shared::getIpcServiceUrl() : shared::getIpcProcessUrl(client.endpoint());
         const qint64 before = m_daemon->residentKiB();
         QVERIFY(before > 0);
 
@@ -531,8 +543,7 @@ private Q_SLOTS:
             for (int batch = 0; batch < kConnections / kBatch; ++batch) {
                 std::vector<std::unique_ptr<RawConnection>> connections;
                 for (int i = 0; i < kBatch; ++i) {
-                    connections.push_back(
-                        std::make_unique<RawConnection>(shared::getIpcServiceUrl()));
+                    connections.push_back(std::make_unique<RawConnection>(socket));
                     failures += !connections.back()->isConnected();
                     connections.back()->send(bytes);
                 }
@@ -562,18 +573,22 @@ private Q_SLOTS:
             QVERIFY2(most - before < 48 * 1024, qPrintable(QString::number(most - before)));
     }
 
+    void clientThatNeverReadsIsDisconnected_data() { addSockets(); }
+
     void clientThatNeverReadsIsDisconnected()
     {
+        QFETCH(bool, isMain);
         Client owner;
         QVERIFY(owner.attachToNewEndpoint());
         const qint64 before = m_daemon->residentKiB();
         QVERIFY(before > 0);
-        RawConnection connection(shared::getIpcProcessUrl(owner.endpoint()));
+        RawConnection connection(isMain ? shared::getIpcServiceUrl()
+                                        : shared::getIpcProcessUrl(owner.endpoint()));
         QVERIFY(connection.isConnected());
         // Each ping is answered by a pong of the same size.
         QByteArray pings;
         while (pings.size() < 64 * 1024)
-            pings += frames::ping(kServiceInterface);
+            pings += frames::ping(isMain ? kIpcInterface : kServiceInterface);
         int sent = 0;
         while (sent < 64 && connection.sendOrGiveUp(pings, 5'000))
             ++sent;
