@@ -425,10 +425,23 @@ private Q_SLOTS:
             << profile("remote a\nca none.crt\n")
             << QStringLiteral("vpnctl: Cannot read the ca file /var/root/none.crt: No such file or "
                               "directory.");
+        QTest::addRow("profile that is a folder")
+            << QStringLiteral("connect --config /var/root")
+            << QStringLiteral(
+                   "vpnctl: Cannot read the profile /var/root: file to open is a directory.");
         QTest::addRow("missing record")
             << QStringLiteral("connect --server /var/root/none.json")
             << QStringLiteral("vpnctl: Cannot read the record /var/root/none.json: No such file or "
                               "directory.");
+        QTest::addRow("endless record")
+            << QStringLiteral("connect --server /dev/zero")
+            << QStringLiteral("vpnctl: The record /dev/zero is too large; at most 1 MiB is read.");
+        QTest::addRow("endless profile")
+            << QStringLiteral("connect --config /dev/zero")
+            << QStringLiteral("vpnctl: The profile /dev/zero is too large; at most 1 MiB is read.");
+        QTest::addRow("endless ca")
+            << QStringLiteral("connect --host a --ca /dev/zero")
+            << QStringLiteral("vpnctl: The ca file /dev/zero is too large; at most 1 MiB is read.");
         QTest::addRow("port out of range")
             << QStringLiteral("connect --host a --ca b --port 70000")
             << QStringLiteral("vpnctl: --port must be a number from 1 to 65535, not \"70000\".");
@@ -439,6 +452,21 @@ private Q_SLOTS:
                               "to 65535.");
     }
 
+    void profileThroughAPipeIsRead()
+    {
+        DaemonProcess daemon;
+        QVERIFY(daemon.start());
+        const QByteArray comments("# a comment, with many others more than a pipe holds at once\n");
+        const QString path = writeFile(QStringLiteral("long.ovpn"),
+                                       comments.repeated(10'000) + "remote connects 53\n");
+        VpnctlProcess vpnctl;
+        vpnctl.beginWithin({QStringLiteral("/bin/bash"), QStringLiteral("-c")},
+                           QStringLiteral("connect --detach --config <(cat %1)").arg(path));
+        QCOMPARE(vpnctl.exitCodeWithin(), kDone);
+        QCOMPARE(standins::configurationOf(standins::openvpnStarts()[0]).split('\n').value(3),
+                 QByteArray("remote connects 53"));
+    }
+
     void badInputOneClearLineAndNoEndpoint()
     {
         QFETCH(QString, arguments);
@@ -447,7 +475,7 @@ private Q_SLOTS:
         QVERIFY(daemon.start());
         VpnctlProcess vpnctl;
         QCOMPARE(vpnctl.run(arguments), kWrongUse);
-        QCOMPARE(vpnctl.errorLines().value(0), line);
+        QCOMPARE(problemsIn(vpnctl.errorLines()), QStringList{line});
         QCOMPARE(vpnctl.lines(), QStringList());
         QCOMPARE(endpoints(), 0);
         daemon.kill();
