@@ -730,6 +730,38 @@ private Q_SLOTS:
         QCOMPARE(daemon.count(QStringLiteral("Client was disconnected")), 1);
     }
 
+    void stoppedHolderSaysThatItHasLostItsTunnel()
+    {
+        DaemonProcess daemon;
+        QVERIFY(daemon.start());
+        VpnctlProcess vpnctl;
+        vpnctl.begin(connectTo(QStringLiteral("connects")));
+        QTRY_VERIFY(vpnctl.lines().contains(kUp));
+        vpnctl.raise(SIGSTOP);
+        QTRY_COMPARE_WITH_TIMEOUT(standins::runningOpenvpns(), 0, 35'000);
+        QVERIFY(!vpnctl.lines().contains(QStringLiteral("Disconnecting")));
+        vpnctl.raise(SIGCONT);
+        QCOMPARE(vpnctl.exitCodeWithin(), kFailed);
+        QCOMPARE(countOf(vpnctl.lines(), QStringLiteral("vpnctl was stopped or held up for ")), 1);
+        QCOMPARE(standins::runningOpenvpns(), 0);
+    }
+
+    void holderThatIsStoppedForAShorterTimeGoesOn()
+    {
+        DaemonProcess daemon;
+        QVERIFY(daemon.start());
+        VpnctlProcess vpnctl;
+        vpnctl.begin(connectTo(QStringLiteral("connects")));
+        QTRY_VERIFY(vpnctl.lines().contains(kUp));
+        vpnctl.raise(SIGSTOP);
+        QTest::qWait(20'000);
+        QCOMPARE(heartbeats(daemon), 1);
+        vpnctl.raise(SIGCONT);
+        QTRY_COMPARE_WITH_TIMEOUT(heartbeats(daemon), 3, 15'000);
+        QCOMPARE(vpnctl.lines().constLast(), kUp);
+        QCOMPARE(standins::runningOpenvpns(), 1);
+    }
+
     void interruptedAttemptStopsOpenvpn()
     {
         DaemonProcess daemon;

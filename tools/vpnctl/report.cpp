@@ -205,6 +205,16 @@ void Report::takenDown(int endpoint)
           QStringLiteral("Another client of endpoint %1 has taken the tunnel down.").arg(endpoint));
 }
 
+void Report::lapsed(int endpoint, std::chrono::milliseconds silence)
+{
+    print(QStringLiteral("lapsed"),
+          {{QStringLiteral("endpoint"), endpoint},
+           {QStringLiteral("seconds"), rounded(secondsOf(silence), 1)}},
+          QStringLiteral("vpnctl was stopped or held up for %1 s. The daemon takes the tunnel down "
+                         "when it hears nothing for 30 s.")
+              .arg(secondsText(silence)));
+}
+
 void Report::print(const QString &event, QJsonObject fields, const QString &text, Stream stream)
 {
     if (m_form == Form::Json) {
