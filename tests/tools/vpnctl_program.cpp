@@ -172,6 +172,20 @@ private Q_SLOTS:
         QVERIFY2(time > 0 && time < 5000, qPrintable(QString::number(time)));
     }
 
+    void pingSaysInWordsHowLongItTook()
+    {
+        DaemonProcess daemon;
+        QVERIFY(daemon.start());
+        VpnctlProcess vpnctl;
+        QCOMPARE(vpnctl.run(QStringLiteral("ping")), kDone);
+        QCOMPARE(vpnctl.lines().size(), 1);
+        const QRegularExpression line(
+            QStringLiteral("^The daemon is there and answered after [0-9]+\\.[0-9] ms\\.$"));
+        QVERIFY2(line.match(vpnctl.lines().constFirst()).hasMatch(),
+                 qPrintable(vpnctl.lines().constFirst()));
+        QCOMPARE(vpnctl.errorLines(), QStringList());
+    }
+
     void pingLeavesNoEndpointBehind()
     {
         DaemonProcess daemon;
@@ -774,6 +788,30 @@ private Q_SLOTS:
         QCOMPARE(standins::runningOpenvpns(), 0);
     }
 
+    void endOfInputWhileConnectingStopsOpenvpn()
+    {
+        DaemonProcess daemon;
+        QVERIFY(daemon.start());
+        VpnctlProcess vpnctl;
+        vpnctl.begin(connectTo(QStringLiteral("silent")));
+        QTRY_COMPARE(standins::runningOpenvpns(), 1);
+        vpnctl.closeWriteChannel();
+        QCOMPARE(vpnctl.exitCodeWithin(), kInterrupted);
+        QCOMPARE(standins::runningOpenvpns(), 0);
+        QVERIFY(vpnctl.lines().contains(QStringLiteral("Disconnecting")));
+    }
+
+    void endOfInputDoesNotStopADetachedAttempt()
+    {
+        DaemonProcess daemon;
+        QVERIFY(daemon.start());
+        VpnctlProcess vpnctl;
+        vpnctl.begin(connectTo(QStringLiteral("connects")) + QStringLiteral(" --detach"));
+        vpnctl.closeWriteChannel();
+        QCOMPARE(vpnctl.exitCodeWithin(), kDone);
+        QCOMPARE(standins::runningOpenvpns(), 1);
+    }
+
     void secondInterruptDoesNotWaitForOpenvpn()
     {
         DaemonProcess daemon;
@@ -918,6 +956,38 @@ private Q_SLOTS:
         QTRY_VERIFY(vpnctl.lines().contains(QStringLiteral("Disconnected.")));
         vpnctl.raise(SIGINT);
         QCOMPARE(vpnctl.exitCodeWithin(), kDone);
+    }
+
+    void watchPrintsAnswersAsJson()
+    {
+        DaemonProcess daemon;
+        QVERIFY(daemon.start());
+        Client client;
+        QVERIFY(client.attachToNewEndpoint());
+        VpnctlProcess vpnctl;
+        vpnctl.begin(QStringLiteral("watch --endpoint 1 --json"));
+        QTRY_COMPARE(vpnctl.lines(),
+                     QStringList{QStringLiteral(R"({"endpoint":1,"event":"watching"})")});
+        client.connectUdp(standins::serverFor(QStringLiteral("error")));
+        QTRY_COMPARE(vpnctl.lines().size(), 2);
+        client.disconnectTunnel();
+        QTRY_COMPARE(vpnctl.lines().size(), 3);
+        vpnctl.raise(SIGINT);
+        QCOMPARE(vpnctl.exitCodeWithin(), kDone);
+        QCOMPARE(vpnctl.lines().size(), 3);
+        QCOMPARE(vpnctl.errorLines(), QStringList());
+
+        const QJsonObject failure = objectsIn(vpnctl.lines())[1];
+        QCOMPARE(failure.value(QLatin1String("event")).toString(), QStringLiteral("answer"));
+        QCOMPARE(failure.value(QLatin1String("command")).toString(), QStringLiteral("connect"));
+        QCOMPARE(failure.value(QLatin1String("success")), QJsonValue(false));
+        QCOMPARE(failure.value(QLatin1String("key")).toString(),
+                 QStringLiteral("warning.can_not_open_vpn_check_is_admin_granted"));
+        QVERIFY(!failure.contains(QLatin1String("seconds"))); // somebody else's command
+        const QJsonObject success = objectsIn(vpnctl.lines())[2];
+        QCOMPARE(success.value(QLatin1String("command")).toString(), QStringLiteral("disconnect"));
+        QCOMPARE(success.value(QLatin1String("success")), QJsonValue(true));
+        QVERIFY(!success.contains(QLatin1String("text")));
     }
 
     // raw
