@@ -1057,6 +1057,19 @@ private Q_SLOTS:
                  qPrintable(vpnctl.lines().constFirst()));
     }
 
+    void outputThatDoesNotBlockIsWaitedFor()
+    {
+        const QString longAnswer(1'000'000, QLatin1Char('x'));
+        LaterEndpoint endpoint(longAnswer, OperationResult::succeeded());
+        QVERIFY(endpoint.listen(1));
+        VpnctlProcess vpnctl;
+        vpnctl.makeOutputNonBlocking();
+        QCOMPARE(vpnctl.run(QStringLiteral("raw {} --endpoint 1")), kDone);
+        QCOMPARE(vpnctl.lines().size(), 1);
+        QVERIFY(vpnctl.lines().constFirst().startsWith(QStringLiteral("Answer ") + longAnswer
+                                                       + QStringLiteral(" after ")));
+    }
+
     // JSON
 
     void everyJsonLineIsAnObjectWithAnEvent()

@@ -7,6 +7,7 @@
 
 #include <cerrno>
 
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -37,6 +38,14 @@ double secondsOf(std::chrono::milliseconds time)
 QString secondsText(std::chrono::milliseconds time)
 {
     return QString::number(secondsOf(time), 'f', 1);
+}
+
+/// For a stream that somebody else has made non-blocking: terminals and pipes are shared.
+void waitUntilWritable(int descriptor)
+{
+    constexpr int kForever = -1;
+    pollfd stream = {descriptor, POLLOUT, 0};
+    ::poll(&stream, 1, kForever); // whatever it says, the next write tells
 }
 
 /// JSON numbers with no more digits than were measured.
@@ -235,6 +244,8 @@ void Report::write(Stream stream, const QByteArray &bytes)
                                       static_cast<std::size_t>(bytes.size() - written));
         if (count > 0) {
             written += static_cast<int>(count);
+        } else if (errno == EAGAIN) {
+            waitUntilWritable(descriptor);
         } else if (errno != EINTR) {
             if (stream == Stream::Output)
                 Q_EMIT outputClosed();
