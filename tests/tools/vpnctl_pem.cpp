@@ -1,5 +1,6 @@
 #include "tests/tools/pemtexts.h"
 #include "tools/vpnctl/pem.h"
+#include "tools/vpnctl/textfile.h"
 #include "vpncore/serverfields.h"
 
 #include <QtTest/QtTest>
@@ -156,6 +157,28 @@ private Q_SLOTS:
         QCOMPARE(
             error,
             QStringLiteral("Cannot read the key file /nowhere/me.key: No such file or directory."));
+    }
+
+    void fileOfExactlyTheLimitIsRead()
+    {
+        QTemporaryDir folder;
+        QFile file(folder.filePath(QStringLiteral("ca.crt")));
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        const QByteArray certificate = pemtexts::certificate().toLatin1();
+        file.write(QByteArray(kLargestFile - certificate.size() - 1, 'x') + '\n' + certificate);
+        file.flush();
+        const auto readIt = [&folder](QString *error) {
+            return pemFromFile(PemKind::Authority, QStringLiteral("ca.crt"), QDir(folder.path()),
+                               error);
+        };
+        QString error;
+        QCOMPARE(readIt(&error), pemtexts::certificate());
+        file.write("\n");
+        file.flush();
+        QCOMPARE(readIt(&error), std::nullopt);
+        QCOMPARE(error,
+                 QStringLiteral("The ca file %1 is too large; at most 1 MiB is read.")
+                     .arg(file.fileName()));
     }
 
     void relativePathIsRelativeToTheFolder()

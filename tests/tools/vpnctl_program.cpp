@@ -172,6 +172,20 @@ private Q_SLOTS:
         QVERIFY2(time > 0 && time < 5000, qPrintable(QString::number(time)));
     }
 
+    void pingSaysInWordsHowLongItTook()
+    {
+        DaemonProcess daemon;
+        QVERIFY(daemon.start());
+        VpnctlProcess vpnctl;
+        QCOMPARE(vpnctl.run(QStringLiteral("ping")), kDone);
+        QCOMPARE(vpnctl.lines().size(), 1);
+        const QRegularExpression line(
+            QStringLiteral("^The daemon is there and answered after [0-9]+\\.[0-9] ms\\.$"));
+        QVERIFY2(line.match(vpnctl.lines().constFirst()).hasMatch(),
+                 qPrintable(vpnctl.lines().constFirst()));
+        QCOMPARE(vpnctl.errorLines(), QStringList());
+    }
+
     void pingLeavesNoEndpointBehind()
     {
         DaemonProcess daemon;
@@ -425,10 +439,23 @@ private Q_SLOTS:
             << profile("remote a\nca none.crt\n")
             << QStringLiteral("vpnctl: Cannot read the ca file /var/root/none.crt: No such file or "
                               "directory.");
+        QTest::addRow("profile that is a folder")
+            << QStringLiteral("connect --config /var/root")
+            << QStringLiteral(
+                   "vpnctl: Cannot read the profile /var/root: file to open is a directory.");
         QTest::addRow("missing record")
             << QStringLiteral("connect --server /var/root/none.json")
             << QStringLiteral("vpnctl: Cannot read the record /var/root/none.json: No such file or "
                               "directory.");
+        QTest::addRow("endless record")
+            << QStringLiteral("connect --server /dev/zero")
+            << QStringLiteral("vpnctl: The record /dev/zero is too large; at most 1 MiB is read.");
+        QTest::addRow("endless profile")
+            << QStringLiteral("connect --config /dev/zero")
+            << QStringLiteral("vpnctl: The profile /dev/zero is too large; at most 1 MiB is read.");
+        QTest::addRow("endless ca")
+            << QStringLiteral("connect --host a --ca /dev/zero")
+            << QStringLiteral("vpnctl: The ca file /dev/zero is too large; at most 1 MiB is read.");
         QTest::addRow("port out of range")
             << QStringLiteral("connect --host a --ca b --port 70000")
             << QStringLiteral("vpnctl: --port must be a number from 1 to 65535, not \"70000\".");
@@ -439,6 +466,21 @@ private Q_SLOTS:
                               "to 65535.");
     }
 
+    void profileThroughAPipeIsRead()
+    {
+        DaemonProcess daemon;
+        QVERIFY(daemon.start());
+        const QByteArray comments("# a comment, with many others more than a pipe holds at once\n");
+        const QString path = writeFile(QStringLiteral("long.ovpn"),
+                                       comments.repeated(10'000) + "remote connects 53\n");
+        VpnctlProcess vpnctl;
+        vpnctl.beginWithin({QStringLiteral("/bin/bash"), QStringLiteral("-c")},
+                           QStringLiteral("connect --detach --config <(cat %1)").arg(path));
+        QCOMPARE(vpnctl.exitCodeWithin(), kDone);
+        QCOMPARE(standins::configurationOf(standins::openvpnStarts()[0]).split('\n').value(3),
+                 QByteArray("remote connects 53"));
+    }
+
     void badInputOneClearLineAndNoEndpoint()
     {
         QFETCH(QString, arguments);
@@ -447,7 +489,7 @@ private Q_SLOTS:
         QVERIFY(daemon.start());
         VpnctlProcess vpnctl;
         QCOMPARE(vpnctl.run(arguments), kWrongUse);
-        QCOMPARE(vpnctl.errorLines().value(0), line);
+        QCOMPARE(problemsIn(vpnctl.errorLines()), QStringList{line});
         QCOMPARE(vpnctl.lines(), QStringList());
         QCOMPARE(endpoints(), 0);
         daemon.kill();
@@ -702,6 +744,38 @@ private Q_SLOTS:
         QCOMPARE(daemon.count(QStringLiteral("Client was disconnected")), 1);
     }
 
+    void stoppedHolderSaysThatItHasLostItsTunnel()
+    {
+        DaemonProcess daemon;
+        QVERIFY(daemon.start());
+        VpnctlProcess vpnctl;
+        vpnctl.begin(connectTo(QStringLiteral("connects")));
+        QTRY_VERIFY(vpnctl.lines().contains(kUp));
+        vpnctl.raise(SIGSTOP);
+        QTRY_COMPARE_WITH_TIMEOUT(standins::runningOpenvpns(), 0, 35'000);
+        QVERIFY(!vpnctl.lines().contains(QStringLiteral("Disconnecting")));
+        vpnctl.raise(SIGCONT);
+        QCOMPARE(vpnctl.exitCodeWithin(), kFailed);
+        QCOMPARE(countOf(vpnctl.lines(), QStringLiteral("vpnctl was stopped or held up for ")), 1);
+        QCOMPARE(standins::runningOpenvpns(), 0);
+    }
+
+    void holderThatIsStoppedForAShorterTimeGoesOn()
+    {
+        DaemonProcess daemon;
+        QVERIFY(daemon.start());
+        VpnctlProcess vpnctl;
+        vpnctl.begin(connectTo(QStringLiteral("connects")));
+        QTRY_VERIFY(vpnctl.lines().contains(kUp));
+        vpnctl.raise(SIGSTOP);
+        QTest::qWait(20'000);
+        QCOMPARE(heartbeats(daemon), 1);
+        vpnctl.raise(SIGCONT);
+        QTRY_COMPARE_WITH_TIMEOUT(heartbeats(daemon), 3, 15'000);
+        QCOMPARE(vpnctl.lines().constLast(), kUp);
+        QCOMPARE(standins::runningOpenvpns(), 1);
+    }
+
     void interruptedAttemptStopsOpenvpn()
     {
         DaemonProcess daemon;
@@ -712,6 +786,30 @@ private Q_SLOTS:
         vpnctl.raise(SIGINT);
         QCOMPARE(vpnctl.exitCodeWithin(), kInterrupted);
         QCOMPARE(standins::runningOpenvpns(), 0);
+    }
+
+    void endOfInputWhileConnectingStopsOpenvpn()
+    {
+        DaemonProcess daemon;
+        QVERIFY(daemon.start());
+        VpnctlProcess vpnctl;
+        vpnctl.begin(connectTo(QStringLiteral("silent")));
+        QTRY_COMPARE(standins::runningOpenvpns(), 1);
+        vpnctl.closeWriteChannel();
+        QCOMPARE(vpnctl.exitCodeWithin(), kInterrupted);
+        QCOMPARE(standins::runningOpenvpns(), 0);
+        QVERIFY(vpnctl.lines().contains(QStringLiteral("Disconnecting")));
+    }
+
+    void endOfInputDoesNotStopADetachedAttempt()
+    {
+        DaemonProcess daemon;
+        QVERIFY(daemon.start());
+        VpnctlProcess vpnctl;
+        vpnctl.begin(connectTo(QStringLiteral("connects")) + QStringLiteral(" --detach"));
+        vpnctl.closeWriteChannel();
+        QCOMPARE(vpnctl.exitCodeWithin(), kDone);
+        QCOMPARE(standins::runningOpenvpns(), 1);
     }
 
     void secondInterruptDoesNotWaitForOpenvpn()
@@ -860,6 +958,38 @@ private Q_SLOTS:
         QCOMPARE(vpnctl.exitCodeWithin(), kDone);
     }
 
+    void watchPrintsAnswersAsJson()
+    {
+        DaemonProcess daemon;
+        QVERIFY(daemon.start());
+        Client client;
+        QVERIFY(client.attachToNewEndpoint());
+        VpnctlProcess vpnctl;
+        vpnctl.begin(QStringLiteral("watch --endpoint 1 --json"));
+        QTRY_COMPARE(vpnctl.lines(),
+                     QStringList{QStringLiteral(R"({"endpoint":1,"event":"watching"})")});
+        client.connectUdp(standins::serverFor(QStringLiteral("error")));
+        QTRY_COMPARE(vpnctl.lines().size(), 2);
+        client.disconnectTunnel();
+        QTRY_COMPARE(vpnctl.lines().size(), 3);
+        vpnctl.raise(SIGINT);
+        QCOMPARE(vpnctl.exitCodeWithin(), kDone);
+        QCOMPARE(vpnctl.lines().size(), 3);
+        QCOMPARE(vpnctl.errorLines(), QStringList());
+
+        const QJsonObject failure = objectsIn(vpnctl.lines())[1];
+        QCOMPARE(failure.value(QLatin1String("event")).toString(), QStringLiteral("answer"));
+        QCOMPARE(failure.value(QLatin1String("command")).toString(), QStringLiteral("connect"));
+        QCOMPARE(failure.value(QLatin1String("success")), QJsonValue(false));
+        QCOMPARE(failure.value(QLatin1String("key")).toString(),
+                 QStringLiteral("warning.can_not_open_vpn_check_is_admin_granted"));
+        QVERIFY(!failure.contains(QLatin1String("seconds"))); // somebody else's command
+        const QJsonObject success = objectsIn(vpnctl.lines())[2];
+        QCOMPARE(success.value(QLatin1String("command")).toString(), QStringLiteral("disconnect"));
+        QCOMPARE(success.value(QLatin1String("success")), QJsonValue(true));
+        QVERIFY(!success.contains(QLatin1String("text")));
+    }
+
     // raw
 
     void rawSendsTheTextAndPrintsTheAnswer()
@@ -925,6 +1055,19 @@ private Q_SLOTS:
                                               .arg(QRegularExpression::escape(line), end));
         QVERIFY2(expected.match(vpnctl.lines().constFirst()).hasMatch(),
                  qPrintable(vpnctl.lines().constFirst()));
+    }
+
+    void outputThatDoesNotBlockIsWaitedFor()
+    {
+        const QString longAnswer(1'000'000, QLatin1Char('x'));
+        LaterEndpoint endpoint(longAnswer, OperationResult::succeeded());
+        QVERIFY(endpoint.listen(1));
+        VpnctlProcess vpnctl;
+        vpnctl.makeOutputNonBlocking();
+        QCOMPARE(vpnctl.run(QStringLiteral("raw {} --endpoint 1")), kDone);
+        QCOMPARE(vpnctl.lines().size(), 1);
+        QVERIFY(vpnctl.lines().constFirst().startsWith(QStringLiteral("Answer ") + longAnswer
+                                                       + QStringLiteral(" after ")));
     }
 
     // JSON

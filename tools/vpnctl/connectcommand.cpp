@@ -29,6 +29,7 @@ ConnectCommand::ConnectCommand(const Options &options, Report &report)
         tryNextTarget();
     });
     connect(&session(), &VpnSession::answered, this, &ConnectCommand::handleAnswer);
+    connect(&session(), &VpnSession::lapsed, this, &ConnectCommand::handleLapse);
 }
 
 void ConnectCommand::start()
@@ -173,6 +174,16 @@ void ConnectCommand::handleAnswerWhileHolding(const QString &message, const Oper
     report().answer(message, result, std::nullopt);
     if (!result.success)
         close(ExitCode::Failed);
+}
+
+void ConnectCommand::handleLapse(std::chrono::milliseconds silence)
+{
+    if (m_phase == Phase::Closing)
+        return;
+    report().lapsed(m_endpoint, silence);
+    // Somebody else's heartbeats may have kept the tunnel; what was reported is to be true then
+    // too.
+    close(ExitCode::Failed);
 }
 
 void ConnectCommand::close(ExitCode exitCode)

@@ -38,6 +38,7 @@ private:
     void handleAnswer(const QString &message, const OperationResult &result);
     void handleConnected();
     void handleAnswerWhileHolding(const QString &message, const OperationResult &result);
+    void handleLapse(std::chrono::milliseconds silence);
     bool isSameStopRequest() const;
     void close(ExitCode exitCode);
 

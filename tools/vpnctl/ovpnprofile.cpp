@@ -1,9 +1,9 @@
 #include "tools/vpnctl/ovpnprofile.h"
 
 #include "tools/vpnctl/pem.h"
+#include "tools/vpnctl/textfile.h"
 #include "vpncore/serverfields.h"
 
-#include <QtCore/QFile>
 #include <QtCore/QFileInfo>
 
 #include <algorithm>
@@ -14,7 +14,6 @@ namespace vpnctl {
 namespace {
 
 constexpr int kStandardPort = 1194;
-constexpr qint64 kLargestFile = 1'048'576;
 
 /// What the daemon's own configuration has too, so that nothing is lost.
 constexpr const char *kSameInDaemon[] = {
@@ -352,17 +351,10 @@ std::optional<OvpnProfile> parseOvpnProfile(const QString &text, const QString &
 
 std::optional<OvpnProfile> readOvpnProfile(const QString &path, QString *error)
 {
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly)) {
-        *error = QStringLiteral("Cannot read the profile %1: %2.").arg(path, file.errorString());
+    const std::optional<QByteArray> text = readTextFile(path, QStringLiteral("profile"), error);
+    if (!text)
         return {};
-    }
-    if (file.size() > kLargestFile) {
-        *error = QStringLiteral("The profile %1 is too large.").arg(path);
-        return {};
-    }
-    return parseOvpnProfile(QString::fromUtf8(file.readAll()), path, QFileInfo(path).absoluteDir(),
-                            error);
+    return parseOvpnProfile(QString::fromUtf8(*text), path, QFileInfo(path).absoluteDir(), error);
 }
 
 } // namespace vpnctl

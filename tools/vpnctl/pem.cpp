@@ -1,17 +1,14 @@
 #include "tools/vpnctl/pem.h"
 
+#include "tools/vpnctl/textfile.h"
 #include "vpncore/serverfields.h"
 
-#include <QtCore/QFile>
 #include <QtCore/QRegularExpression>
 #include <QtCore/QVector>
 
 namespace vpnctl {
 
 namespace {
-
-/// Far more than any chain of certificates; keeps a wrong path from filling the memory.
-constexpr qint64 kLargestFile = 1'048'576;
 
 bool isOfKind(PemKind kind, const QString &label)
 {
@@ -106,17 +103,12 @@ std::optional<QString> pemFromText(PemKind kind, const QString &text, const QStr
 std::optional<QString> pemFromFile(PemKind kind, const QString &path, const QDir &folder,
                                    QString *error)
 {
-    QFile file(folder.filePath(path));
-    if (!file.open(QIODevice::ReadOnly)) {
-        *error = QStringLiteral("Cannot read the %1 file %2: %3.")
-                     .arg(pemName(kind), file.fileName(), file.errorString());
+    const QString wholePath = folder.filePath(path);
+    const std::optional<QByteArray> content =
+        readTextFile(wholePath, pemName(kind) + QStringLiteral(" file"), error);
+    if (!content)
         return {};
-    }
-    if (file.size() > kLargestFile) {
-        *error = QStringLiteral("The %1 file %2 is too large.").arg(pemName(kind), file.fileName());
-        return {};
-    }
-    return pemFromText(kind, QString::fromLatin1(file.read(kLargestFile)), file.fileName(), error);
+    return pemFromText(kind, QString::fromLatin1(*content), wholePath, error);
 }
 
 } // namespace vpnctl

@@ -7,6 +7,7 @@
 
 #include <cerrno>
 
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -37,6 +38,14 @@ double secondsOf(std::chrono::milliseconds time)
 QString secondsText(std::chrono::milliseconds time)
 {
     return QString::number(secondsOf(time), 'f', 1);
+}
+
+/// For a stream that somebody else has made non-blocking: terminals and pipes are shared.
+void waitUntilWritable(int descriptor)
+{
+    constexpr int kForever = -1;
+    pollfd stream = {descriptor, POLLOUT, 0};
+    ::poll(&stream, 1, kForever); // whatever it says, the next write tells
 }
 
 /// JSON numbers with no more digits than were measured.
@@ -205,6 +214,16 @@ void Report::takenDown(int endpoint)
           QStringLiteral("Another client of endpoint %1 has taken the tunnel down.").arg(endpoint));
 }
 
+void Report::lapsed(int endpoint, std::chrono::milliseconds silence)
+{
+    print(QStringLiteral("lapsed"),
+          {{QStringLiteral("endpoint"), endpoint},
+           {QStringLiteral("seconds"), rounded(secondsOf(silence), 1)}},
+          QStringLiteral("vpnctl was stopped or held up for %1 s. The daemon takes the tunnel down "
+                         "when it hears nothing for 30 s.")
+              .arg(secondsText(silence)));
+}
+
 void Report::print(const QString &event, QJsonObject fields, const QString &text, Stream stream)
 {
     if (m_form == Form::Json) {
@@ -225,6 +244,8 @@ void Report::write(Stream stream, const QByteArray &bytes)
                                       static_cast<std::size_t>(bytes.size() - written));
         if (count > 0) {
             written += static_cast<int>(count);
+        } else if (errno == EAGAIN) {
+            waitUntilWritable(descriptor);
         } else if (errno != EINTR) {
             if (stream == Stream::Output)
                 Q_EMIT outputClosed();

@@ -66,6 +66,9 @@ public:
     /// The tunnel is down because somebody else sent the command.
     void takenDown(int endpoint);
 
+    /// The daemon has heard no heartbeat and takes the tunnel down.
+    void lapsed(int endpoint, std::chrono::milliseconds silence);
+
 Q_SIGNALS:
     /// Nobody reads standard output any more.
     void outputClosed();

@@ -2,9 +2,9 @@
 
 #include "tools/vpnctl/pem.h"
 #include "tools/vpnctl/target.h"
+#include "tools/vpnctl/textfile.h"
 #include "vpncore/serverfields.h"
 
-#include <QtCore/QFile>
 #include <QtCore/QFileInfo>
 #include <QtCore/QJsonDocument>
 #include <QtCore/QJsonObject>
@@ -142,12 +142,10 @@ std::optional<ServerRecord> parseServerRecord(const QByteArray &json, const QStr
 
 std::optional<ServerRecord> readServerRecord(const QString &path, QString *error)
 {
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly)) {
-        *error = QStringLiteral("Cannot read the record %1: %2.").arg(path, file.errorString());
+    const std::optional<QByteArray> json = readTextFile(path, QStringLiteral("record"), error);
+    if (!json)
         return {};
-    }
-    return parseServerRecord(file.readAll(), path, QFileInfo(path).absoluteDir(), error);
+    return parseServerRecord(*json, path, QFileInfo(path).absoluteDir(), error);
 }
 
 } // namespace vpnctl

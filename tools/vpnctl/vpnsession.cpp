@@ -22,6 +22,9 @@ using namespace std::chrono_literals;
 constexpr auto kHandshakeLimit = 15s;
 constexpr auto kHeartbeatPeriod = 10s;
 
+/// The daemon's limit is 30 s, but its timer is a coarse one that may come early.
+constexpr auto kLongestSilence = 29s;
+
 /// A daemon that ends closes its sockets one by one; so much later all are closed.
 constexpr auto kEndingTime = 100ms;
 
@@ -146,7 +149,7 @@ VpnSession::VpnSession(QObject *parent)
 {
     m_limit.setSingleShot(true);
     connect(&m_limit, &QTimer::timeout, this, &VpnSession::limitExceeded);
-    connect(&m_heartbeat, &QTimer::timeout, this, [this] { m_service->server_slot(true); });
+    connect(&m_heartbeat, &QTimer::timeout, this, &VpnSession::beat);
     watchSocket(&m_mainSocket);
     watchSocket(&m_endpointSocket);
 }
@@ -194,8 +197,21 @@ void VpnSession::keepAlive()
 {
     if (m_phase != Phase::Open)
         return;
-    m_service->server_slot(true);
+    beat();
     m_heartbeat.start(kHeartbeatPeriod);
+}
+
+void VpnSession::beat()
+{
+    // The clock is that of the daemon's timer: it stands still for both while the machine sleeps.
+    if (m_sinceHeartbeat.isValid()
+        && m_sinceHeartbeat.hasExpired(std::chrono::milliseconds(kLongestSilence).count())) {
+        m_heartbeat.stop();
+        Q_EMIT lapsed(std::chrono::milliseconds(m_sinceHeartbeat.elapsed()));
+        return;
+    }
+    m_service->server_slot(true);
+    m_sinceHeartbeat.start();
 }
 
 void VpnSession::connectMainSocket(void (VpnSession::*next)())

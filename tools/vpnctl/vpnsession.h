@@ -5,12 +5,14 @@
 #include "tools/vpnctl/problem.h"
 #include "tools/vpnctl/target.h"
 
+#include <QtCore/QElapsedTimer>
 #include <QtCore/QObject>
 #include <QtCore/QScopedPointer>
 #include <QtCore/QTimer>
 #include <QtNetwork/QLocalSocket>
 #include <QtRemoteObjects/QRemoteObjectNode>
 
+#include <chrono>
 #include <optional>
 
 class IpcInterfaceReplica;
@@ -59,7 +61,7 @@ public:
     void send(const QString &message, const VpnServerInformation &server = {});
 
     /// Calls the heartbeat, now and every 10 s. From the first one on the daemon takes the tunnel
-    /// down when it hears none for 30 s.
+    /// down when it hears none for 30 s, without an answer; then lapsed() tells.
     void keepAlive();
 
 Q_SIGNALS:
@@ -70,6 +72,11 @@ Q_SIGNALS:
     /// An answer on this endpoint, whoever gave the command.
     /// @param message JSON; commandOf() tells which command it is about.
     void answered(const QString &message, const OperationResult &result);
+
+    /// This process was stopped or held up for so long that the daemon has heard no heartbeat for
+    /// 30 s, or next to that. The heartbeat ends with that.
+    /// @param silence since the last one.
+    void lapsed(std::chrono::milliseconds silence);
 
     /// The conversation is over; nothing follows.
     void failed(const vpnctl::Problem &problem);
@@ -83,6 +90,7 @@ private:
     void connectEndpointSocket(int endpoint);
     void watchSocket(QLocalSocket *socket);
     void handleSocketError(const QLocalSocket *socket, QLocalSocket::LocalSocketError error);
+    void beat();
     void handleClosed();
     void handleOpened();
     void limitExceeded();
@@ -98,6 +106,7 @@ private:
     QScopedPointer<ServiceInterfaceReplica> m_service;
     QTimer m_limit;
     QTimer m_heartbeat;
+    QElapsedTimer m_sinceHeartbeat;
     Phase m_phase = Phase::Idle;
     int m_endpoint = 0;
 };
