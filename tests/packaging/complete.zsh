@@ -5,14 +5,24 @@
 
 zmodload zsh/zpty || exit
 
-# Without files of the user; what zsh writes between the marks is the line.
-zpty shell "TERM=dumb zsh -f -i"
-zpty -w shell "fpath=(${(q)1} \$fpath) PS1='rea''dy>'; autoload -Uz compinit; compinit -D -u"
-zpty -w shell 'report() { zle -I; print -r -- "[[$BUFFER]]" }; zle -N report; bindkey "^Xr" report'
-zpty -w shell 'unsetopt beep; zstyle ":completion:*" list-prompt ""; print set'" up"
-zpty -r shell output '*set up*ready>*'
+# The shell is set up from a file: what were typed for it would come back as output.
+settings=$(mktemp -d) || exit
+trap 'rm -rf $settings' EXIT
+cat >$settings/.zshrc <<END
+PS1='ready:'
+fpath=(${(q)1} \$fpath)
+autoload -Uz compinit
+compinit -D -u
+unsetopt beep
+report() { zle -I; print -r -- "=line=\$BUFFER=end=" }
+zle -N report
+bindkey '^Xr' report
+END
+
+zpty shell "TERM=dumb ZDOTDIR=${(q)settings} zsh -d -i"
+zpty -r shell output '*ready:*'
 zpty -n -w shell "$2"$'\t\x18r'
-zpty -r shell output '*\[\[*\]\]*'
+zpty -r shell output '*=line=*=end=*'
 zpty -d shell
-output=${output##*\[\[}
-print -r -- "${output%%\]\]*}"
+output=${output##*=line=}
+print -r -- "${output%%=end=*}"
