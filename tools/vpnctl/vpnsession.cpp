@@ -22,7 +22,7 @@ using namespace std::chrono_literals;
 constexpr auto kHandshakeLimit = 15s;
 constexpr auto kHeartbeatPeriod = 10s;
 
-/// The daemon's limit is 30 s, but its timer is a coarse one that may come early.
+/// The daemon's limit is 30 s; what is sent just before may come after it.
 constexpr auto kLongestSilence = 29s;
 
 /// A daemon that ends closes its sockets one by one; so much later all are closed.
