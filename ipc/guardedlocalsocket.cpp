@@ -36,7 +36,7 @@ GuardedLocalSocket::GuardedLocalSocket(const RemoteInterface &interface, QObject
     : QLocalSocket(parent)
     , m_checker(interface)
 {
-    setReadBufferSize(kFairShareBytes);
+    setReadBufferSize(kMostReadBytes);
     // Connected first, so it comes before whoever reads.
     connect(this, &QLocalSocket::readyRead, this, &GuardedLocalSocket::checkIncoming);
     connect(this, &QLocalSocket::bytesWritten, this, &GuardedLocalSocket::accountHeldBytes);

@@ -14,6 +14,8 @@ class GuardedLocalSocket : public QLocalSocket
 public:
     /// What waits to be read by one client, at most.
     static constexpr qint64 kMostUnreadBytes = qint64(1024) * 1024;
+    /// What is read from one client before the others have their turn.
+    static constexpr qint64 kMostReadBytes = qint64(32) * 1024;
     /// What is held for one client, read or unread, without asking what the others have.
     static constexpr qint64 kFairShareBytes = qint64(64) * 1024;
     /// What is held for all clients together before more than its fair share is too much for one.
