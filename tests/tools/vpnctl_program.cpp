@@ -11,6 +11,7 @@
 #include <QtCore/QJsonDocument>
 #include <QtCore/QJsonObject>
 #include <QtCore/QRegularExpression>
+#include <QtCore/QSet>
 #include <QtNetwork/QLocalServer>
 #include <QtTest/QtTest>
 
@@ -49,6 +50,18 @@ QString recordFor(const QString &scenario)
 QString connectTo(const QString &scenario)
 {
     return QStringLiteral("connect --server ") + recordFor(scenario);
+}
+
+/// @return what the manual page says of an event of the JSON output.
+QString manualEntryOf(const QString &event)
+{
+    QFile page(QStringLiteral(TALVEX_SOURCES "/docs/man/vpnctl.1.md"));
+    if (!page.open(QIODevice::ReadOnly))
+        return {};
+    const QString section =
+        QString::fromUtf8(page.readAll()).section(QStringLiteral("# JSON OUTPUT"), 1);
+    return section.section(QStringLiteral("\n**%1**\n").arg(event), 1)
+        .section(QStringLiteral("\n\n"), 0, 0);
 }
 
 /// The longest "info" of recordWithInfo() with which a connect over UDP is no longer than the
@@ -1104,6 +1117,49 @@ private Q_SLOTS:
         QCOMPARE(answer.value(QLatin1String("command")).toString(), QStringLiteral("connect"));
         QVERIFY(!answer.value(QLatin1String("text")).toString().isEmpty());
         QVERIFY(!answer.value(QLatin1String("advice")).toString().isEmpty());
+    }
+
+    void everyEventHasTheKeysOfTheManualPage()
+    {
+        DaemonProcess daemon;
+        QVERIFY(daemon.start());
+        QSet<QString> events;
+        const auto compare = [&events](const QStringList &lines) {
+            for (const QString &line : lines) {
+                const QJsonObject object = QJsonDocument::fromJson(line.toUtf8()).object();
+                const QString event = object.value(QStringLiteral("event")).toString();
+                QVERIFY2(!event.isEmpty(), qPrintable(line));
+                events.insert(event);
+                const QString documented = manualEntryOf(event);
+                for (const QString &key : object.keys()) {
+                    QVERIFY2(key == QLatin1String("event")
+                                 || documented.contains(QLatin1Char('"') + key + QLatin1Char('"')),
+                             qPrintable(event + QLatin1Char(' ') + key));
+                }
+            }
+        };
+        struct
+        {
+            QString arguments;
+            int exitCode;
+        } const runs[] = {
+            {QStringLiteral("ping"), kDone},
+            {QStringLiteral("ping --endpoint 3"), kWrongUse},
+            {connectTo(QStringLiteral("connects")) + QStringLiteral(" --detach"), kDone},
+            {QStringLiteral("disconnect --endpoint 1"), kDone},
+            {connectTo(QStringLiteral("error")), kFailed},
+            {connectTo(QStringLiteral("late-success")) + QStringLiteral(" --timeout 7"), kNoAnswer},
+        };
+        for (const auto &run : runs) {
+            VpnctlProcess vpnctl;
+            QCOMPARE(vpnctl.run(run.arguments + QStringLiteral(" --json"), 20'000), run.exitCode);
+            QVERIFY(!vpnctl.lines().isEmpty());
+            compare(vpnctl.lines());
+            QVERIFY(!QTest::currentTestFailed());
+        }
+        for (const char *event : {"pong", "error", "endpoint", "connecting", "answer", "detached",
+                                  "disconnecting", "waiting"})
+            QVERIFY2(events.contains(QLatin1String(event)), event);
     }
 
     void jsonErrorCarriesTheExitCode_data()
