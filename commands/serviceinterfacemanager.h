@@ -2,6 +2,7 @@
 
 #include "rep_serviceinterface_source.h"
 
+#include <QtCore/QDeadlineTimer>
 #include <QtCore/QQueue>
 
 #include <memory>
@@ -87,12 +88,14 @@ private:
     bool setWaitingServer(const VpnServerInformation &server);
     VpnServerInformation takeWaitingServer();
     void scheduleNextCommand();
+    void checkHeartbeat();
     void runNextCommand();
     void endOvertakenAttempt();
 
     std::unique_ptr<vpncore::OvpnConnection> ownConnection;
 
     QTimer *livenessTimer;
+    QDeadlineTimer heartbeatDeadline;
     vpncore::IOvpnConnection *ovpnConnection;
     bool commandHandled = false;
 
