@@ -1,5 +1,6 @@
 #include "commands/serviceinterfacemanager.h"
 
+#include "commands/jsonkeys.h"
 #include "vpncore/ovpnconnection.h"
 
 #include <QtCore/QDebug>
@@ -233,8 +234,11 @@ void ServiceInterfaceManager::answer(const QString &cmd, const OperationResult &
 
 QString ServiceInterfaceManager::getJsonValue(const QString &key, const QString &json)
 {
+    const QByteArray text = json.toUtf8();
+    if (mayRepeatKeyOfContainer(text))
+        return {};
     QJsonParseError error;
-    const QJsonObject object = QJsonDocument::fromJson(json.toUtf8(), &error).object();
+    const QJsonObject object = QJsonDocument::fromJson(text, &error).object();
     if (error.error != QJsonParseError::NoError)
         return {};
     return object.value(key).toString();

@@ -50,7 +50,8 @@ public:
     void parseVpnCmd(const QString &message, const VpnServerInformation &vpnServer);
 
     /// @return the string value of @p key in the JSON object @p json; empty when the text is not
-    ///         valid JSON or not an object, when the key is missing or its value is no string.
+    ///         valid JSON or not an object, when the key is missing or its value is no string, and
+    ///         when parsing would lose memory (see mayRepeatKeyOfContainer()).
     QString getJsonValue(const QString &key, const QString &json);
 
     /// Emits vpn_cmd_result() with the JSON text for @p type and @p cmd.

@@ -294,6 +294,18 @@ private Q_SLOTS:
         row("escaped key", "{\"\\u006bey\":\"value\"}", "value");
         row("among other keys", "{\"a\":\"b\",\"key\":\"value\",\"c\":{}}", "value");
         row("the last of two", "{\"key\":\"first\",\"key\":\"second\"}", "second");
+        // With these, Qt's parser would lose memory, which the leak sanitizer sees.
+        row("object whose key comes again", "{\"key\":{\"a\":\"b\"},\"key\":\"value\"}", "");
+        row("list whose key comes again", "{\"key\":\"value\",\"a\":[1],\"a\":2}", "");
+        row("the same deeper down", "{\"key\":\"value\",\"c\":[{\"a\":{},\"a\":{}}]}", "");
+        row("the same with an escape", "{\"key\":{\"a\":\"b\"},\"\\u006bey\":\"value\"}", "");
+        row("the same, cut short", "{\"c\":{\"a\":[\"b\"],\"a\":[]},\"key\":\"value\"", "");
+        row("the key of another object again", "{\"a\":{\"key\":\"b\"},\"key\":\"value\"}",
+            "value");
+        row("a value that is a key too", "{\"a\":{},\"key\":\"a\"}", "a");
+        row("a list of equal texts", "{\"a\":[\"b\",\"b\",\"b\"],\"key\":\"value\"}", "value");
+        row("escapes beside an object", "{\"a\":{},\"b\":\"\\\"{\",\"key\":\"va\\u006cue\"}",
+            "value");
         row("number", "{\"key\":7}", "");
         row("true", "{\"key\":true}", "");
         row("null", "{\"key\":null}", "");
