@@ -1,7 +1,7 @@
 /// What can be measured inside one process. The driver runs this program and reads its JSON.
 
-#include "ipc/ipcserver.h"
-#include "vpncore/macplatform.h"
+#include "ipcserver.h"
+#include "macplatform.h"
 
 #include <QtCore/QCoreApplication>
 

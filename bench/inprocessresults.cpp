@@ -1,6 +1,6 @@
-#include "bench/inprocessresults.h"
+#include "inprocessresults.h"
 
-#include "bench/subject.h"
+#include "subject.h"
 
 #include <QtCore/QJsonArray>
 #include <QtCore/QJsonDocument>

@@ -1,8 +1,8 @@
 /// Measures the daemon against its bars; see docs/performance.md. Run by scripts/bench.
 
-#include "bench/measurements.h"
-#include "bench/report.h"
-#include "bench/subject.h"
+#include "measurements.h"
+#include "report.h"
+#include "subject.h"
 
 #include <QtCore/QCommandLineParser>
 #include <QtCore/QCoreApplication>

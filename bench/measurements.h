@@ -1,6 +1,6 @@
 #pragma once
 
-#include "bench/report.h"
+#include "report.h"
 
 /// One function a row. Each starts what it measures, and leaves nothing running. Processor time,
 /// where a row allows it, because other work on the machine does not count into it; subject and

@@ -1,7 +1,7 @@
-#include "bench/session.h"
+#include "session.h"
 
-#include "bench/subject.h"
-#include "vpncore/dnsscripts.h"
+#include "subject.h"
+#include "dnsscripts.h"
 
 #include <QtCore/QDir>
 #include <QtCore/QElapsedTimer>

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "tests/support/client.h"
-#include "vpncore/eventwait.h"
+#include "client.h"
+#include "eventwait.h"
 
 #include <QtCore/QString>
 

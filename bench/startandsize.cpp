@@ -1,6 +1,6 @@
-#include "bench/measurements.h"
-#include "bench/session.h"
-#include "bench/subject.h"
+#include "measurements.h"
+#include "session.h"
+#include "subject.h"
 
 #include <QtCore/QFileInfo>
 

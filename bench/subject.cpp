@@ -1,6 +1,6 @@
-#include "bench/subject.h"
+#include "subject.h"
 
-#include "ipc/ipcurls.h"
+#include "ipcurls.h"
 
 #include <QtCore/QDir>
 #include <QtCore/QElapsedTimer>

@@ -1,7 +1,7 @@
-#include "bench/inprocessresults.h"
-#include "bench/measurements.h"
-#include "bench/session.h"
-#include "bench/subject.h"
+#include "inprocessresults.h"
+#include "measurements.h"
+#include "session.h"
+#include "subject.h"
 
 #include <algorithm>
 #include <functional>

@@ -1,17 +1,17 @@
-# talvex_add_test(NAME <name> SOURCES <file>... [LIBRARIES <target>...]
+# talvex_add_test(<name> SOURCES <file>... [LIBRARIES <target>...]
 #                 [PRIVATE_ROOT] [NEEDS tun|net...] [TIMEOUT <seconds>] [LABELS <label>...])
 #
-# Builds a Qt Test executable and registers each of its test functions as a CTest test of its own,
-# "<name>.<function>", so that functions that wait for real time limits run side by side.
+# Builds a Qt Test program and registers it as the CTest test <name>.
 #
-# The executable lies in a bundle of its own, <build>/tests/bundles/<name>/Contents/MacOS, with the
+# The program lies in a bundle of its own, <build>/tests/bundles/<name>/Contents/MacOS, with the
 # stand-in for openvpn beside it and the tunnel's scripts in Contents/Resources: code that looks
 # around from the executable's place finds there what it finds on a Mac.
 #
-# PRIVATE_ROOT runs it in a private root (tests/support/private-root) and labels it "private-root";
-# NEEDS names what else the machine must provide. Where it does not, the test is reported as skipped, with the reason.
-function(talvex_add_test)
-    cmake_parse_arguments(ARG "PRIVATE_ROOT" "NAME;TIMEOUT" "SOURCES;LIBRARIES;NEEDS;LABELS" ${ARGN})
+# PRIVATE_ROOT runs it in a private root (lab/private-root), labels it "private-root", and makes it
+# refuse to run anywhere else; NEEDS names what else the machine must provide. Where it does not, the
+# test is reported as skipped, with the reason.
+function(talvex_add_test name)
+    cmake_parse_arguments(ARG "PRIVATE_ROOT" "TIMEOUT" "SOURCES;LIBRARIES;NEEDS;LABELS" ${ARGN})
     if(ARG_UNPARSED_ARGUMENTS)
         message(FATAL_ERROR "talvex_add_test: unknown arguments: ${ARG_UNPARSED_ARGUMENTS}")
     endif()
@@ -19,19 +19,20 @@ function(talvex_add_test)
         set(ARG_TIMEOUT 60)
     endif()
 
-    set(bundle "${PROJECT_BINARY_DIR}/tests/bundles/${ARG_NAME}/Contents")
+    set(bundle "${PROJECT_BINARY_DIR}/tests/bundles/${name}/Contents")
     file(MAKE_DIRECTORY "${bundle}/MacOS")
-    file(CREATE_LINK "${PROJECT_BINARY_DIR}/tests/standins/openvpn" "${bundle}/MacOS/openvpn" SYMBOLIC)
+    file(CREATE_LINK "${PROJECT_BINARY_DIR}/lab/openvpn" "${bundle}/MacOS/openvpn" SYMBOLIC)
     file(CREATE_LINK "${PROJECT_SOURCE_DIR}/resources" "${bundle}/Resources" SYMBOLIC)
 
-    add_executable(${ARG_NAME} ${ARG_SOURCES})
-    set_target_properties(${ARG_NAME} PROPERTIES RUNTIME_OUTPUT_DIRECTORY "${bundle}/MacOS")
-    target_link_libraries(${ARG_NAME} PRIVATE testsupport leaksuppressions ${ARG_LIBRARIES})
-    target_precompile_headers(${ARG_NAME} REUSE_FROM testheaders)
+    add_executable(${name} ${ARG_SOURCES})
+    set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY "${bundle}/MacOS")
+    target_link_libraries(${name} PRIVATE lab leaksuppressions ${ARG_LIBRARIES})
+    target_precompile_headers(${name} REUSE_FROM testheaders)
 
     set(launcher)
     if(ARG_PRIVATE_ROOT OR ARG_NEEDS)
-        set(launcher "${PROJECT_SOURCE_DIR}/tests/support/private-root" --needs root)
+        target_link_libraries(${name} PRIVATE privaterootonly)
+        set(launcher "${PROJECT_SOURCE_DIR}/lab/private-root" --needs root)
         foreach(need IN LISTS ARG_NEEDS)
             list(APPEND launcher --needs ${need})
         endforeach()
@@ -39,27 +40,15 @@ function(talvex_add_test)
         list(APPEND ARG_LABELS private-root)
         # Only Linux makes private roots, so what runs in them may use what only Linux has.
         if(NOT CMAKE_SYSTEM_NAME STREQUAL "Linux")
-            set_target_properties(${ARG_NAME} PROPERTIES EXCLUDE_FROM_ALL ON)
+            set_target_properties(${name} PROPERTIES EXCLUDE_FROM_ALL ON)
             return()
         endif()
     endif()
 
-    set(testList "${CMAKE_CURRENT_BINARY_DIR}/${ARG_NAME}_tests.cmake")
-    add_custom_command(
-        TARGET ${ARG_NAME} POST_BUILD
-        COMMAND "${CMAKE_COMMAND}"
-                "-DNAME=${ARG_NAME}" "-DEXECUTABLE=$<TARGET_FILE:${ARG_NAME}>"
-                "-DLAUNCHER=${launcher}" "-DLABELS=${ARG_LABELS}" "-DTIMEOUT=${ARG_TIMEOUT}"
-                "-DOUTPUT=${testList}"
-                -P "${PROJECT_SOURCE_DIR}/cmake/ListTestFunctions.cmake"
-        BYPRODUCTS "${testList}"
-        VERBATIM)
-    set(guard "${CMAKE_CURRENT_BINARY_DIR}/${ARG_NAME}_guard.cmake")
-    file(WRITE "${guard}"
-        "if(EXISTS [==[${testList}]==])\n"
-        "  include([==[${testList}]==])\n"
-        "else()\n"
-        "  add_test([==[${ARG_NAME}]==] [==[${ARG_NAME}-is-not-built]==])\n"
-        "endif()\n")
-    set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES "${guard}")
+    add_test(NAME ${name} COMMAND ${launcher} "$<TARGET_FILE:${name}>")
+    # One that may take long starts early, so that it does not run on alone at the end.
+    set_tests_properties(${name} PROPERTIES
+        SKIP_RETURN_CODE 77 TIMEOUT ${ARG_TIMEOUT} COST ${ARG_TIMEOUT} LABELS "${ARG_LABELS}"
+        # macOS has no GLib dispatcher.
+        ENVIRONMENT QT_NO_GLIB=1)
 endfunction()

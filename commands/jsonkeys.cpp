@@ -1,4 +1,4 @@
-#include "commands/jsonkeys.h"
+#include "jsonkeys.h"
 
 #include <QtCore/QSet>
 

@@ -1,7 +1,7 @@
-#include "commands/serviceinterfacemanager.h"
+#include "serviceinterfacemanager.h"
 
-#include "commands/jsonkeys.h"
-#include "vpncore/ovpnconnection.h"
+#include "jsonkeys.h"
+#include "ovpnconnection.h"
 
 #include <QtCore/QDebug>
 #include <QtCore/QJsonDocument>

@@ -1,7 +1,7 @@
-#include "daemon/checkdns.h"
+#include "checkdns.h"
 
-#include "vpncore/bashscript.h"
-#include "vpncore/dnsscripts.h"
+#include "bashscript.h"
+#include "dnsscripts.h"
 
 #include <QtCore/QDebug>
 

@@ -1,5 +1,5 @@
-#include "daemon/checkdns.h"
-#include "ipc/localserver.h"
+#include "checkdns.h"
+#include "localserver.h"
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QDebug>

@@ -1,4 +1,4 @@
-#include "daemon/messagehandler.h"
+#include "messagehandler.h"
 
 #include <QtCore/QDateTime>
 #include <QtCore/QTextStream>

@@ -3,7 +3,7 @@
 ///
 ///     minimal_client HOST UDP-PORT CA-FILE CERT-FILE KEY-FILE
 
-#include "ipc/ipcurls.h"
+#include "ipcurls.h"
 #include "rep_ipcinterface_replica.h"
 #include "rep_serviceinterface_replica.h"
 

@@ -3,9 +3,9 @@
 /// However the bytes are cut, the verdict is the same; what passes is what came, in whole frames;
 /// and nothing that passes makes QDataStream read beyond its frame.
 
-#include "fuzz/fuzzsupport.h"
-#include "ipc/framechecker.h"
-#include "ipc/vpnserverinformation.h"
+#include "fuzzsupport.h"
+#include "framechecker.h"
+#include "vpnserverinformation.h"
 
 #include <QtCore/QDataStream>
 #include <QtCore/QVariant>

@@ -1,9 +1,9 @@
 /// The two records as they come off the wire: reading any bytes does no harm, and a record that
 /// was read goes out and comes back as it is. The first byte chooses the record.
 
-#include "fuzz/fuzzsupport.h"
-#include "ipc/operationresult.h"
-#include "ipc/vpnserverinformation.h"
+#include "fuzzsupport.h"
+#include "operationresult.h"
+#include "vpnserverinformation.h"
 
 namespace {
 

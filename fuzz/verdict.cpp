@@ -1,8 +1,8 @@
 /// The verdict on openvpn's output: success beats everything, and more output never takes back a
 /// success nor an excuse.
 
-#include "fuzz/fuzzsupport.h"
-#include "vpncore/ovpnconnection.h"
+#include "fuzzsupport.h"
+#include "ovpnconnection.h"
 
 using vpncore::OvpnConnection;
 

@@ -1,9 +1,9 @@
-#include "ipc/ipcserver.h"
+#include "ipcserver.h"
 
-#include "commands/serviceinterfacemanager.h"
-#include "ipc/guardedlocalserver.h"
-#include "ipc/hostconnection.h"
-#include "ipc/ipcurls.h"
+#include "serviceinterfacemanager.h"
+#include "guardedlocalserver.h"
+#include "hostconnection.h"
+#include "ipcurls.h"
 
 #include <QtCore/QDebug>
 #include <QtNetwork/QLocalSocket>

@@ -1,8 +1,8 @@
-#include "ipc/localserver.h"
+#include "localserver.h"
 
-#include "ipc/guardedlocalserver.h"
-#include "ipc/hostconnection.h"
-#include "ipc/ipcurls.h"
+#include "guardedlocalserver.h"
+#include "hostconnection.h"
+#include "ipcurls.h"
 
 #include <QtCore/QDebug>
 #include <QtNetwork/QLocalSocket>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "ipc/ipcserver.h"
+#include "ipcserver.h"
 
 #include <QtCore/QObject>
 #include <QtCore/QSharedPointer>

@@ -1,5 +1,5 @@
-#include "privileges/popoverwindow.h"
-#include "vpncore/macplatform.h"
+#include "popoverwindow.h"
+#include "macplatform.h"
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QDebug>

@@ -1,6 +1,6 @@
-#include "privileges/popoverwindow.h"
+#include "popoverwindow.h"
 
-#include "vpncore/eventwait.h"
+#include "eventwait.h"
 
 #include <QtCore/QDebug>
 

@@ -1,4 +1,4 @@
-#include "vpncore/bashscript.h"
+#include "bashscript.h"
 
 #include <QtCore/QDebug>
 #include <QtCore/QProcess>

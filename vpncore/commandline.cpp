@@ -1,4 +1,4 @@
-#include "vpncore/commandline.h"
+#include "commandline.h"
 
 namespace vpncore {
 

@@ -1,4 +1,4 @@
-#include "vpncore/descriptors.h"
+#include "descriptors.h"
 
 #include <QtCore/QtGlobal>
 

@@ -1,4 +1,4 @@
-#include "vpncore/dnsscripts.h"
+#include "dnsscripts.h"
 
 // The texts go to bash as they stand: their blanks, their unused variables and their blank last
 // line are wanted. The "#!" line is a comment to bash, since it does not begin the text.

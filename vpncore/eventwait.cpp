@@ -1,4 +1,4 @@
-#include "vpncore/eventwait.h"
+#include "eventwait.h"
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QTimer>

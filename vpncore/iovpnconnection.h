@@ -1,7 +1,7 @@
 #pragma once
 
-#include "ipc/operationresult.h"
-#include "ipc/vpnserverinformation.h"
+#include "operationresult.h"
+#include "vpnserverinformation.h"
 
 namespace vpncore {
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "ipc/operationresult.h"
+#include "operationresult.h"
 
 #include <QtCore/QString>
 

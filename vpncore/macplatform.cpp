@@ -1,9 +1,9 @@
-#include "vpncore/macplatform.h"
+#include "macplatform.h"
 
-#include "vpncore/bashscript.h"
-#include "vpncore/commandline.h"
-#include "vpncore/dnsscripts.h"
-#include "vpncore/eventwait.h"
+#include "bashscript.h"
+#include "commandline.h"
+#include "dnsscripts.h"
+#include "eventwait.h"
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QDebug>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "vpncore/iplatform.h"
+#include "iplatform.h"
 
 namespace vpncore {
 

@@ -1,5 +1,5 @@
-#include "vpncore/bashscript.h"
-#include "vpncore/macplatform.h"
+#include "bashscript.h"
+#include "macplatform.h"
 
 #include <QtCore/QDebug>
 #include <QtCore/QFile>

@@ -1,5 +1,5 @@
-#include "vpncore/commandline.h"
-#include "vpncore/macplatform.h"
+#include "commandline.h"
+#include "macplatform.h"
 
 #include <QtCore/QDebug>
 #include <QtCore/QFile>

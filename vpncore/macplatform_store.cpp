@@ -1,4 +1,4 @@
-#include "vpncore/macplatform.h"
+#include "macplatform.h"
 
 #include <QtCore/QDebug>
 #include <QtCore/QUrl>

@@ -1,10 +1,10 @@
-#include "vpncore/ovpnconnection.h"
+#include "ovpnconnection.h"
 
-#include "vpncore/descriptors.h"
-#include "vpncore/eventwait.h"
-#include "vpncore/macplatform.h"
-#include "vpncore/ovpntemplate.h"
-#include "vpncore/serverfields.h"
+#include "descriptors.h"
+#include "eventwait.h"
+#include "macplatform.h"
+#include "ovpntemplate.h"
+#include "serverfields.h"
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QDebug>

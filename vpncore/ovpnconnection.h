@@ -1,6 +1,6 @@
 #pragma once
 
-#include "vpncore/iovpnconnection.h"
+#include "iovpnconnection.h"
 
 #include <QtCore/QString>
 

@@ -1,4 +1,4 @@
-#include "vpncore/ovpntemplate.h"
+#include "ovpntemplate.h"
 
 namespace vpncore {
 

@@ -1,4 +1,4 @@
-#include "vpncore/serverfields.h"
+#include "serverfields.h"
 
 #include <QtCore/QRegularExpression>
 

@@ -1,10 +1,10 @@
-#include "tools/vpnctl/command.h"
+#include "command.h"
 
-#include "tools/vpnctl/connectcommand.h"
-#include "tools/vpnctl/disconnectcommand.h"
-#include "tools/vpnctl/pingcommand.h"
-#include "tools/vpnctl/rawcommand.h"
-#include "tools/vpnctl/watchcommand.h"
+#include "connectcommand.h"
+#include "disconnectcommand.h"
+#include "pingcommand.h"
+#include "rawcommand.h"
+#include "watchcommand.h"
 
 namespace vpnctl {
 

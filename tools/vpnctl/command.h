@@ -1,9 +1,9 @@
 #pragma once
 
-#include "tools/vpnctl/exitcode.h"
-#include "tools/vpnctl/options.h"
-#include "tools/vpnctl/report.h"
-#include "tools/vpnctl/vpnsession.h"
+#include "exitcode.h"
+#include "options.h"
+#include "report.h"
+#include "vpnsession.h"
 
 #include <QtCore/QElapsedTimer>
 #include <QtCore/QObject>

@@ -1,6 +1,6 @@
-#include "tools/vpnctl/connectcommand.h"
+#include "connectcommand.h"
 
-#include "tools/vpnctl/targets.h"
+#include "targets.h"
 
 namespace vpnctl {
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "tools/vpnctl/command.h"
+#include "command.h"
 
 #include <QtCore/QElapsedTimer>
 

@@ -1,4 +1,4 @@
-#include "tools/vpnctl/disconnectcommand.h"
+#include "disconnectcommand.h"
 
 namespace vpnctl {
 

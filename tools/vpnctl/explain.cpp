@@ -1,4 +1,4 @@
-#include "tools/vpnctl/explain.h"
+#include "explain.h"
 
 namespace vpnctl {
 

@@ -1,7 +1,7 @@
-#include "tools/vpnctl/command.h"
-#include "tools/vpnctl/options.h"
-#include "tools/vpnctl/report.h"
-#include "tools/vpnctl/stoprequests.h"
+#include "command.h"
+#include "options.h"
+#include "report.h"
+#include "stoprequests.h"
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QLoggingCategory>

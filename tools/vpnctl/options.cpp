@@ -1,6 +1,6 @@
-#include "tools/vpnctl/options.h"
+#include "options.h"
 
-#include "vpncore/serverfields.h"
+#include "serverfields.h"
 
 #include <QtCore/QCommandLineParser>
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "tools/vpnctl/target.h"
+#include "target.h"
 
 #include <QtCore/QStringList>
 

@@ -1,8 +1,8 @@
-#include "tools/vpnctl/ovpnprofile.h"
+#include "ovpnprofile.h"
 
-#include "tools/vpnctl/pem.h"
-#include "tools/vpnctl/textfile.h"
-#include "vpncore/serverfields.h"
+#include "pem.h"
+#include "textfile.h"
+#include "serverfields.h"
 
 #include <QtCore/QFileInfo>
 

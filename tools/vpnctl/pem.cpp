@@ -1,7 +1,7 @@
-#include "tools/vpnctl/pem.h"
+#include "pem.h"
 
-#include "tools/vpnctl/textfile.h"
-#include "vpncore/serverfields.h"
+#include "textfile.h"
+#include "serverfields.h"
 
 #include <QtCore/QRegularExpression>
 #include <QtCore/QVector>

@@ -1,4 +1,4 @@
-#include "tools/vpnctl/pingcommand.h"
+#include "pingcommand.h"
 
 namespace vpnctl {
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "tools/vpnctl/exitcode.h"
+#include "exitcode.h"
 
 #include <QtCore/QString>
 

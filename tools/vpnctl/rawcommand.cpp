@@ -1,6 +1,6 @@
-#include "tools/vpnctl/rawcommand.h"
+#include "rawcommand.h"
 
-#include "tools/vpnctl/serverrecord.h"
+#include "serverrecord.h"
 
 namespace vpnctl {
 

@@ -1,7 +1,7 @@
-#include "tools/vpnctl/report.h"
+#include "report.h"
 
-#include "tools/vpnctl/explain.h"
-#include "tools/vpnctl/vpnsession.h"
+#include "explain.h"
+#include "vpnsession.h"
 
 #include <QtCore/QJsonDocument>
 

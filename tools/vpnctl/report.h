@@ -1,8 +1,8 @@
 #pragma once
 
-#include "ipc/operationresult.h"
-#include "tools/vpnctl/problem.h"
-#include "tools/vpnctl/target.h"
+#include "operationresult.h"
+#include "problem.h"
+#include "target.h"
 
 #include <QtCore/QJsonObject>
 #include <QtCore/QObject>

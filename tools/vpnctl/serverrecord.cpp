@@ -1,9 +1,9 @@
-#include "tools/vpnctl/serverrecord.h"
+#include "serverrecord.h"
 
-#include "tools/vpnctl/pem.h"
-#include "tools/vpnctl/target.h"
-#include "tools/vpnctl/textfile.h"
-#include "vpncore/serverfields.h"
+#include "pem.h"
+#include "target.h"
+#include "textfile.h"
+#include "serverfields.h"
 
 #include <QtCore/QFileInfo>
 #include <QtCore/QJsonDocument>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "ipc/vpnserverinformation.h"
+#include "vpnserverinformation.h"
 
 #include <QtCore/QDir>
 #include <QtCore/QStringList>

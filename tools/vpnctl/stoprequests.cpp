@@ -1,4 +1,4 @@
-#include "tools/vpnctl/stoprequests.h"
+#include "stoprequests.h"
 
 #include <array>
 #include <cerrno>

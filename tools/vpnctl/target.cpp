@@ -1,4 +1,4 @@
-#include "tools/vpnctl/target.h"
+#include "target.h"
 
 namespace vpnctl {
 

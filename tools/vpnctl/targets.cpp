@@ -1,8 +1,8 @@
-#include "tools/vpnctl/targets.h"
+#include "targets.h"
 
-#include "tools/vpnctl/ovpnprofile.h"
-#include "tools/vpnctl/pem.h"
-#include "tools/vpnctl/serverrecord.h"
+#include "ovpnprofile.h"
+#include "pem.h"
+#include "serverrecord.h"
 
 #include <QtCore/QFileInfo>
 

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "tools/vpnctl/options.h"
-#include "tools/vpnctl/target.h"
+#include "options.h"
+#include "target.h"
 
 #include <QtCore/QStringList>
 

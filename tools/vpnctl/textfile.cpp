@@ -1,4 +1,4 @@
-#include "tools/vpnctl/textfile.h"
+#include "textfile.h"
 
 #include <QtCore/QFile>
 

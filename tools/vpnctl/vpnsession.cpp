@@ -1,7 +1,7 @@
-#include "tools/vpnctl/vpnsession.h"
+#include "vpnsession.h"
 
-#include "ipc/framechecker.h"
-#include "ipc/ipcurls.h"
+#include "framechecker.h"
+#include "ipcurls.h"
 #include "rep_ipcinterface_replica.h"
 #include "rep_serviceinterface_replica.h"
 

@@ -1,9 +1,9 @@
 #pragma once
 
-#include "ipc/operationresult.h"
-#include "ipc/vpnserverinformation.h"
-#include "tools/vpnctl/problem.h"
-#include "tools/vpnctl/target.h"
+#include "operationresult.h"
+#include "vpnserverinformation.h"
+#include "problem.h"
+#include "target.h"
 
 #include <QtCore/QElapsedTimer>
 #include <QtCore/QObject>

@@ -1,4 +1,4 @@
-#include "tools/vpnctl/watchcommand.h"
+#include "watchcommand.h"
 
 namespace vpnctl {
 

@@ -1,0 +1,97 @@
+#include "client.h"
+
+#include "ipcurls.h"
+
+#include <QtCore/QEventLoop>
+#include <QtCore/QTimer>
+#include <QtRemoteObjects/QRemoteObjectPendingCallWatcher>
+
+namespace {
+
+constexpr int kConnectLimitMs = 10'000;
+
+bool connectSocket(QLocalSocket &socket, const QString &name)
+{
+    socket.connectToServer(name);
+    return socket.waitForConnected(kConnectLimitMs);
+}
+
+} // namespace
+
+Client::Client() = default;
+Client::~Client() = default;
+
+bool Client::connectToMainSocket()
+{
+    if (!connectSocket(m_mainSocket, shared::getIpcServiceUrl()))
+        return false;
+    m_mainNode.addClientSideConnection(&m_mainSocket);
+    m_main.reset(m_mainNode.acquire<IpcInterfaceReplica>());
+    return m_main->waitForSource(kConnectLimitMs);
+}
+
+int Client::createEndpoint()
+{
+    const QRemoteObjectPendingReply<int> reply = m_main->createPrivilegedProcess();
+    QRemoteObjectPendingCallWatcher watcher(reply);
+    QEventLoop loop;
+    connect(&watcher, &QRemoteObjectPendingCallWatcher::finished, &loop, &QEventLoop::quit);
+    QTimer::singleShot(kConnectLimitMs, &loop, &QEventLoop::quit);
+    loop.exec();
+    return reply.isFinished() ? reply.returnValue() : -2;
+}
+
+bool Client::attach(int endpoint)
+{
+    m_endpoint = endpoint;
+    if (!connectSocket(m_endpointSocket, shared::getIpcProcessUrl(endpoint)))
+        return false;
+    m_endpointNode.addClientSideConnection(&m_endpointSocket);
+    m_service.reset(m_endpointNode.acquire<ServiceInterfaceReplica>());
+    connect(m_service.data(), &ServiceInterfaceReplica::vpn_cmd_result, this,
+            [this](const QString &message, const OperationResult &result) {
+                m_answers.append({message, result});
+            });
+    return m_service->waitForSource(kConnectLimitMs);
+}
+
+bool Client::attachToNewEndpoint()
+{
+    if (!connectToMainSocket())
+        return false;
+    const int endpoint = createEndpoint();
+    return endpoint > 0 && attach(endpoint);
+}
+
+void Client::send(const QString &message, const VpnServerInformation &server)
+{
+    m_service->vpn_command(message, server);
+}
+
+void Client::connectUdp(const VpnServerInformation &server)
+{
+    send(QStringLiteral(R"({"type":"connect","cmd":"ovpnUdp"})"), server);
+}
+
+void Client::connectTcp(const VpnServerInformation &server)
+{
+    send(QStringLiteral(R"({"type":"connect","cmd":"ovpnTcp"})"), server);
+}
+
+void Client::disconnectTunnel()
+{
+    send(QStringLiteral(R"({"type":"openvpn","cmd":"disconnect"})"));
+}
+
+void Client::heartbeat(bool state)
+{
+    m_service->server_slot(state);
+}
+
+QString Client::outcome(int n) const
+{
+    if (n >= m_answers.size())
+        return QStringLiteral("none");
+    const OperationResult &result = m_answers[n].result;
+    return result.success ? QStringLiteral("success") : result.message;
+}

@@ -1,0 +1,43 @@
+#pragma once
+
+#include "vpnserverinformation.h"
+
+#include <QtCore/QByteArray>
+#include <QtCore/QString>
+
+/// Remote Objects frames made by hand, good ones and those that no client would make; see
+/// docs/protocol-frames.md for the layout.
+namespace frames {
+
+const QString kIpcInterface = QStringLiteral("IpcInterface");
+const QString kServiceInterface = QStringLiteral("ServiceInterface");
+
+/// The index of a slot in its interface.
+constexpr int kCreatePrivilegedProcess = 0;
+constexpr int kServerSlot = 0;
+constexpr int kVpnCommand = 1;
+
+/// @return @p body with its length in front.
+QByteArray frame(const QByteArray &body);
+
+/// @return a frame of packet type @p type for the object @p name, with @p rest behind the name.
+QByteArray packet(quint16 type, const QString &name, const QByteArray &rest = {});
+
+QByteArray handshake();
+QByteArray addObject(const QString &name);
+QByteArray removeObject(const QString &name);
+QByteArray ping(const QString &name);
+
+/// @return an invoke packet whose argument list says it has @p count arguments.
+QByteArray invoke(const QString &name, int slot, quint32 count, const QByteArray &arguments);
+
+QByteArray createPrivilegedProcess();
+QByteArray serverSlot(bool state);
+QByteArray vpnCommand(const QString &message, const VpnServerInformation &server = {});
+
+/// @return one argument as an invoke carries it.
+QByteArray argument(bool value);
+QByteArray argument(const QString &value);
+QByteArray argument(const VpnServerInformation &value);
+
+} // namespace frames

@@ -1,0 +1,103 @@
+#include "vpnctlprocess.h"
+
+#include <QtTest/QTest>
+
+#include <csignal>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace {
+
+QStringList completeLinesOf(const QByteArray &text)
+{
+    QStringList lines = QString::fromUtf8(text).split(QLatin1Char('\n'));
+    lines.removeLast();
+    return lines;
+}
+
+} // namespace
+
+VpnctlProcess::VpnctlProcess()
+{
+    connect(this, &QProcess::readyReadStandardOutput, this,
+            [this] { m_output += readAllStandardOutput(); });
+    connect(this, &QProcess::readyReadStandardError, this,
+            [this] { m_errors += readAllStandardError(); });
+}
+
+VpnctlProcess::~VpnctlProcess()
+{
+    disconnect(this, nullptr, this, nullptr);
+    kill();
+    waitForFinished();
+}
+
+void VpnctlProcess::setupChildProcess()
+{
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP})
+        std::signal(signal, SIG_DFL);
+    if (m_isOutputNonBlocking)
+        fcntl(STDOUT_FILENO, F_SETFL, fcntl(STDOUT_FILENO, F_GETFL) | O_NONBLOCK);
+}
+
+void VpnctlProcess::setVariable(const QString &name, const QString &value)
+{
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert(name, value);
+    setProcessEnvironment(environment);
+}
+
+void VpnctlProcess::begin(const QString &arguments)
+{
+    begin(arguments.split(QLatin1Char(' ')));
+}
+
+void VpnctlProcess::begin(const QStringList &arguments)
+{
+    m_output.clear();
+    m_errors.clear();
+    start(QStringLiteral(TALVEX_VPNCTL), arguments);
+}
+
+void VpnctlProcess::beginWithin(const QStringList &wrapper, const QString &arguments)
+{
+    m_output.clear();
+    m_errors.clear();
+    start(wrapper.constFirst(),
+          wrapper.mid(1) + QStringList{QStringLiteral(TALVEX_VPNCTL " ") + arguments});
+}
+
+int VpnctlProcess::exitCodeWithin(int limitMs)
+{
+    const bool hasEnded = QTest::qWaitFor([this] { return state() == NotRunning; }, limitMs);
+    return hasEnded && exitStatus() == NormalExit ? exitCode() : -1;
+}
+
+int VpnctlProcess::run(const QString &arguments, int limitMs)
+{
+    begin(arguments);
+    return exitCodeWithin(limitMs);
+}
+
+void VpnctlProcess::raise(int signal)
+{
+    // Of a process that has ended the id reads 0, which would mean this process and its siblings.
+    if (state() == Running && processId() > 0)
+        ::kill(static_cast<pid_t>(processId()), signal);
+}
+
+QStringList VpnctlProcess::lines()
+{
+    return completeLinesOf(m_output);
+}
+
+QStringList VpnctlProcess::errorLines()
+{
+    return completeLinesOf(m_errors);
+}
+
+QByteArray VpnctlProcess::output()
+{
+    return m_output;
+}

@@ -1,0 +1,11 @@
+// Calls an operation that depends on where its executable lies: the test copies this program there.
+
+#include "macplatform.h"
+
+#include <QtCore/QCoreApplication>
+
+int main(int argc, char **argv)
+{
+    QCoreApplication application(argc, argv);
+    return vpncore::MacPlatform::runAsAdmin(QString()) ? 0 : 1;
+}
