@@ -1,6 +1,6 @@
 #include "serviceinterfacemanager.h"
 
-#include "jsonkeys.h"
+#include "jsonleak.h"
 #include "ovpnconnection.h"
 
 #include <QtCore/QDebug>
@@ -8,44 +8,9 @@
 #include <QtCore/QJsonObject>
 #include <QtCore/QTimer>
 
-#include <chrono>
-#include <utility>
+#include <vector>
 
 namespace {
-
-using namespace std::chrono_literals;
-
-constexpr std::chrono::milliseconds kHeartbeatLimit = 30s;
-
-/// How many commands, of all clients together, may wait inside each other's event loops. Further
-/// ones are put off, so that the stack stays bounded.
-constexpr int kMostRunningCommands = 64;
-constexpr auto kPutOffTime = 100ms;
-int runningCommands = 0;
-/// Set when there are that many, until all have ended. A command that took the place of each that
-/// ends would hold up all those in whose waits it runs, by its own time, over and over.
-bool isUnwinding = false;
-
-/// How many commands of one client may wait for their turn.
-constexpr int kMostWaitingCommands = 10'000;
-
-/// What the records of all clients' waiting commands may take together, before more than a fair
-/// share is too much for one. None that is meant well comes near.
-constexpr qint64 kMostRecordBytes = qint64(16) * 1024 * 1024;
-constexpr qint64 kFairRecordBytes = qint64(64) * 1024;
-qint64 waitingRecordBytes = 0;
-
-qint64 bytesOf(const VpnServerInformation &server)
-{
-    qint64 characters = 0;
-    for (const QString *text :
-         {&server.name, &server.info, &server.host, &server.ca, &server.key, &server.cert})
-        characters += text->size();
-    return characters * qint64(sizeof(QChar));
-}
-
-/// What is left to a client for reading one answer, when it has very many to read.
-constexpr auto kAnswerTime = 1ms;
 
 const QString kTypeKey = QStringLiteral("type");
 const QString kCommandKey = QStringLiteral("cmd");
@@ -58,35 +23,47 @@ const QLatin1String kDisconnect("disconnect");
 const QLatin1String kOvpnTcp("ovpnTcp");
 const QLatin1String kOvpnUdp("ovpnUdp");
 
+/// Keeps a connection whose tunnel stays up without its manager, until the process ends.
+void keepTunnel(std::unique_ptr<vpncore::OvpnConnection> connection)
+{
+    // Never destroyed, since that would end the tunnels in it.
+    static auto *const tunnels = new std::vector<std::unique_ptr<vpncore::OvpnConnection>>;
+    tunnels->push_back(std::move(connection));
+}
+
 } // namespace
 
-ServiceInterfaceManager::ServiceInterfaceManager(QObject *parent)
-    : ServiceInterfaceManager(new vpncore::OvpnConnection, parent)
+ServiceInterfaceManager::ServiceInterfaceManager(const QSharedPointer<CommandTotals> &totals,
+                                                 QObject *parent)
+    : ServiceInterfaceManager(nullptr, totals, kHeartbeatLimit, parent)
 {
-    ownConnection.reset(static_cast<vpncore::OvpnConnection *>(ovpnConnection));
+    ownConnection = std::make_unique<vpncore::OvpnConnection>();
+    ovpnConnection = ownConnection.get();
 }
 
 ServiceInterfaceManager::ServiceInterfaceManager(vpncore::IOvpnConnection *connection,
-                                                 QObject *parent)
+                                                 const QSharedPointer<CommandTotals> &totals,
+                                                 std::chrono::milliseconds limit, QObject *parent)
     : ServiceInterfaceSource(parent)
     , livenessTimer(new QTimer(this))
     , ovpnConnection(connection)
-    , commandTimer(new QTimer(this))
+    , heartbeatLimit(limit)
+    , queue(totals, this)
 {
     // A coarse timer of 30 s may fire half a second early; a client must not lose its tunnel then.
     livenessTimer->setTimerType(Qt::PreciseTimer);
-    connect(livenessTimer, &QTimer::timeout, this, &ServiceInterfaceManager::checkHeartbeat);
-    commandTimer->setSingleShot(true);
-    connect(commandTimer, &QTimer::timeout, this, &ServiceInterfaceManager::runNextCommand);
+    connect(livenessTimer, &QTimer::timeout, this, &ServiceInterfaceManager::timeout_slot);
+    connect(&queue, &CommandQueue::due, this, &ServiceInterfaceManager::execute);
+    connect(&queue, &CommandQueue::overtaken, this, &ServiceInterfaceManager::answerOvertaken);
+    connect(&queue, &CommandQueue::attemptOvertaken, this, &ServiceInterfaceManager::endAttempt);
     qDebug() << "Source Node Started";
 }
 
 ServiceInterfaceManager::~ServiceInterfaceManager()
 {
     livenessTimer->stop();
-    takeWaitingServer();
     if (ownConnection && ownConnection->hasProcess())
-        Q_UNUSED(ownConnection.release())
+        keepTunnel(std::move(ownConnection));
 }
 
 void ServiceInterfaceManager::vpn_command(const QString &message,
@@ -96,82 +73,8 @@ void ServiceInterfaceManager::vpn_command(const QString &message,
     // until it has returned, and with references that the next packet overwrites. So the command
     // is decoded and copied here, and runs later.
     const Command command = decode(message);
-    if (command == Command::None)
-        return;
-    if (!setWaitingServer(command == Command::Disconnect ? VpnServerInformation() : vpnServer)) {
-        answerOvertaken(command);
-        return;
-    }
-    if (waitingCommands.size() >= kMostWaitingCommands)
-        answerOvertaken(waitingCommands.dequeue());
-    waitingCommands.enqueue(command);
-    scheduleNextCommand();
-}
-
-/// @return false, and changes nothing, when there is no room for the record.
-bool ServiceInterfaceManager::setWaitingServer(const VpnServerInformation &server)
-{
-    const qint64 size = bytesOf(server);
-    const qint64 others = waitingRecordBytes - bytesOf(waitingServer);
-    if (size > kFairRecordBytes && others + size > kMostRecordBytes)
-        return false;
-    waitingRecordBytes = others + size;
-    waitingServer = server;
-    return true;
-}
-
-VpnServerInformation ServiceInterfaceManager::takeWaitingServer()
-{
-    waitingRecordBytes -= bytesOf(waitingServer);
-    return std::exchange(waitingServer, {});
-}
-
-void ServiceInterfaceManager::scheduleNextCommand()
-{
-    if (!commandTimer->isActive())
-        commandTimer->start(0ms);
-}
-
-void ServiceInterfaceManager::runNextCommand()
-{
-    if (waitingCommands.isEmpty())
-        return;
-    if (runningCommand != Command::None) { // and its wait is where this is called from
-        endOvertakenAttempt();
-        return;
-    }
-    if (isUnwinding) {
-        commandTimer->start(kPutOffTime);
-        return;
-    }
-
-    ++runningCommands;
-    isUnwinding = runningCommands >= kMostRunningCommands;
-    runningCommand = waitingCommands.dequeue();
-    const bool isOvertaken = !waitingCommands.isEmpty();
-    if (runningCommand == Command::Disconnect)
-        execute(runningCommand, {});
-    else if (isOvertaken)
-        answerOvertaken(runningCommand);
-    else
-        execute(runningCommand, takeWaitingServer());
-    runningCommand = Command::None;
-    isAttemptEnded = false;
-    --runningCommands;
-    isUnwinding = isUnwinding && runningCommands > 0;
-
-    // Thousands of answers in one go would be more than a connection holds for its client.
-    if (!waitingCommands.isEmpty())
-        commandTimer->start(kAnswerTime);
-}
-
-void ServiceInterfaceManager::endOvertakenAttempt()
-{
-    // Once for each attempt: what is left of it ends as soon as its wait returns.
-    if (isAttemptEnded || runningCommand == Command::Disconnect)
-        return;
-    isAttemptEnded = true;
-    ovpnConnection->disconnect();
+    if (command != Command::None)
+        queue.add(command, vpnServer);
 }
 
 void ServiceInterfaceManager::parseVpnCmd(const QString &message,
@@ -180,7 +83,7 @@ void ServiceInterfaceManager::parseVpnCmd(const QString &message,
     execute(decode(message), vpnServer);
 }
 
-ServiceInterfaceManager::Command ServiceInterfaceManager::decode(const QString &message)
+Command ServiceInterfaceManager::decode(const QString &message)
 {
     const QString type = getJsonValue(kTypeKey, message);
     qDebug() << "Command status " << type;
@@ -225,6 +128,11 @@ void ServiceInterfaceManager::answerOvertaken(Command command)
         answer(kConnect, vpncore::OvpnConnection::overtakenResult());
 }
 
+void ServiceInterfaceManager::endAttempt()
+{
+    ovpnConnection->disconnect();
+}
+
 void ServiceInterfaceManager::answer(const QString &cmd, const OperationResult &result)
 {
     // A nested command's answer resets the flag, so it is set here and not before the command.
@@ -235,7 +143,7 @@ void ServiceInterfaceManager::answer(const QString &cmd, const OperationResult &
 QString ServiceInterfaceManager::getJsonValue(const QString &key, const QString &json)
 {
     const QByteArray text = json.toUtf8();
-    if (mayRepeatKeyOfContainer(text))
+    if (losesMemory(text))
         return {};
     QJsonParseError error;
     const QJsonObject object = QJsonDocument::fromJson(text, &error).object();
@@ -265,18 +173,8 @@ void ServiceInterfaceManager::sendCmd(const QString &type, const QString &cmd,
 void ServiceInterfaceManager::server_slot(bool clientState)
 {
     qDebug() << "Replica state is " << (clientState ? "true" : "false");
-    // Moving a deadline costs next to nothing, setting a timer anew a twentieth of the whole call.
-    heartbeatDeadline.setRemainingTime(kHeartbeatLimit, Qt::PreciseTimer);
-    if (!livenessTimer->isActive())
-        livenessTimer->start(kHeartbeatLimit);
-}
-
-void ServiceInterfaceManager::checkHeartbeat()
-{
-    if (heartbeatDeadline.hasExpired())
-        timeout_slot();
-    else
-        livenessTimer->start(static_cast<int>(heartbeatDeadline.remainingTime()));
+    livenessTimer->stop();
+    livenessTimer->start(heartbeatLimit);
 }
 
 void ServiceInterfaceManager::timeout_slot()

@@ -42,7 +42,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     const QString message = QString::fromUtf8(input.rest());
 
     CountingConnection connection;
-    ServiceInterfaceManager manager(&connection, nullptr);
+    ServiceInterfaceManager manager(&connection, QSharedPointer<CommandTotals>::create(),
+                                    ServiceInterfaceManager::kHeartbeatLimit, nullptr);
     int answers = 0;
     QObject::connect(&manager, &ServiceInterfaceManager::vpn_cmd_result,
                      [&answers](const QString &text, const OperationResult &) {

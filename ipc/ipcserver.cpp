@@ -1,23 +1,25 @@
 #include "ipcserver.h"
 
-#include "serviceinterfacemanager.h"
 #include "guardedlocalserver.h"
 #include "hostconnection.h"
 #include "ipcurls.h"
+#include "serviceinterfacemanager.h"
 
 #include <QtCore/QDebug>
 #include <QtNetwork/QLocalSocket>
 #include <QtRemoteObjects/QRemoteObjectHost>
 
-IpcServer::ProcessDescriptor::ProcessDescriptor(QObject *parent)
+IpcServer::ProcessDescriptor::ProcessDescriptor(const QSharedPointer<CommandTotals> &totals,
+                                                QObject *parent)
 {
     serverNode.reset(new QRemoteObjectHost(parent));
-    ipcProcess.reset(new ServiceInterfaceManager(parent));
+    ipcProcess.reset(new ServiceInterfaceManager(totals, parent));
     localServer.reset(new GuardedLocalServer(RemoteInterface::serviceInterface(), parent));
 }
 
 IpcServer::IpcServer(QObject *parent)
     : IpcInterfaceSource(parent)
+    , m_totals(QSharedPointer<CommandTotals>::create())
 {
 }
 
@@ -26,7 +28,7 @@ IpcServer::~IpcServer() = default;
 int IpcServer::createPrivilegedProcess()
 {
     ++m_localSocketsCounter;
-    const ProcessDescriptor descriptor(this);
+    const ProcessDescriptor descriptor(m_totals, this);
     descriptor.localServer->setSocketOptions(QLocalServer::WorldAccessOption);
     if (!descriptor.localServer->listen(shared::getIpcProcessUrl(m_localSocketsCounter))) {
         qDebug() << QStringLiteral("Unable to start the server: %1. IpcServer")

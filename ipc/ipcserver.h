@@ -6,6 +6,7 @@
 
 #include <vector>
 
+class CommandTotals;
 class GuardedLocalServer;
 class QRemoteObjectHost;
 class ServiceInterfaceManager;
@@ -32,7 +33,7 @@ private:
     /// What makes up one endpoint. Copies share the three objects.
     struct ProcessDescriptor
     {
-        explicit ProcessDescriptor(QObject *parent);
+        ProcessDescriptor(const QSharedPointer<CommandTotals> &totals, QObject *parent);
 
         // Destroyed in reverse order. The host goes first: it tells its peers, through sockets
         // that belong to the local server, that the manager is no longer there.
@@ -44,5 +45,6 @@ private:
     void logLifeOf(const ProcessDescriptor &descriptor);
 
     qint32 m_localSocketsCounter = 0;
+    QSharedPointer<CommandTotals> m_totals;
     std::vector<ProcessDescriptor> m_descriptors;
 };

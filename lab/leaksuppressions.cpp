@@ -4,7 +4,5 @@ extern "C" __attribute__((visibility("default"))) const char *__lsan_default_sup
     // The Objective-C runtime keeps what it has built at its start until the process ends, where
     // the sanitizer does not find it.
     return "leak:libobjc.so\n"
-           "leak:libgnustep-base.so\n"
-           // A manager leaves a tunnel that is up, and with it its connection, to the machine.
-           "leak:ServiceInterfaceManager::ServiceInterfaceManager\n";
+           "leak:libgnustep-base.so\n";
 }
