@@ -34,6 +34,13 @@ void CommandQueue::add(Command command, const VpnServerInformation &server)
         m_turn.start(0ms);
 }
 
+void CommandQueue::overtakeWaiting()
+{
+    m_server = {};
+    while (!m_waiting.isEmpty())
+        Q_EMIT overtaken(m_waiting.dequeue());
+}
+
 void CommandQueue::runNext()
 {
     if (m_waiting.isEmpty())

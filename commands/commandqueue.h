@@ -36,6 +36,9 @@ public:
     ///        overtaken and need none.
     void add(Command command, const VpnServerInformation &server);
 
+    /// Overtakes every command that waits; the one that runs goes on.
+    void overtakeWaiting();
+
 Q_SIGNALS:
     /// It is the command's turn. It has ended when the signal returns; the event loop may turn
     /// inside.

@@ -180,6 +180,8 @@ void ServiceInterfaceManager::server_slot(bool clientState)
 void ServiceInterfaceManager::timeout_slot()
 {
     qDebug() << "Client was disconnected";
+    // Or a connect that waits behind a slow disconnect would bring a tunnel up that nobody watches.
+    queue.overtakeWaiting();
     ovpnConnection->disconnect();
     // Not before: that a heartbeat which comes during the disconnect does not count is wanted.
     livenessTimer->stop();

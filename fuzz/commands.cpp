@@ -1,9 +1,9 @@
 /// A client's command, JSON: whatever it says, at most one operation and one answer come of it,
 /// and only of the three texts that are commands.
 
-#include "serviceinterfacemanager.h"
 #include "fuzzsupport.h"
 #include "iovpnconnection.h"
+#include "serviceinterfacemanager.h"
 
 #include <QtCore/QJsonDocument>
 #include <QtCore/QJsonObject>

@@ -480,6 +480,24 @@ private Q_SLOTS:
         QCOMPARE(m_connection->calls, QStringList{QStringLiteral("udp host")});
     }
 
+    void timeOutEndsWhatWaits()
+    {
+        m_connection->onDisconnect = [this] {
+            if (m_connection->calls.size() > 1)
+                return;
+            // A slow disconnect, behind which a connect waits when the limit passes.
+            m_manager->vpn_command(kConnectUdp, server());
+            QTRY_COMPARE(m_connection->calls.size(), 2);
+        };
+        m_manager->server_slot(true);
+        m_manager->vpn_command(kDisconnect, {});
+        QTRY_COMPARE(m_answers, (QStringList{kConnectAnswer, kDisconnectAnswer}));
+        settle();
+        QCOMPARE(messages(), (QStringList{kOvertaken, QString()}));
+        QCOMPARE(m_connection->calls,
+                 (QStringList{QStringLiteral("disconnect"), QStringLiteral("disconnect")}));
+    }
+
     /// The watch stops only after its disconnect.
     void heartbeatDuringTheDisconnectOfATimeOutDoesNotCount()
     {
