@@ -1,7 +1,8 @@
 # talvex_add_test(<name> SOURCES <file>... [LIBRARIES <target>...]
 #                 [PRIVATE_ROOT] [NEEDS tun|net...] [TIMEOUT <seconds>] [LABELS <label>...])
 #
-# Builds a Qt Test program and registers it as the CTest test <name>.
+# Builds a Qt Test program and registers it as the CTest test <name>. In a folder that sets
+# talvexTier it has that as a label, too.
 #
 # The program lies in a bundle of its own, <build>/tests/bundles/<name>/Contents/MacOS, with the
 # stand-in for openvpn beside it and the tunnel's scripts in Contents/Resources: code that looks
@@ -24,6 +25,7 @@ function(talvex_add_test name)
     file(CREATE_LINK "${PROJECT_BINARY_DIR}/lab/openvpn" "${bundle}/MacOS/openvpn" SYMBOLIC)
     file(CREATE_LINK "${PROJECT_SOURCE_DIR}/resources" "${bundle}/Resources" SYMBOLIC)
 
+    list(APPEND ARG_LABELS ${talvexTier})
     add_executable(${name} ${ARG_SOURCES})
     set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY "${bundle}/MacOS")
     target_link_libraries(${name} PRIVATE lab leaksuppressions ${ARG_LIBRARIES})
