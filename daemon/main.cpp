@@ -1,3 +1,4 @@
+#include "boundedlog.h"
 #include "checkdns.h"
 #include "localserver.h"
 
@@ -22,6 +23,7 @@ void createDataFolder()
 
 int main(int argc, char **argv)
 {
+    keepLogWithin();
     QCoreApplication application(argc, argv);
     createDataFolder();
     checkDNS();
