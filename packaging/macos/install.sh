@@ -104,8 +104,6 @@ for program in "${programs[@]}"; do
     install -o 0 -g 0 -m 755 "$staged/$program" "$app/Contents/$program"
 done
 installFrameworks
-install -d -o 0 -g 0 -m 755 /etc/newsyslog.d
-install -o 0 -g 0 -m 644 "$here/talvexvpnd.newsyslog.conf" /etc/newsyslog.d/talvexvpnd.conf
 install -o 0 -g 0 -m 644 "$here/TalvexVpnd.plist" "$plist"
 [[ -e /var/log/talvexvpnd.log ]] || install -o 0 -g 0 -m 640 /dev/null /var/log/talvexvpnd.log
 launchctl bootstrap system "$plist"

@@ -1,6 +1,6 @@
 #!/bin/bash
 # Stops the daemon, gives the DNS settings back and removes what install.sh has installed, the daemon's
-# logs and its data included. The rest of the application stays. Needs root.
+# log and its data included. The rest of the application stays. Needs root.
 #
 # Usage: sudo packaging/macos/uninstall.sh
 #
@@ -36,7 +36,7 @@ if [[ -x $contents/Resources/update_conf_down && -n $(find "$data" -type f 2>/de
 Put them right by hand, remove the files in $data, and start this again"
 fi
 
-rm -f /Library/LaunchDaemons/TalvexVpnd.plist /etc/newsyslog.d/talvexvpnd.conf
+rm -f /Library/LaunchDaemons/TalvexVpnd.plist
 rm -f "$contents/MacOS/talvexvpnd" "$contents/MacOS/openvpn"
 rm -f "$contents/Resources/update_conf_up" "$contents/Resources/update_conf_down"
 if [[ -e $frameworksList ]]; then
@@ -45,7 +45,7 @@ if [[ -e $frameworksList ]]; then
     done <"$frameworksList"
     rm -f "$frameworksList"
 fi
-rm -f /var/log/talvexvpnd.log /var/log/talvexvpnd.log.[0-9]
+rm -f /var/log/talvexvpnd.log
 rm -rf /tmp/local:TalvexFreeVpnIpcInterface /tmp/local:TalvexFreeVpnIpcInterface_*
 rm -rf /var/root/Library/Preferences/talvexvpnd
 # Only where nothing else is in them.
