@@ -16,7 +16,7 @@ namespace {
 constexpr char kNotice[] = "Older lines were removed: the log was full\n";
 constexpr qint64 kNoticeLength = sizeof(kNotice) - 1;
 
-LogLimits limits;
+LogLimits logLimits;
 QtMessageHandler writeMessage = nullptr;
 int logFile = -1; ///< the file behind standard error, to read and to write anywhere in it
 
@@ -48,9 +48,9 @@ qint64 copyNewestToTheFront(qint64 size)
     if (::pwrite(logFile, kNotice, kNoticeLength, 0) != kNoticeLength)
         return 0;
     qint64 to = kNoticeLength;
-    qint64 from = size - limits.keptBytes - 1; // a line may end with this byte
+    qint64 from = size - logLimits.keptBytes - 1; // a line may end with this byte
     bool isAtALine = false;
-    static std::array<char, 64 * 1024> buffer;
+    static std::array<char, std::size_t{64} * 1024> buffer;
     while (from < size) {
         qint64 count = ::pread(logFile, buffer.data(), buffer.size(), from);
         if (count <= 0)
@@ -77,12 +77,12 @@ void makeRoom(qint64 bytes)
 {
     struct stat status = {};
     if (::fstat(STDERR_FILENO, &status) != 0
-        || status.st_size <= limits.keptBytes + kNoticeLength // no older lines worth the copy
-        || status.st_size + bytes <= limits.maxBytes)
+        || status.st_size <= logLimits.keptBytes + kNoticeLength // no older lines worth the copy
+        || status.st_size + bytes <= logLimits.maxBytes)
         return;
     const qint64 kept = copyNewestToTheFront(status.st_size);
     if (::ftruncate(STDERR_FILENO, kept) == 0 && kept == 0)
-        std::fputs(kNotice, stderr);
+        static_cast<void>(std::fputs(kNotice, stderr));
 }
 
 void writeWithinLimits(QtMsgType type, const QMessageLogContext &context, const QString &message)
@@ -94,14 +94,14 @@ void writeWithinLimits(QtMsgType type, const QMessageLogContext &context, const 
 
 } // namespace
 
-bool keepLogWithin(const LogLimits &wanted)
+bool keepLogWithin(const LogLimits &limits)
 {
     struct stat status = {};
     if (::fstat(STDERR_FILENO, &status) != 0 || !S_ISREG(status.st_mode))
         return false;
     // Else the next message would come where the end was before, behind a hole.
     ::fcntl(STDERR_FILENO, F_SETFL, ::fcntl(STDERR_FILENO, F_GETFL) | O_APPEND);
-    limits = wanted;
+    logLimits = limits;
     logFile = reopenStandardError();
     writeMessage = qInstallMessageHandler(writeWithinLimits);
     return true;

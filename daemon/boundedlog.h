@@ -3,7 +3,7 @@
 #include <QtCore/QtGlobal>
 
 /// A local user can make the daemon write more than a hundred MiB a second.
-constexpr qint64 kMaxLogBytes = 32 * 1024 * 1024;
+constexpr qint64 kMaxLogBytes = qint64{32} * 1024 * 1024;
 
 struct LogLimits
 {
@@ -12,8 +12,7 @@ struct LogLimits
     qint64 maxBytes = kMaxLogBytes;
 
     /// What is kept of the newest lines when the log is full, in bytes. Less than maxBytes: the
-    /// difference is written before the log is full again, so a flood costs each byte at most one
-    /// copy.
+    /// difference is written before the log is full again, so that a flood does not copy for ever.
     qint64 keptBytes = kMaxLogBytes / 2;
 };
 

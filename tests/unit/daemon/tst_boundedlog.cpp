@@ -63,10 +63,20 @@ bool startBounding(const QString &scenario)
     return isBounded;
 }
 
+/// @return whether what this process starts would have the descriptor that bounding the log takes.
+bool isInherited(const QString &fileName)
+{
+    const int next = ::open(fileName.toLocal8Bit().constData(), O_RDONLY);
+    ::close(next);
+    return startBounding(QString()) && ::fcntl(next, F_GETFD) != FD_CLOEXEC;
+}
+
 /// @return exit status; prints whether the log is bounded, its greatest size after a line, and how
 /// often it became smaller.
 int logLines(const QString &scenario, int lines, const QString &fileName)
 {
+    if (scenario == QLatin1String("inherited"))
+        return isInherited(fileName) ? 1 : 0;
     const bool isBounded = startBounding(scenario);
     qint64 greatest = 0;
     qint64 last = 0;
@@ -239,6 +249,13 @@ private Q_SLOTS:
         m_process.setStandardErrorFile(m_fileName, QIODevice::Append);
         run(QStringLiteral("plain"), 1);
         QCOMPARE(content(), kNotice + kept + "line 1\n");
+    }
+
+    void descriptorIsNotInherited()
+    {
+        run(QStringLiteral("inherited"), 0);
+        QCOMPARE(m_process.exitStatus(), QProcess::NormalExit);
+        QCOMPARE(m_process.exitCode(), 0);
     }
 
     void patternOfTheMessagesIsQtsMatter()
