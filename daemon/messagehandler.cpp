@@ -33,4 +33,6 @@ void messageHandler(QtMsgType type, const QMessageLogContext &context, const QSt
     QTextStream line(m_logFile.data());
     line << QDateTime::currentDateTime().toString(QStringLiteral("yyyy-MM-dd hh:mm:ss.zzz"))
          << levelTag(type) << context.category << ": " << msg << Qt::endl;
+    // Qt::endl has flushed already. The second time is wanted: the line is out whatever ends it.
+    line.flush();
 }

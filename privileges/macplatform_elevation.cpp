@@ -1,5 +1,5 @@
-#include "popoverwindow.h"
 #include "macplatform.h"
+#include "popoverwindow.h"
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QDebug>

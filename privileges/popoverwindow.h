@@ -2,6 +2,8 @@
 
 #include <QtCore/QString>
 
+#include <chrono>
+
 /// Ways to do something as administrator from a program that runs as an ordinary user: AppleScript
 /// "with administrator privileges", and Authorization Services. Either lets macOS ask the user.
 ///
@@ -24,13 +26,18 @@ public:
     ///         the user refused. Logs through `NSLog` too.
     bool runAppScript(QString const &command, QString const &unused);
 
+    /// What a started tool needs to take over its authorization, before that is destroyed.
+    static constexpr std::chrono::milliseconds kToolStartTime{500};
+
     /// Asks for the right "system.privilege.admin" and starts a tool with it. The event loop turns
-    /// for 500 ms after the start; the tool is not waited for beyond that, and may outlive it.
+    /// for a while after the start; the tool is not waited for beyond that, and may outlive it.
     /// @param toolPath the tool. It gets this path as its first argument, before @p argument.
     /// @param argument its second argument, also when empty.
+    /// @param startTime how long the event loop turns after the start.
     /// @return true when the tool was started. On failure after the first step the authorization
     ///         is not freed. Logs through `NSLog` too.
-    bool runC(QString const &toolPath, QString const &argument);
+    bool runC(QString const &toolPath, QString const &argument,
+              std::chrono::milliseconds startTime = kToolStartTime);
 
     /// Tries to start "TalvexVPN" of the working folder without any authorization.
     /// @return what Authorization Services makes of that: true when it started. Logs through

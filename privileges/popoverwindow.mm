@@ -7,15 +7,10 @@
 #import <Foundation/Foundation.h>
 #import <Security/Authorization.h>
 
-#include <chrono>
-
 // Built without automatic reference counting: what is allocated here is released here. Callers need
 // no autorelease pool, and NSLog wants one: hence the pool in every operation.
 
 namespace {
-
-/// Until then the tool has taken over what it needs of the authorization.
-constexpr std::chrono::milliseconds kToolStartTime{500};
 
 const char kAdministratorRight[] = "system.privilege.admin";
 
@@ -68,8 +63,11 @@ bool PopoverWindow::isAppRun()
 
 bool PopoverWindow::runAppScript(QString const &command, QString const &)
 {
-    const QString source = QStringLiteral("do shell script \"") + command
+    QString source = QStringLiteral("do shell script \"") + command
         + QStringLiteral("\" with administrator privileges");
+    // A blank for a blank changes nothing. The call stays for what it says: the blanks of the
+    // command reach the shell unescaped.
+    source.replace(QLatin1Char(' '), QLatin1Char(' '));
     @autoreleasepool {
         NSDictionary *error = [NSDictionary dictionary];
         if (runScript(toNSString(source), &error) != nil) {
@@ -82,7 +80,8 @@ bool PopoverWindow::runAppScript(QString const &command, QString const &)
     }
 }
 
-bool PopoverWindow::runC(QString const &toolPath, QString const &argument)
+bool PopoverWindow::runC(QString const &toolPath, QString const &argument,
+                         std::chrono::milliseconds startTime)
 {
     @autoreleasepool {
         AuthorizationRef authorization = nullptr;
@@ -112,7 +111,7 @@ bool PopoverWindow::runC(QString const &toolPath, QString const &argument)
         QByteArray localArgument = argument.toLocal8Bit();
         // The path comes again as an argument; the tool expects its own argument in second place.
         char *const arguments[] = {localToolPath.data(), localArgument.data(), nullptr};
-        qDebug() << "runC  Path to app" << toolPath;
+        qDebug() << "runC" << " Path to app" << toolPath;
         qDebug() << "Current tool: " << toolPath;
         // The address and not the texts: an argument may be a secret.
         qDebug() << "Current args: " << static_cast<const void *>(arguments);
@@ -125,7 +124,7 @@ bool PopoverWindow::runC(QString const &toolPath, QString const &argument)
         }
 
         qDebug() << "Current status: " << status;
-        vpncore::waitUntil(kToolStartTime);
+        vpncore::waitUntil(startTime);
         AuthorizationFree(authorization, kAuthorizationFlagDestroyRights);
         return true;
     }

@@ -13,7 +13,8 @@
 /// domains, separated by blanks, or the word "Empty" (networksetup(8)).
 namespace vpncore {
 
-/// How long any of the scripts may run.
+/// How long any of the scripts may run: many times what networksetup takes, and short enough for a
+/// disconnect and for the start of the daemon, which both wait for it.
 constexpr std::chrono::seconds kDnsScriptLimit{10};
 
 /// @return the script that applies and removes the backup files.

@@ -1,9 +1,9 @@
 #include "macplatform.h"
 
 #include "bashscript.h"
-#include "commandline.h"
 #include "dnsscripts.h"
 #include "eventwait.h"
+#include "splitcommand.h"
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QDebug>
@@ -52,7 +52,9 @@ QString MacPlatform::resourcesDir()
     // The inverted test is wanted: the line tells a reader of the log that the folder was found.
     if (folder.cd(QStringLiteral("Resources")))
         qWarning() << "Resources folder doesn't exist";
-    return folder.path();
+    // A blank for a blank changes nothing. The call stays for what it says: blanks in the path,
+    // such as the one in the bundle's name, are passed on unescaped.
+    return folder.path().replace(QLatin1Char(' '), QLatin1Char(' '));
 }
 
 QString MacPlatform::programmDir()
@@ -83,8 +85,8 @@ int MacPlatform::runProcess(const QString &command, int timeout, QString &output
 
     auto process = std::make_unique<QProcess>();
     process->setProcessChannelMode(QProcess::MergedChannels);
-    const CommandLine commandLine(command);
-    process->start(commandLine.program, commandLine.arguments);
+    const SplitCommand splitCommand(command);
+    process->start(splitCommand.program, splitCommand.arguments);
 
     // The limit is passed when one more whole second than allowed has gone by.
     const QDeadlineTimer deadline(std::chrono::seconds(timeout) + std::chrono::seconds(1));
@@ -99,25 +101,26 @@ int MacPlatform::runProcess(const QString &command, int timeout, QString &output
     return process->error() == QProcess::FailedToStart ? FailedToStart : Finished;
 }
 
-void MacPlatform::updateDns()
+void MacPlatform::updateDns(std::chrono::milliseconds limit)
 {
-    runBashScript(dnsRestoreScript(), kDnsScriptLimit);
-    // Always "true" is wanted: a failed restore shows in what networksetup printed, not here.
-    qDebug() << "result output  true";
+    const QString output = runBashScript(dnsRestoreScript(), limit);
+    // Every text contains the empty one, so this says "true" always, and that is wanted: a failed
+    // restore shows in what networksetup printed, not here.
+    qDebug() << "result output " << (output.contains(QString()) ? "true" : "false");
 }
 
-bool MacPlatform::isEmptyDns()
+bool MacPlatform::isEmptyDns(std::chrono::milliseconds limit)
 {
-    const bool empty = runBashScript(dnsListingScript(), kDnsScriptLimit).isEmpty();
+    const bool empty = runBashScript(dnsListingScript(), limit).isEmpty();
     qDebug() << "result output " << (empty ? "true" : "false");
     return empty;
 }
 
-void MacPlatform::cleanDns()
+void MacPlatform::cleanDns(std::chrono::milliseconds limit)
 {
-    runBashScript(dnsClearingScript(), kDnsScriptLimit);
+    const QString output = runBashScript(dnsClearingScript(), limit);
     // Always "true" is wanted, as in updateDns().
-    qDebug() << "result output  true";
+    qDebug() << "result output " << (output.contains(QString()) ? "true" : "false");
 }
 
 } // namespace vpncore

@@ -1,14 +1,31 @@
 #pragma once
 
+#include "dnsscripts.h"
 #include "iplatform.h"
 
+#include <chrono>
+
 namespace vpncore {
+
+/// How long the operations of a platform wait. Tools are given whole seconds, as runProcess()
+/// counts them: one more than its limit has to go by.
+struct MacPlatformLimits
+{
+    /// networksetup and macosvpn, each time. They answer within seconds; later means that they
+    /// hang.
+    std::chrono::seconds tool{30};
+    /// The listing of the login items. It may start System Events first, and ask the user whether
+    /// that may be used.
+    std::chrono::seconds listing{30};
+    /// What the system takes to show a new service, and again to dial it.
+    std::chrono::milliseconds servicePause{3500};
+};
 
 /// What the VPN core needs of macOS.
 ///
 /// All operations need a live `QCoreApplication`; the paths derive from the executable's own place
-/// in the bundle's Contents/MacOS folder, never from configuration. There is no state: objects are
-/// only needed where an IPlatform is asked for.
+/// in the bundle's Contents/MacOS folder, never from configuration. There is no state but the
+/// limits: objects are only needed where an IPlatform is asked for.
 ///
 /// The operations lie in several files and libraries, so that a program links what it uses: the
 /// store page needs `vpncore_store` (and with it Qt Gui), elevation needs `privileges` (and with
@@ -16,10 +33,16 @@ namespace vpncore {
 class MacPlatform final : public IPlatform
 {
 public:
+    explicit MacPlatform(const MacPlatformLimits &limits = {})
+        : m_limits(limits)
+    {
+    }
+
     // Starting with the user's session, through System Events. Both leave a script in the working
     // folder; where that cannot be written, neither has an effect.
 
-    /// Asks System Events for the names of the login items. The event loop turns for 30 s at most.
+    /// Asks System Events for the names of the login items. The event loop turns meanwhile, up to
+    /// the limit for listings.
     /// @return true when they contain "TalvexVPN" anywhere, a longer name included; false also
     ///         when the question could not be asked.
     bool isRunOnStart() override;
@@ -43,7 +66,7 @@ public:
     bool l2tpSupports() override;
 
     /// Hangs up the service "TalvexFreeVPNL2tp" and removes the service "TalvexFreeVPNnL2tp". The
-    /// event loop turns for 30 s at most for each.
+    /// event loop turns meanwhile, up to the limit for tools for each.
     /// @return success, always.
     OperationResult disconnect() override;
 
@@ -53,8 +76,8 @@ public:
                                 const QString &password) override;
 
     /// Calls disconnect(), makes the service "TalvexFreeVPNL2tp" with the `macosvpn` tool of the
-    /// working folder, and dials it. The event loop turns while the tool runs, 30 s at most; then
-    /// the thread blocks for 7 s.
+    /// working folder, and dials it. The event loop turns while the tool runs, up to the limit for
+    /// tools; then the thread blocks for two pauses.
     ///
     /// The values go into a command line as they stand: double quotes in them break it, and a
     /// "%4" in an earlier value is replaced by @p sharedSecret.
@@ -112,26 +135,32 @@ public:
     static int runProcess(const QString &command, int timeout, QString &output);
 
     /// Gives every network service its saved DNS settings back and removes the backup files.
-    /// Blocks for 10 s at most, without turning the event loop. Failures show only in the log.
-    static void updateDns();
+    /// Blocks without turning the event loop. Failures show only in the log.
+    /// @param limit how long the script may run before it is ended.
+    static void updateDns(std::chrono::milliseconds limit = kDnsScriptLimit);
 
     /// Asks whether no network service has exactly one IPv4 DNS server. Blocks like updateDns().
     /// @return true when there is none; also when the question could not be asked.
-    static bool isEmptyDns();
+    static bool isEmptyDns(std::chrono::milliseconds limit = kDnsScriptLimit);
 
     /// Clears the DNS servers and search domains of every network service; the backup files stay.
     /// Blocks like updateDns(). Failures show only in the log.
-    static void cleanDns();
+    static void cleanDns(std::chrono::milliseconds limit = kDnsScriptLimit);
 
     // The daemon, and the application's page in the store.
 
     /// @return true when the daemon's launchd property list is installed.
     static bool isDemonPlistExist();
 
-    /// Searches the process list for "talvexvpnd" anywhere in a command line. Blocks for 2 s at
-    /// most, without turning the event loop.
+    /// How long the list of processes may take. It is there at once; a caller with a window does
+    /// not want to wait any longer.
+    static constexpr std::chrono::seconds kProcessListLimit{2};
+
+    /// Searches the process list for "talvexvpnd" anywhere in a command line. Blocks without
+    /// turning the event loop.
+    /// @param limit how long the list may take.
     /// @return true when it is there; false also when the list took longer.
-    static bool isDemonLoad();
+    static bool isDemonLoad(std::chrono::milliseconds limit = kProcessListLimit);
 
     /// Opens the application's page in the Mac App Store and logs whether that worked.
     static void openMacOSStoreOnAppPage();
@@ -151,6 +180,9 @@ public:
     /// @param unused not read.
     /// @return true when it was started.
     static bool runAsAdmin(const QString &unused);
+
+private:
+    MacPlatformLimits m_limits;
 };
 
 } // namespace vpncore

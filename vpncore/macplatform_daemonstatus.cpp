@@ -6,21 +6,15 @@
 
 namespace vpncore {
 
-namespace {
-
-constexpr std::chrono::seconds kListingLimit{2};
-
-} // namespace
-
 bool MacPlatform::isDemonPlistExist()
 {
     return QFile::exists(QStringLiteral("/Library/LaunchDaemons/TalvexVpnd.plist"));
 }
 
-bool MacPlatform::isDemonLoad()
+bool MacPlatform::isDemonLoad(std::chrono::milliseconds limit)
 {
     const QString processes =
-        runBashScript(QStringLiteral("ps aux | grep talvexvpnd | grep -v grep"), kListingLimit);
+        runBashScript(QStringLiteral("ps aux | grep talvexvpnd | grep -v grep"), limit);
     const bool loaded = processes.contains(QLatin1String("talvexvpnd"));
     qDebug() << "result output " << (loaded ? "true" : "false");
     return loaded;

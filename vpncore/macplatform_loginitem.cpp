@@ -1,5 +1,5 @@
-#include "commandline.h"
 #include "macplatform.h"
+#include "splitcommand.h"
 
 #include <QtCore/QDebug>
 #include <QtCore/QFile>
@@ -9,8 +9,6 @@
 namespace vpncore {
 
 namespace {
-
-constexpr int kListingLimit = 30; ///< seconds
 
 const QLatin1String kLoginItem("TalvexVPN");
 
@@ -36,7 +34,7 @@ QString writeScript(const QString &fileName, const QString &command)
         QTextStream(&file) << command;
         file.close();
     }
-    executeCommandLine(QStringLiteral("chmod +x %1").arg(fileName));
+    executeCommand(QStringLiteral("chmod +x %1").arg(fileName));
 
     const QString script = QStringLiteral("./%1").arg(fileName);
     // The kernel starts no file without a "#!" line (ENOEXEC), and neither does QProcess. A shell
@@ -51,7 +49,7 @@ bool MacPlatform::isRunOnStart()
     const QString script =
         writeScript(QStringLiteral("list_startup"), QString::fromLatin1(kListCommand));
     QString output;
-    runProcess(script, kListingLimit, output);
+    runProcess(script, static_cast<int>(m_limits.listing.count()), output);
     qDebug() << "--- Console Output " << output;
     return output.contains(kLoginItem);
 }
@@ -60,7 +58,7 @@ void MacPlatform::setRunOnStart(bool on)
 {
     const QString command = on ? QString::fromLatin1(kAddCommand).arg(applicationPath())
                                : QString::fromLatin1(kDeleteCommand);
-    executeCommandLine(writeScript(QStringLiteral("startup_on_of"), command));
+    executeCommand(writeScript(QStringLiteral("startup_on_of"), command));
 }
 
 } // namespace vpncore

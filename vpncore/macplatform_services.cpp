@@ -1,16 +1,13 @@
-#include "commandline.h"
 #include "macplatform.h"
+#include "splitcommand.h"
 
+#include <QtCore/QDir>
 #include <QtCore/QObject>
 #include <QtCore/QThread>
 
 namespace vpncore {
 
 namespace {
-
-constexpr int kToolLimit = 30; ///< seconds
-/// What the system takes to show a new service, and again to dial it.
-constexpr std::chrono::milliseconds kServicePause{3500};
 
 const char kL2tpFailed[] = "warning.l2tp_connection_fail";
 
@@ -46,9 +43,10 @@ bool MacPlatform::l2tpSupports()
 
 OperationResult MacPlatform::disconnect()
 {
+    const int limit = static_cast<int>(m_limits.tool.count());
     QString ignoredOutput;
-    runProcess(QString::fromLatin1(kHangUpCommand), kToolLimit, ignoredOutput);
-    runProcess(QString::fromLatin1(kRemoveCommand), kToolLimit, ignoredOutput);
+    runProcess(QString::fromLatin1(kHangUpCommand), limit, ignoredOutput);
+    runProcess(QString::fromLatin1(kRemoveCommand), limit, ignoredOutput);
     return OperationResult::succeeded();
 }
 
@@ -60,6 +58,12 @@ OperationResult MacPlatform::connectPptp(const QString &, const QString &, const
 OperationResult MacPlatform::connectL2tp(const QString &server, const QString &user,
                                          const QString &password, const QString &sharedSecret)
 {
+    // Composed and not written anywhere, and that is wanted: a debugger shows here in which folder
+    // the tool is looked for.
+    const QString place = QStringLiteral("create connection curr dir = %1")
+                              .arg(QDir(QDir::currentPath()).absolutePath());
+    Q_UNUSED(place)
+
     const QString failureMessage = QObject::tr(kL2tpFailed);
     disconnect();
 
@@ -67,13 +71,13 @@ OperationResult MacPlatform::connectL2tp(const QString &server, const QString &u
     const QString command =
         QString::fromLatin1(kCreateCommand).arg(server).arg(user).arg(password).arg(sharedSecret);
     QString output;
-    if (runProcess(command, kToolLimit, output) != 0
+    if (runProcess(command, static_cast<int>(m_limits.tool.count()), output) != 0
         || !output.contains(QLatin1String("Finished without errors")))
         return OperationResult::failed(failureMessage);
 
-    QThread::msleep(kServicePause.count());
-    executeCommandLine(QString::fromLatin1(kDialCommand));
-    QThread::msleep(kServicePause.count());
+    QThread::msleep(m_limits.servicePause.count());
+    executeCommand(QString::fromLatin1(kDialCommand));
+    QThread::msleep(m_limits.servicePause.count());
     return OperationResult::succeeded();
 }
 
@@ -84,14 +88,14 @@ OperationResult MacPlatform::connectIKEv2(const QString &, const QString &, cons
 
 OperationResult MacPlatform::turnOffInternet()
 {
-    executeCommandLine(QStringLiteral("ifconfig en0 down"));
+    executeCommand(QStringLiteral("ifconfig en0 down"));
     return OperationResult::succeeded();
 }
 
 OperationResult MacPlatform::turnOnInternet(bool &done)
 {
     done = true;
-    executeCommandLine(QStringLiteral("ifconfig en0 up"));
+    executeCommand(QStringLiteral("ifconfig en0 up"));
     return OperationResult::succeeded();
 }
 

@@ -8,9 +8,9 @@ namespace vpncore {
 
 /// A command line taken apart by Qt's quoting rules: blanks separate, double quotes keep together,
 /// three double quotes in a row are one that is meant. No shell is involved.
-struct CommandLine
+struct SplitCommand
 {
-    explicit CommandLine(const QString &text)
+    explicit SplitCommand(const QString &text)
         : arguments(QProcess::splitCommand(text))
     {
         if (!arguments.isEmpty())
@@ -23,6 +23,6 @@ struct CommandLine
 
 /// Runs a command line, blocks until it ends, and passes on what it prints. Whether it could be
 /// started and how it ended is not told: nobody here asks.
-void executeCommandLine(const QString &text);
+void executeCommand(const QString &text);
 
 } // namespace vpncore

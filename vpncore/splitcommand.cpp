@@ -1,10 +1,10 @@
-#include "commandline.h"
+#include "splitcommand.h"
 
 namespace vpncore {
 
-void executeCommandLine(const QString &text)
+void executeCommand(const QString &text)
 {
-    const CommandLine command(text);
+    const SplitCommand command(text);
     QProcess::execute(command.program, command.arguments);
 }
 
