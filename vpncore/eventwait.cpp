@@ -17,6 +17,11 @@ bool waitUntil(QDeadlineTimer deadline, const std::function<bool()> &isDone)
     while (!isDone()) {
         if (deadline.hasExpired())
             return false;
+        // Where there is no GLib, a turn of the loop sends what was posted and then sleeps,
+        // whatever that has changed. So it is sent before, and the condition is tested once more.
+        QCoreApplication::sendPostedEvents();
+        if (isDone())
+            return true;
         if (!deadline.isForever() && !alarm.isActive()) {
             const qint64 remaining = std::clamp<qint64>(deadline.remainingTime(), 1, INT_MAX);
             alarm.start(static_cast<int>(remaining));
