@@ -1,12 +1,12 @@
 #include "logcapture.h"
-#include "standins.h"
 #include "macplatform.h"
+#include "privateroot.h"
+#include "standins.h"
 
-#include <QtCore/QElapsedTimer>
-#include <QtCore/QTimer>
 #include <QtTest/QtTest>
 
 using vpncore::MacPlatform;
+using namespace std::chrono_literals;
 
 namespace {
 
@@ -19,11 +19,6 @@ const QString kAddStatement = QStringLiteral(
     R"(tell application "System Events" to make login item at end with properties {name: "TalvexVPN",path:"%1", hidden:false})");
 const QString kDeleteStatement =
     QStringLiteral(R"(tell application "System Events" to delete login item "TalvexVPN")");
-
-QStringList osascript(const QString &statement)
-{
-    return {QStringLiteral("-e"), statement};
-}
 
 QByteArray contentOf(const QString &path)
 {
@@ -38,19 +33,6 @@ void write(const QString &path, const QByteArray &content)
     QCOMPARE(file.write(content), content.size());
 }
 
-void makeExecutable(const QString &path)
-{
-    QVERIFY(QFile::setPermissions(path, QFile::permissions(path) | QFile::ExeOwner));
-}
-
-/// Puts a program in front of every other one of its name.
-void putInPath(const QString &folder, const QString &name, const QByteArray &script)
-{
-    write(folder + QLatin1Char('/') + name, "#!/bin/bash\n" + script);
-    makeExecutable(folder + QLatin1Char('/') + name);
-    qputenv("PATH", folder.toLocal8Bit() + ':' + qgetenv("PATH"));
-}
-
 } // namespace
 
 /// The login item, with a stand-in for osascript that keeps the list of items in a file.
@@ -59,11 +41,9 @@ class MacPlatformLoginItem : public QObject
     Q_OBJECT
 
 private:
-    MacPlatform m_platform;
-    QScopedPointer<QTemporaryDir> m_folder;
     const QByteArray m_searchPath = qgetenv("PATH");
 
-    /// Makes a folder that nobody can write the working folder.
+    /// Makes a folder that nobody can write, and in which there is a script, the working folder.
     static void enterUnwritableFolder()
     {
         const QString list = QFINDTESTDATA("unwritable/list_startup");
@@ -75,101 +55,48 @@ private:
 private Q_SLOTS:
     void init()
     {
-        standins::forgetState();
-        qputenv("PATH", m_searchPath);
-        m_folder.reset(new QTemporaryDir);
-        QVERIFY(QDir::setCurrent(m_folder->path()));
+        lab::resetPrivateRoot();
+        QVERIFY(QDir().mkpath(QStringLiteral("/tmp/work")));
+        QVERIFY(QDir::setCurrent(QStringLiteral("/tmp/work")));
     }
 
-    void withoutTheItemItDoesNotRunOnStart() { QVERIFY(!m_platform.isRunOnStart()); }
+    void cleanup() { qputenv("PATH", m_searchPath); }
 
-    void anAddedItemRunsOnStart()
+    void itemRunsOnStartFromAddingToDeleting()
     {
-        m_platform.setRunOnStart(true);
-        QVERIFY(m_platform.isRunOnStart());
-    }
-
-    void aDeletedItemDoesNotRunOnStart()
-    {
-        standins::setState(kItems, "TalvexVPN\t/Applications/Talvex VPN.app\tfalse\n");
-        m_platform.setRunOnStart(false);
-        QVERIFY(!m_platform.isRunOnStart());
-    }
-
-    void theAddedItemIsTheApplicationAndVisible()
-    {
-        m_platform.setRunOnStart(true);
+        MacPlatform platform;
+        QVERIFY(!platform.isRunOnStart());
+        platform.setRunOnStart(true);
+        QVERIFY(platform.isRunOnStart());
         QCOMPARE(standins::stateLines(kItems),
                  QStringList{
                      QStringLiteral("TalvexVPN\t%1\tfalse").arg(MacPlatform::applicationPath())});
+        platform.setRunOnStart(false);
+        QVERIFY(!platform.isRunOnStart());
     }
 
-    void itemsOfOtherApplicationsDoNotCount()
+    void itemCountsWhoseNameContainsTheRightOne_data()
     {
-        standins::setState(kItems,
-                           "Notes\t/Applications/Notes.app\tfalse\n"
-                           "talvexvpn\t/Applications/Other.app\tfalse\n");
-        QVERIFY(!m_platform.isRunOnStart());
+        QTest::addColumn<QByteArray>("name");
+        QTest::addColumn<bool>("counts");
+        QTest::newRow("begins with it") << QByteArray("TalvexVPN Helper") << true;
+        QTest::newRow("another case") << QByteArray("talvexvpn") << false;
+        QTest::newRow("another name") << QByteArray("Notes") << false;
     }
 
-    void anItemWhoseNameOnlyBeginsWithTheRightOneCounts()
+    void itemCountsWhoseNameContainsTheRightOne()
     {
-        standins::setState(kItems, "TalvexVPN Helper\t/Applications/Helper.app\ttrue\n");
-        QVERIFY(m_platform.isRunOnStart());
+        QFETCH(QByteArray, name);
+        QFETCH(bool, counts);
+        standins::setState(kItems, name + "\t/Applications/Some.app\ttrue\n");
+        const LogCapture log;
+        QCOMPARE(MacPlatform().isRunOnStart(), counts);
+        QCOMPARE(log.lines(QtDebugMsg),
+                 QStringList{
+                     QStringLiteral("--- Console Output  \"%1\\n\"").arg(QString::fromUtf8(name))});
     }
 
-    void deletingLeavesAnItemWhoseNameOnlyBeginsWithTheRightOne()
-    {
-        standins::setState(kItems,
-                           "TalvexVPN Helper\t/Applications/Helper.app\ttrue\n"
-                           "TalvexVPN\t/Applications/Talvex VPN.app\tfalse\n");
-        m_platform.setRunOnStart(false);
-        QCOMPARE(standins::stateLines(kItems),
-                 QStringList{QStringLiteral("TalvexVPN Helper\t/Applications/Helper.app\ttrue")});
-    }
-
-    void addingDoesNotLookForAnItem()
-    {
-        m_platform.setRunOnStart(true);
-        m_platform.setRunOnStart(true);
-        const QStringList add = osascript(kAddStatement.arg(MacPlatform::applicationPath()));
-        QCOMPARE(standins::calls(kTool), (QVector<QStringList>{add, add}));
-    }
-
-    void listingIsOneExactCall()
-    {
-        m_platform.isRunOnStart();
-        QCOMPARE(standins::calls(kTool), QVector<QStringList>{osascript(kListStatement)});
-    }
-
-    void deletingIsOneExactCall()
-    {
-        m_platform.setRunOnStart(false);
-        QCOMPARE(standins::calls(kTool), QVector<QStringList>{osascript(kDeleteStatement)});
-    }
-
-    void theListingIsLoggedInQuotesAfterTwoBlanks()
-    {
-        standins::setState(kItems,
-                           "Notes\t/Applications/Notes.app\tfalse\n"
-                           "TalvexVPN\t/Applications/Talvex VPN.app\tfalse\n");
-        LogCapture log;
-        m_platform.isRunOnStart();
-        QCOMPARE(log.lines(),
-                 QStringList{QStringLiteral("--- Console Output  \"Notes, TalvexVPN\\n\"")});
-        QCOMPARE(log.lines(QtDebugMsg).size(), 1);
-    }
-
-    void addingAndDeletingLogNothing()
-    {
-        LogCapture log;
-        m_platform.setRunOnStart(true);
-        m_platform.setRunOnStart(false);
-        QCOMPARE(standins::calls(kTool).size(), 2);
-        QCOMPARE(log.lines(), QStringList());
-    }
-
-    void theScriptsStayBehindWithTheCommandAndNothingElse_data()
+    void operationIsOneCallFromAScriptThatStaysBehind_data()
     {
         QTest::addColumn<QString>("fileName");
         QTest::addColumn<QString>("statement");
@@ -180,94 +107,81 @@ private Q_SLOTS:
         QTest::newRow("delete") << QStringLiteral("startup_on_of") << kDeleteStatement << 2;
     }
 
-    void theScriptsStayBehindWithTheCommandAndNothingElse()
+    void operationIsOneCallFromAScriptThatStaysBehind()
     {
         QFETCH(QString, fileName);
         QFETCH(QString, statement);
         QFETCH(int, operation);
-        // Longer than any script, so that a rest of it would show.
-        write(fileName, QByteArray(1'000, '#'));
+        // Longer than any script, so that a rest of it would show; and a link, through which
+        // nothing may be written.
+        write(QStringLiteral("/tmp/elsewhere"), QByteArray(1'000, '#'));
+        QVERIFY(QFile::link(QStringLiteral("/tmp/elsewhere"), fileName));
 
+        const LogCapture log;
         if (operation == 0)
-            m_platform.isRunOnStart();
+            MacPlatform().isRunOnStart();
         else
-            m_platform.setRunOnStart(operation == 1);
+            MacPlatform().setRunOnStart(operation == 1);
 
+        QCOMPARE(standins::calls(kTool), (QVector<QStringList>{{QStringLiteral("-e"), statement}}));
         QCOMPARE(QDir().entryList(QDir::Files | QDir::Hidden), QStringList{fileName});
         QCOMPARE(contentOf(fileName), "osascript -e '" + statement.toUtf8() + '\'');
         QVERIFY(QFile::permissions(fileName) & QFile::ExeOwner);
+        QCOMPARE(contentOf(QStringLiteral("/tmp/elsewhere")), QByteArray(1'000, '#'));
+        QCOMPARE(log.lines().size(), operation == 0 ? 1 : 0);
     }
 
-    void aLinkInTheScriptsPlaceIsNotWrittenThrough()
+    void addingDoesNotLookForAnItem()
     {
-        write(QStringLiteral("elsewhere"), "kept");
-        QVERIFY(QFile::link(QStringLiteral("elsewhere"), QStringLiteral("list_startup")));
-        m_platform.isRunOnStart();
-        QCOMPARE(contentOf(QStringLiteral("elsewhere")), QByteArray("kept"));
-        QCOMPARE(standins::calls(kTool).size(), 1);
+        MacPlatform().setRunOnStart(true);
+        MacPlatform().setRunOnStart(true);
+        QCOMPARE(standins::stateLines(kItems).size(), 2);
+        QCOMPARE(standins::calls(kTool).size(), 2);
     }
 
-    void timersRunWhileItemsAreListed()
+    void listingThatHangsIsGivenUpAndJudgedByWhatItPrinted()
     {
-        putInPath(m_folder->path(), kTool, "sleep 1\n");
-        int ticks = 0;
-        QTimer timer;
-        QObject::connect(&timer, &QTimer::timeout, &timer, [&ticks] { ++ticks; });
-        timer.start(100);
-        m_platform.isRunOnStart();
-        QVERIFY2(ticks >= 5, qPrintable(QString::number(ticks)));
-    }
-
-    void aListingThatHangsIsGivenUpAndJudgedByWhatItPrinted()
-    {
-        putInPath(m_folder->path(), kTool,
-                  "echo $$ >/var/root/stand-ins/osascript/hanging\n"
-                  "echo TalvexVPN\n"
-                  "exec sleep 120\n");
+        QVERIFY(QDir().mkpath(QStringLiteral("/tmp/bin")));
+        write(QStringLiteral("/tmp/bin/osascript"),
+              "#!/bin/bash\n"
+              "echo TalvexVPN\n"
+              "echo $$ >/var/root/stand-ins/osascript/hanging\n"
+              "exec sleep 120\n");
+        QVERIFY(QFile::setPermissions(QStringLiteral("/tmp/bin/osascript"),
+                                      QFile::ReadOwner | QFile::ExeOwner));
+        qputenv("PATH", "/tmp/bin:" + m_searchPath);
         standins::setState(kItems, {});
+
+        vpncore::MacPlatformLimits limits;
+        limits.listing = 0s; // so that one second has to go by
+        bool isTurning = false;
+        QTimer::singleShot(0, this, [&isTurning] { isTurning = true; });
         QElapsedTimer timer;
         timer.start();
-        QVERIFY(m_platform.isRunOnStart());
-        QVERIFY2(timer.elapsed() >= 30'000, qPrintable(QString::number(timer.elapsed())));
-        QVERIFY2(timer.elapsed() < 33'000, qPrintable(QString::number(timer.elapsed())));
+        QVERIFY(MacPlatform(limits).isRunOnStart());
+        QVERIFY2(timer.elapsed() >= 1'000 && timer.elapsed() < 10'000,
+                 qPrintable(QString::number(timer.elapsed())));
+        QVERIFY(isTurning);
         standins::endHangingTool(QStringLiteral("osascript/hanging"));
     }
 
-    void inAnUnwritableFolderNothingIsAdded()
-    {
-        enterUnwritableFolder();
-        m_platform.setRunOnStart(true);
-        QCOMPARE(standins::calls(kTool), QVector<QStringList>());
-    }
-
-    void inAnUnwritableFolderItDoesNotRunOnStart()
+    void inAnUnwritableFolderNothingHappens()
     {
         standins::setState(kItems, "TalvexVPN\t/Applications/Talvex VPN.app\tfalse\n");
         QVERIFY(QDir::setCurrent(QStringLiteral("/usr")));
         QVERIFY(!QFile(QStringLiteral("another_file")).open(QIODevice::WriteOnly));
-        LogCapture log;
-        QVERIFY(!m_platform.isRunOnStart());
+        const LogCapture log;
+        MacPlatform().setRunOnStart(false);
+        QVERIFY(!MacPlatform().isRunOnStart());
         QCOMPARE(log.lines(), QStringList{QStringLiteral("--- Console Output  \"\"")});
+        QCOMPARE(standins::calls(kTool), QVector<QStringList>());
     }
 
     void inAnUnwritableFolderTheScriptThatIsThereRuns()
     {
         enterUnwritableFolder();
-        QVERIFY(m_platform.isRunOnStart());
+        QVERIFY(MacPlatform().isRunOnStart());
         QCOMPARE(standins::calls(kTool), QVector<QStringList>());
-    }
-
-    void fourLevelsBelowTheRootThePathBeginsWithTwoSlashes()
-    {
-        const QString folder = QStringLiteral("/A.app/Contents/MacOS");
-        QVERIFY(QDir().mkpath(folder));
-        QVERIFY(QFile::copy(QStringLiteral(TALVEX_PROBE), folder + QStringLiteral("/probe")));
-        QCOMPARE(QProcess::execute(folder + QStringLiteral("/probe"), {}), 0);
-        QCOMPARE(
-            standins::calls(kTool),
-            QVector<QStringList>{osascript(kAddStatement.arg(QStringLiteral("//Talvex VPN.app")))});
-        QCOMPARE(standins::stateLines(kItems),
-                 QStringList{QStringLiteral("TalvexVPN\t//Talvex VPN.app\tfalse")});
     }
 };
 
