@@ -111,7 +111,8 @@ bool PopoverWindow::runC(QString const &toolPath, QString const &argument,
         QByteArray localArgument = argument.toLocal8Bit();
         // The path comes again as an argument; the tool expects its own argument in second place.
         char *const arguments[] = {localToolPath.data(), localArgument.data(), nullptr};
-        qDebug() << "runC" << " Path to app" << toolPath;
+        qDebug() << "runC"
+                 << " Path to app" << toolPath;
         qDebug() << "Current tool: " << toolPath;
         // The address and not the texts: an argument may be a secret.
         qDebug() << "Current args: " << static_cast<const void *>(arguments);
