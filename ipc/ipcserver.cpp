@@ -1,20 +1,37 @@
 #include "ipcserver.h"
 
-#include "guardedlocalserver.h"
-#include "hostconnection.h"
+#include "checkedconnection.h"
+#include "descriptorbudget.h"
+#include "guardlimits.h"
 #include "ipcurls.h"
 #include "serviceinterfacemanager.h"
 
 #include <QtCore/QDebug>
-#include <QtNetwork/QLocalSocket>
+#include <QtNetwork/QLocalServer>
 #include <QtRemoteObjects/QRemoteObjectHost>
+
+namespace {
+
+/// @return why the server cannot serve; empty when it listens.
+QString problemOfListening(QLocalServer &server, const QString &name)
+{
+    server.setSocketOptions(QLocalServer::WorldAccessOption);
+    if (!server.listen(name))
+        return server.errorString();
+    if (!vpncore::leavesDescriptors(static_cast<int>(server.socketDescriptor()),
+                                    guard::kEndpointReserve))
+        return QStringLiteral("too few descriptors are left");
+    return {};
+}
+
+} // namespace
 
 IpcServer::ProcessDescriptor::ProcessDescriptor(const QSharedPointer<CommandTotals> &totals,
                                                 QObject *parent)
 {
     serverNode.reset(new QRemoteObjectHost(parent));
     ipcProcess.reset(new ServiceInterfaceManager(totals, parent));
-    localServer.reset(new GuardedLocalServer(RemoteInterface::serviceInterface(), parent));
+    localServer.reset(new QLocalServer(parent));
 }
 
 IpcServer::IpcServer(QObject *parent)
@@ -23,41 +40,37 @@ IpcServer::IpcServer(QObject *parent)
 {
 }
 
-IpcServer::~IpcServer() = default;
-
 int IpcServer::createPrivilegedProcess()
 {
     ++m_localSocketsCounter;
     const ProcessDescriptor descriptor(m_totals, this);
-    descriptor.localServer->setSocketOptions(QLocalServer::WorldAccessOption);
-    if (!descriptor.localServer->listen(shared::getIpcProcessUrl(m_localSocketsCounter))) {
-        qDebug() << QStringLiteral("Unable to start the server: %1. IpcServer")
-                        .arg(descriptor.localServer->errorString());
+    const QString problem = problemOfListening(*descriptor.localServer,
+                                               shared::getIpcProcessUrl(m_localSocketsCounter));
+    if (!problem.isEmpty()) {
+        qDebug() << QStringLiteral("Unable to start the server: %1. IpcServer").arg(problem);
         return -1;
     }
-
-    // The connection's own sender must not be kept alive by it, so it holds plain pointers; what
-    // they point to lives in m_descriptors.
-    connect(descriptor.localServer.data(), &QLocalServer::newConnection, this,
-            [server = descriptor.localServer.data(), host = descriptor.serverNode.data(),
-             manager = descriptor.ipcProcess.data()] {
-                qDebug() << "IpcServer new connection";
-                addHostConnection(*host, server->nextPendingConnection());
-                // Fails from the second connection on, since the object is published already.
-                // Asking every time, and Qt's warning, are wanted.
-                host->enableRemoting(manager);
-            });
-    logLifeOf(descriptor);
-    m_descriptors.push_back(descriptor);
+    serve(descriptor);
     return m_localSocketsCounter;
 }
 
-void IpcServer::logLifeOf(const ProcessDescriptor &descriptor)
+/// The first three connections hold copies of the descriptor. They go when this goes, newest first:
+/// nothing is logged then, since what logs has gone before the last copy.
+void IpcServer::serve(const ProcessDescriptor &descriptor)
 {
+    const QLocalServer *server = descriptor.localServer.data();
     const QRemoteObjectHost *host = descriptor.serverNode.data();
-    connect(descriptor.localServer.data(), &QObject::destroyed, this,
-            [] { qDebug() << "IpcServer destroyed"; });
-    connect(host, &QRemoteObjectHost::error, this, [](QRemoteObjectNode::ErrorCode code) {
+    connect(server, &QLocalServer::newConnection, this, [descriptor] {
+        qDebug() << "IpcServer new connection";
+        if (!CheckedConnection::accept(*descriptor.localServer, *descriptor.serverNode,
+                                       ServiceInterfaceSource::staticMetaObject))
+            return;
+        // Fails from the second connection on, since the object is published already. Asking every
+        // time, and Qt's warning, are wanted.
+        descriptor.serverNode->enableRemoting(descriptor.ipcProcess.data());
+    });
+    connect(server, &QObject::destroyed, this, [descriptor] { qDebug() << "IpcServer destroyed"; });
+    connect(host, &QRemoteObjectHost::error, this, [descriptor](QRemoteObjectNode::ErrorCode code) {
         qDebug() << "QRemoteObjectHost::error" << code;
     });
     connect(host, &QObject::destroyed, this, [] { qDebug() << "QRemoteObjectHost::destroyed"; });

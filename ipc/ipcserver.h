@@ -4,10 +4,8 @@
 
 #include <QtCore/QSharedPointer>
 
-#include <vector>
-
 class CommandTotals;
-class GuardedLocalServer;
+class QLocalServer;
 class QRemoteObjectHost;
 class ServiceInterfaceManager;
 
@@ -19,32 +17,27 @@ class IpcServer : public IpcInterfaceSource
 public:
     explicit IpcServer(QObject *parent = nullptr);
 
-    /// Closes every endpoint.
-    ~IpcServer() override;
-
     /// Opens the next endpoint, on shared::getIpcProcessUrl() of the returned number.
     /// The event loop does not turn inside.
-    /// @return the endpoint's number, from 1; -1 when its socket could not be opened or fewer than
-    ///         GuardedLocalServer::kEndpointReserve descriptors are left, which is logged and uses
-    ///         up the number.
+    /// @return the endpoint's number, from 1; -1 when its socket could not be opened or leaves
+    ///         fewer than guard::kEndpointReserve descriptors, which is logged and uses up the
+    ///         number.
     int createPrivilegedProcess() override;
 
 private:
-    /// What makes up one endpoint. Copies share the three objects.
+    /// What makes up one endpoint. Copies share the three objects; connections hold copies, and
+    /// with them keep the endpoint alive.
     struct ProcessDescriptor
     {
         ProcessDescriptor(const QSharedPointer<CommandTotals> &totals, QObject *parent);
 
-        // Destroyed in reverse order. The host goes first: it tells its peers, through sockets
-        // that belong to the local server, that the manager is no longer there.
-        QSharedPointer<GuardedLocalServer> localServer;
         QSharedPointer<ServiceInterfaceManager> ipcProcess;
         QSharedPointer<QRemoteObjectHost> serverNode;
+        QSharedPointer<QLocalServer> localServer;
     };
 
-    void logLifeOf(const ProcessDescriptor &descriptor);
+    void serve(const ProcessDescriptor &descriptor);
 
     qint32 m_localSocketsCounter = 0;
     QSharedPointer<CommandTotals> m_totals;
-    std::vector<ProcessDescriptor> m_descriptors;
 };

@@ -1,25 +1,31 @@
 #include "localserver.h"
 
-#include "guardedlocalserver.h"
-#include "hostconnection.h"
+#include "checkedconnection.h"
 #include "ipcurls.h"
+#include "socketname.h"
 
 #include <QtCore/QDebug>
-#include <QtNetwork/QLocalSocket>
+#include <QtNetwork/QLocalServer>
 
 LocalServer::LocalServer(QObject *parent)
     : QObject(parent)
-    , m_server(new GuardedLocalServer(RemoteInterface::ipcInterface(), this))
     , m_ipcServer(this)
 {
-    if (!m_server->listenExclusively(shared::getIpcServiceUrl())) {
+    m_server.reset(new QLocalServer(this));
+    m_server->setSocketOptions(QLocalServer::WorldAccessOption);
+    const QString name = shared::getIpcServiceUrl();
+    // With the option, Qt renames the new socket over whatever has the name, a live server's
+    // included.
+    const bool isTaken = socketname::isTakenByOwnUser(name);
+    if (isTaken || !m_server->listen(name)) {
         qDebug() << QStringLiteral("Unable to start the server: %1. LocalServer")
-                        .arg(m_server->errorString());
+                        .arg(isTaken ? socketname::addressInUse() : m_server->errorString());
         return;
     }
+    socketname::warnUnlessOwnSocket(name);
 
     // Only the first text says what happened; the ends of the others are wanted as they are.
-    connect(m_server.data(), &QLocalServer::newConnection, this, &LocalServer::acceptConnection);
+    connect(m_server.data(), &QLocalServer::newConnection, this, [this] { acceptConnection(); });
     connect(m_server.data(), &QObject::destroyed, this,
             [] { qDebug() << "LocalServer destroyed"; });
     connect(&m_serverNode, &QRemoteObjectHost::remoteObjectRemoved, this,
@@ -41,7 +47,8 @@ LocalServer::~LocalServer()
 void LocalServer::acceptConnection()
 {
     qDebug() << "LocalServer new connection";
-    addHostConnection(m_serverNode, m_server->nextPendingConnection());
+    if (!CheckedConnection::accept(*m_server, m_serverNode, IpcInterfaceSource::staticMetaObject))
+        return;
     if (!m_isRemotingEnabled) {
         m_isRemotingEnabled = true;
         m_serverNode.enableRemoting(&m_ipcServer);

@@ -1,6 +1,6 @@
 #include "vpnsession.h"
 
-#include "framechecker.h"
+#include "guardlimits.h"
 #include "ipcurls.h"
 #include "rep_ipcinterface_replica.h"
 #include "rep_serviceinterface_replica.h"
@@ -128,13 +128,13 @@ std::optional<Problem> VpnSession::lengthProblem(const QString &message,
                                                  const VpnServerInformation &server)
 {
     const qint64 length = frameLength(message, server);
-    if (length <= FrameChecker::kLongestFrame)
+    if (length <= guard::kMaxFrameBytes)
         return {};
     return Problem{ExitCode::WrongUse,
                    QStringLiteral("The command with its record takes %1 bytes, and the daemon "
                                   "accepts %2 at most.")
                        .arg(length)
-                       .arg(FrameChecker::kLongestFrame),
+                       .arg(guard::kMaxFrameBytes),
                    QStringLiteral("Every character takes two. Leave out the certificates that the "
                                   "server does not need.")};
 }
