@@ -7,14 +7,12 @@ namespace frames {
 
 namespace {
 
-constexpr quint16 kHandshake = 1;
 constexpr quint16 kAddObject = 4;
 constexpr quint16 kRemoveObject = 5;
 constexpr quint16 kInvoke = 6;
 constexpr quint16 kPing = 10;
 
 constexpr int kInvokeMetaMethod = 0;
-constexpr int kNoSerial = -1;
 constexpr int kNoProperty = -1;
 
 template<typename... Values>
@@ -44,11 +42,6 @@ QByteArray packet(quint16 type, const QString &name, const QByteArray &rest)
     return frame(streamed(type, name) + rest);
 }
 
-QByteArray handshake()
-{
-    return packet(kHandshake, QStringLiteral("QtRO 1.3"));
-}
-
 QByteArray addObject(const QString &name)
 {
     return packet(kAddObject, name, QByteArray(1, '\0'));
@@ -64,16 +57,17 @@ QByteArray ping(const QString &name)
     return packet(kPing, name);
 }
 
-QByteArray invoke(const QString &name, int slot, quint32 count, const QByteArray &arguments)
+QByteArray invoke(const QString &name, int slot, quint32 count, const QByteArray &arguments,
+                  int serial)
 {
     return packet(kInvoke, name,
                   streamed(kInvokeMetaMethod, slot, count) + arguments
-                      + streamed(kNoSerial, kNoProperty));
+                      + streamed(serial, kNoProperty));
 }
 
 QByteArray createPrivilegedProcess()
 {
-    return invoke(kIpcInterface, kCreatePrivilegedProcess, 0, {});
+    return invoke(kIpcInterface, kCreatePrivilegedProcess, 0, {}, 1);
 }
 
 QByteArray serverSlot(bool state)

@@ -23,15 +23,16 @@ QByteArray frame(const QByteArray &body);
 /// @return a frame of packet type @p type for the object @p name, with @p rest behind the name.
 QByteArray packet(quint16 type, const QString &name, const QByteArray &rest = {});
 
-QByteArray handshake();
 QByteArray addObject(const QString &name);
 QByteArray removeObject(const QString &name);
 QByteArray ping(const QString &name);
 
 /// @return an invoke packet whose argument list says it has @p count arguments.
-QByteArray invoke(const QString &name, int slot, quint32 count, const QByteArray &arguments);
+/// @param serial the number that comes back with the reply; -1 when none is wanted.
+QByteArray invoke(const QString &name, int slot, quint32 count, const QByteArray &arguments,
+                  int serial = -1);
 
-QByteArray createPrivilegedProcess();
+QByteArray createPrivilegedProcess(); ///< the first call of a client
 QByteArray serverSlot(bool state);
 QByteArray vpnCommand(const QString &message, const VpnServerInformation &server = {});
 

@@ -1,0 +1,414 @@
+#include "checkedconnection.h"
+
+#include "frames.h"
+#include "logcapture.h"
+#include "rawconnection.h"
+#include "rep_ipcinterface_replica.h"
+#include "rep_ipcinterface_source.h"
+#include "rep_serviceinterface_replica.h"
+#include "rep_serviceinterface_source.h"
+
+#include <QtNetwork/QLocalServer>
+#include <QtNetwork/QLocalSocket>
+#include <QtRemoteObjects/QRemoteObjectHost>
+#include <QtTest/QtTest>
+
+#include <memory>
+#include <vector>
+
+#include <sys/resource.h>
+#include <unistd.h>
+
+using frames::kIpcInterface;
+using frames::kServiceInterface;
+
+namespace {
+
+constexpr int kMiB = 1'048'576;
+
+const QString kDisconnect = QStringLiteral("{\"type\":\"openvpn\",\"cmd\":\"disconnect\"}");
+const QString kTooMuch = QStringLiteral("Connection closed: \"too much is held for its client\"");
+const QString kUnread = QStringLiteral("Connection closed: \"the client does not read its "
+                                       "answers\"");
+
+class Service : public ServiceInterfaceSource
+{
+public:
+    void server_slot(bool) override { ++heartbeats; }
+    void vpn_command(const QString &message, const VpnServerInformation &server) override
+    {
+        calls.append(message + QLatin1Char(' ') + server.host);
+    }
+
+    int heartbeats = 0;
+    QStringList calls;
+};
+
+class Main : public IpcInterfaceSource
+{
+public:
+    int createPrivilegedProcess() override { return 7; }
+};
+
+/// A socket with a host behind it, as the daemon has them.
+template<typename Source>
+class Endpoint
+{
+public:
+    explicit Endpoint(const QString &name)
+    {
+        if (!m_server.listen(name))
+            qFatal("cannot listen");
+        QObject::connect(&m_server, &QLocalServer::newConnection, [this] {
+            if (CheckedConnection::accept(m_server, host, Source::staticMetaObject)
+                && !std::exchange(m_isPublished, true))
+                host.enableRemoting(&source);
+        });
+    }
+
+    Source source;
+    QRemoteObjectHost host;
+
+private:
+    QLocalServer m_server;
+    bool m_isPublished = false;
+};
+
+/// A client's socket that keeps what is written to it.
+class RecordingSocket : public QLocalSocket
+{
+public:
+    explicit RecordingSocket(const QString &name) { connectToServer(name); }
+    QByteArray written;
+
+protected:
+    qint64 writeData(const char *data, qint64 size) override
+    {
+        written += QByteArray(data, static_cast<int>(size));
+        return QLocalSocket::writeData(data, size);
+    }
+};
+
+int openDescriptors()
+{
+    return QDir(QStringLiteral("/proc/self/fd")).entryList(QDir::AllEntries | QDir::System).size();
+}
+
+} // namespace
+
+/// What stands between a client's socket and a host.
+class CheckedConnectionTest : public QObject
+{
+    Q_OBJECT
+
+private:
+    /// @return a connection without any host; its other end is the last of m_clients.
+    CheckedConnection *connection()
+    {
+        m_clients.push_back(std::make_unique<QLocalSocket>());
+        m_clients.back()->connectToServer(m_bareName);
+        if (!m_bareServer->waitForNewConnection(10'000))
+            qFatal("no connection");
+        auto *checked = new CheckedConnection(m_bareServer->nextPendingConnection(),
+                                              ServiceInterfaceSource::staticMetaObject);
+        checked->setParent(m_bareServer.data());
+        return checked;
+    }
+
+    QScopedPointer<QTemporaryDir> m_folder;
+    QScopedPointer<QLocalServer> m_bareServer;
+    QString m_bareName;
+    QString m_name;
+    std::vector<std::unique_ptr<QLocalSocket>> m_clients;
+    QScopedPointer<LogCapture> m_log;
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        qRegisterMetaTypeStreamOperators<VpnServerInformation>("VpnServerInformation");
+    }
+
+    void init()
+    {
+        m_folder.reset(new QTemporaryDir);
+        m_name = m_folder->filePath(QStringLiteral("endpoint"));
+        m_bareName = m_folder->filePath(QStringLiteral("bare"));
+        m_bareServer.reset(new QLocalServer);
+        QVERIFY(m_bareServer->listen(m_bareName));
+        m_log.reset(new LogCapture);
+    }
+
+    void cleanup()
+    {
+        m_log.reset();
+        m_bareServer.reset();
+        m_clients.clear();
+    }
+
+    /// What the frames made by hand are worth in all the other tests.
+    void clientsSendTheFramesMadeByHand()
+    {
+        Endpoint<Service> endpoint(m_name);
+        RecordingSocket socket(m_name);
+        VpnServerInformation server;
+        server.name = server.info = server.host = QStringLiteral("vpn.example.net");
+        server.ca = server.cert = server.key = QStringLiteral("-----BEGIN\n");
+        server.id = server.udpPort = server.tcpPort = 443;
+        {
+            QRemoteObjectNode node;
+            node.addClientSideConnection(&socket);
+            const std::unique_ptr<ServiceInterfaceReplica> replica(
+                node.acquire<ServiceInterfaceReplica>());
+            QVERIFY(replica->waitForSource(10'000));
+            replica->server_slot(true);
+            replica->vpn_command(kDisconnect, {});
+            replica->vpn_command(QStringLiteral("connect"), server);
+            QTRY_COMPARE(endpoint.source.calls.size(), 2);
+            // A client that watches over its connection pings it when nothing else comes.
+            node.setHeartbeatInterval(10);
+            QTRY_VERIFY(socket.written.endsWith(frames::ping(kServiceInterface)));
+            node.setHeartbeatInterval(0);
+        }
+        QByteArray sent = socket.written;
+        const QByteArray ping = frames::ping(kServiceInterface);
+        while (sent.contains(ping + ping))
+            sent.replace(ping + ping, ping);
+        QCOMPARE(sent.toHex(' '),
+                 (frames::addObject(kServiceInterface) + frames::serverSlot(true)
+                  + frames::vpnCommand(kDisconnect)
+                  + frames::vpnCommand(QStringLiteral("connect"), server)
+                  + frames::ping(kServiceInterface) + frames::removeObject(kServiceInterface))
+                     .toHex(' '));
+        QCOMPARE(endpoint.source.heartbeats, 1);
+        QCOMPARE(endpoint.source.calls,
+                 (QStringList{kDisconnect + QLatin1Char(' '),
+                              QStringLiteral("connect vpn.example.net")}));
+        QCOMPARE(m_log->lines(QtWarningMsg), QStringList());
+    }
+
+    void clientsOfTheMainSocketSendTheFramesMadeByHand()
+    {
+        Endpoint<Main> endpoint(m_name);
+        RecordingSocket socket(m_name);
+        {
+            QRemoteObjectNode node;
+            node.addClientSideConnection(&socket);
+            const std::unique_ptr<IpcInterfaceReplica> replica(node.acquire<IpcInterfaceReplica>());
+            QVERIFY(replica->waitForSource(10'000));
+            auto reply = replica->createPrivilegedProcess();
+            QTRY_VERIFY(reply.isFinished());
+            QCOMPARE(reply.returnValue(), 7);
+        }
+        QCOMPARE(socket.written.toHex(' '),
+                 (frames::addObject(kIpcInterface) + frames::createPrivilegedProcess()
+                  + frames::removeObject(kIpcInterface))
+                     .toHex(' '));
+    }
+
+    void violationEndsTheConnectionAndIsLogged()
+    {
+        Endpoint<Service> endpoint(m_name);
+        RawConnection other(m_name);
+        RawConnection connection(m_name);
+        QVERIFY(connection.send(frames::addObject(kServiceInterface) + frames::serverSlot(true)));
+        QTRY_COMPARE(endpoint.source.heartbeats, 1);
+        QVERIFY(connection.send(frames::serverSlot(true)
+                                + frames::invoke(kServiceInterface, 0, 0x7fffffff, {})));
+        QTRY_VERIFY(connection.isClosedByPeer());
+        QCOMPARE(m_log->lines(QtWarningMsg),
+                 QStringList{QStringLiteral("Connection closed: \"a frame of type 6: the slot "
+                                            "takes another number of arguments\"")});
+        // What came with the violation is not carried out either.
+        QCOMPARE(endpoint.source.heartbeats, 1);
+        QVERIFY(other.send(frames::addObject(kServiceInterface) + frames::serverSlot(true)));
+        QTRY_COMPARE(endpoint.source.heartbeats, 2);
+    }
+
+    void onlyWholeFramesCanBeRead()
+    {
+        auto *checked = connection();
+        QSignalSpy readable(checked, &QIODevice::readyRead);
+        const QByteArray frame = frames::serverSlot(true);
+        m_clients.back()->write(frame + frame.left(10));
+        QTRY_COMPARE(checked->bytesAvailable(), qint64(frame.size()));
+        QCOMPARE(readable.size(), 1);
+        QCOMPARE(checked->read(5), frame.left(5));
+        QCOMPARE(checked->bytesAvailable(), qint64(frame.size() - 5));
+        QCOMPARE(checked->readAll(), frame.mid(5));
+        m_clients.back()->write(frame.mid(10));
+        QTRY_COMPARE(checked->bytesAvailable(), qint64(frame.size()));
+        QCOMPARE(checked->readAll(), frame);
+    }
+
+    void oneClientIsReadInSteps()
+    {
+        auto *checked = connection();
+        QCOMPARE(checked->findChild<QLocalSocket *>()->readBufferSize(), qint64(32'768));
+    }
+
+    void hostIsMadeToForgetALongCall_data()
+    {
+        QTest::addColumn<int>("size");
+        QTest::addColumn<bool>("isForgotten");
+        QTest::newRow("4 KiB") << 4'096 << false;
+        QTest::newRow("more") << 4'098 << true;
+    }
+
+    void hostIsMadeToForgetALongCall()
+    {
+        QFETCH(int, size);
+        QFETCH(bool, isForgotten);
+        const int rest = frames::vpnCommand(QString()).size();
+        const QByteArray frame = frames::vpnCommand(QString((size - rest) / 2, QLatin1Char('A')));
+        QVERIFY(size - frame.size() < 2);
+        auto *checked = connection();
+        m_clients.back()->write(frame);
+        const QByteArray callOfNothing = frames::invoke(QStringLiteral(""), 0, 0, {});
+        QTRY_VERIFY(checked->bytesAvailable() > 0);
+        QCOMPARE(checked->readAll().size(),
+                 frame.size() + (isForgotten ? callOfNothing.size() : 0));
+    }
+
+    void answersOfOneMiBMayWait()
+    {
+        auto *first = connection();
+        QCOMPARE(first->write(QByteArray(kMiB, 'A')), qint64(kMiB));
+        QCOMPARE(first->bytesToWrite(), qint64(kMiB));
+        QCOMPARE(m_log->lines(QtWarningMsg), QStringList());
+        QCOMPARE(first->write("A", 1), qint64(1)); // whoever writes goes on as if all were well
+        QCOMPARE(m_log->lines(QtWarningMsg), QStringList{kUnread});
+        QCOMPARE(first->write("A", 1), qint64(1));
+        QCOMPARE(m_log->lines(QtWarningMsg), QStringList{kUnread}); // said once
+        QCOMPARE(first->bytesToWrite(), qint64(kMiB));
+        QTRY_COMPARE(m_clients.back()->state(), QLocalSocket::UnconnectedState);
+    }
+
+    void clientThatReadsGetsAllItsAnswers()
+    {
+        Endpoint<Service> endpoint(m_name);
+        QLocalSocket client;
+        client.connectToServer(m_name);
+        QByteArray pings;
+        while (pings.size() < 64 * 1024)
+            pings += frames::ping(kServiceInterface);
+        int received = 0;
+        connect(&client, &QIODevice::readyRead, this, [&] { received += client.readAll().size(); });
+        for (int round = 1; round <= 20; ++round) { // 20 times 64 KiB
+            client.write(pings);
+            QTRY_VERIFY(received >= round * pings.size());
+        }
+        QCOMPARE(m_log->lines(QtWarningMsg), QStringList());
+    }
+
+    void clientsShare16MiBAndWhoGoesGivesItsPartBack()
+    {
+        for (int round = 0; round < 2; ++round) {
+            for (int i = 0; i < 16; ++i)
+                connection()->write(QByteArray(kMiB, 'A'));
+            auto *late = connection();
+            late->write(QByteArray(65'536, 'A')); // which everybody may have
+            QCOMPARE(m_log->lines(QtWarningMsg), QStringList());
+            late->write("A", 1);
+            QCOMPARE(m_log->lines(QtWarningMsg), QStringList{kTooMuch});
+            cleanup();
+            init();
+        }
+    }
+
+    void answersThatWereReadAreHeldNoLonger()
+    {
+        auto *checked = connection();
+        for (int i = 0; i < 17; ++i) {
+            checked->write(QByteArray(kMiB, 'A'));
+            QTRY_COMPARE(m_clients.back()->bytesAvailable(), qint64(kMiB));
+            m_clients.back()->readAll();
+        }
+        QCOMPARE(m_log->lines(QtWarningMsg), QStringList());
+    }
+
+    void connectionsThatEndLeaveNothing()
+    {
+        Endpoint<Service> endpoint(m_name);
+        RawConnection steady(m_name);
+        QVERIFY(steady.send(frames::addObject(kServiceInterface) + frames::serverSlot(true)));
+        QTRY_COMPARE(endpoint.source.heartbeats, 1);
+        const int objects = endpoint.host.findChildren<QObject *>().size();
+        const int descriptors = openDescriptors();
+        {
+            const RawConnections silent = openConnections(m_name, 30);
+            const RawConnections attached = openConnections(m_name, 30);
+            for (const auto &connection : attached)
+                QVERIFY(connection->send(frames::addObject(kServiceInterface)));
+            QTRY_COMPARE(openDescriptors(), descriptors + 120);
+            QVERIFY(endpoint.host.findChildren<QObject *>().size() > objects);
+        }
+        QTRY_COMPARE(openDescriptors(), descriptors);
+        QTRY_COMPARE(endpoint.host.findChildren<QObject *>().size(), objects);
+        // Writing to one that has ended would show as a warning of Qt's.
+        Q_EMIT endpoint.source.finished();
+        QVERIFY(steady.receive(1));
+        QCOMPARE(m_log->lines(QtWarningMsg), QStringList());
+    }
+
+    void closingEndsTheConnection()
+    {
+        auto *checked = connection();
+        const QPointer<CheckedConnection> watched(checked);
+        QSignalSpy disconnected(checked, &CheckedConnection::disconnected);
+        checked->close();
+        QTRY_COMPARE(m_clients.back()->state(), QLocalSocket::UnconnectedState);
+        QCOMPARE(disconnected.size(), 1);
+        QTRY_VERIFY(watched.isNull());
+    }
+
+    void hostMayGoBeforeItsConnections()
+    {
+        RawConnections clients;
+        {
+            Endpoint<Service> endpoint(m_name);
+            clients = openConnections(m_name, 3);
+            for (const auto &client : clients)
+                QVERIFY(
+                    client->send(frames::addObject(kServiceInterface) + frames::serverSlot(true)));
+            QTRY_COMPARE(endpoint.source.heartbeats, 3);
+        }
+        QCOMPARE(closedByPeer(clients), 3);
+        QCOMPARE(m_log->lines(QtWarningMsg), QStringList());
+    }
+
+    void connectionLeaves32Descriptors_data()
+    {
+        QTest::addColumn<int>("left");
+        QTest::addColumn<bool>("isAccepted");
+        QTest::newRow("32") << 32 << true;
+        QTest::newRow("31") << 31 << false;
+    }
+
+    void connectionLeaves32Descriptors()
+    {
+        QFETCH(int, left);
+        QFETCH(bool, isAccepted);
+        Endpoint<Service> endpoint(m_name);
+        rlimit former = {};
+        QCOMPARE(::getrlimit(RLIMIT_NOFILE, &former), 0);
+        const auto restore = qScopeGuard([&] { ::setrlimit(RLIMIT_NOFILE, &former); });
+        RawConnection client(m_name);
+        const int next = ::dup(0); // the number that the other end will have
+        ::close(next);
+        const rlimit small = {static_cast<rlim_t>(next + 1 + left), former.rlim_max};
+        QCOMPARE(::setrlimit(RLIMIT_NOFILE, &small), 0);
+        QVERIFY(client.send(frames::addObject(kServiceInterface) + frames::serverSlot(true))
+                || !isAccepted);
+        if (isAccepted) {
+            QTRY_COMPARE(endpoint.source.heartbeats, 1);
+        } else {
+            QTRY_COMPARE(
+                m_log->lines(QtWarningMsg),
+                QStringList{QStringLiteral("Connection refused: too few descriptors are left")});
+            QVERIFY(client.waitForEnd());
+        }
+    }
+};
+
+QTEST_GUILESS_MAIN(CheckedConnectionTest)
+#include "tst_checkedconnection.moc"
