@@ -148,7 +148,6 @@ void CheckedConnection::limitHeldBytes()
 void CheckedConnection::refuse(const QString &reason)
 {
     m_isRefused = true;
-    m_readable.clear();
     qWarning() << "Connection closed:" << reason;
     // Not at once: the caller may be in the middle of telling something to all its connections.
     QMetaObject::invokeMethod(m_socket, &QLocalSocket::abort, Qt::QueuedConnection);

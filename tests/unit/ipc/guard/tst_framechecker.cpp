@@ -197,6 +197,9 @@ private Q_SLOTS:
         row("record of a type whose name begins alike",
             call(1, 2, text + withNumber(record, 5, 20)),
             "a frame of type 6: the slot takes other arguments");
+        row("record with the number of another type",
+            call(1, 2, text + withNumber(record, 0, 1025)),
+            "a frame of type 6: the slot takes other arguments");
         row("record of a type with a long name",
             call(1, 2, text + withNumber(record, 5, 0x7fffffff)),
             "a frame of type 6: its content is longer than the frame");
