@@ -65,8 +65,8 @@ QString manualEntryOf(const QString &event)
 }
 
 /// The longest "info" of recordWithInfo() with which a connect over UDP is no longer than the
-/// daemon accepts: (1 MiB - 137 bytes) / 2, less the command and the host.
-constexpr int kLongestInfo = 524'219 - 34 - 8;
+/// daemon accepts: (256 KiB - 137 bytes) / 2, less the command and the host.
+constexpr int kLongestInfo = 131'003 - 34 - 8;
 
 /// @return the path of a record whose "info" has so many characters; the stand-in connects.
 QString recordWithInfo(int size)
@@ -536,8 +536,8 @@ private Q_SLOTS:
         VpnctlProcess vpnctl;
         QCOMPARE(vpnctl.run(command + recordWithInfo(kLongestInfo + 1)), kWrongUse);
         QCOMPARE(problemsIn(vpnctl.errorLines()),
-                 QStringList{QStringLiteral("vpnctl: The command with its record takes 1048577 "
-                                            "bytes, and the daemon accepts 1048576 at most.")});
+                 QStringList{QStringLiteral("vpnctl: The command with its record takes 262145 "
+                                            "bytes, and the daemon accepts 262144 at most.")});
         QCOMPARE(endpoints(), 0);
         daemon.kill();
         QFile::remove(shared::getIpcServiceUrl());
