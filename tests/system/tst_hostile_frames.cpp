@@ -12,7 +12,6 @@
 #include <QtCore/QElapsedTimer>
 #include <QtTest/QtTest>
 
-#include <algorithm>
 #include <atomic>
 #include <random>
 #include <thread>
@@ -85,29 +84,17 @@ private:
 
     QByteArray crafted()
     {
-        const QByteArray length(4, static_cast<char>(0x7f));
-        switch (number(10)) {
+        switch (number(4)) {
         case 0:
-            return frames::frame(random(number(64)));
-        case 1:
             return random(64);
+        case 1:
+            return frames::frame(random(number(64)));
         case 2:
             return frames::packet(static_cast<quint16>(number(16)), name(), random(number(32)));
-        case 3:
-            return frames::invoke(name(), 0, 0x7fffffff, {});
-        case 4:
-            return frames::invoke(name(), number(8) - 4, static_cast<quint32>(number(4)),
-                                  random(32));
-        case 5:
-            return frames::invoke(name(), 0, 1, QByteArray(3, '\0') + '\t' + '\0' + length);
-        case 6:
-            return frames::invoke(kServiceInterface, 1, 2, frames::argument(text()) + random(64));
-        case 7:
-            return frames::packet(6, name(), length + length);
-        case 8:
-            return frames::addObject(text());
         default:
-            return QByteArray(4, '\xff') + random(16);
+            return frames::invoke(name(), number(8) - 4,
+                                  number(2) == 0 ? 0x7fffffff : static_cast<quint32>(number(4)),
+                                  random(32));
         }
     }
 
