@@ -49,10 +49,10 @@ bool CheckedConnection::accept(QLocalServer &server, QRemoteObjectHostBase &host
     auto *connection = new CheckedConnection(socket, source);
     host.addHostSideConnection(connection);
     // Without this, a host would go on to write to every connection that it ever had. Qt's
-    // ExternalIoDevice (src/remoteobjects/qconnectionfactories.cpp) asks for a signal
-    // SIGNAL(disconnected()), which is never found because the macro puts a "2" in front. 5.15.2
-    // connects when there is no such signal, and so always; 5.15.8 and 5.15.15 connect when there
-    // is one, and so never. The object that Qt has just made is the host's last child.
+    // ExternalIoDevice (src/remoteobjects/qconnectionfactories.cpp) looks up the signal
+    // SIGNAL(disconnected()), "2" in front, under which no class has one: 5.15.8 and 5.15.15 then
+    // connect nothing, 5.15.2 connects all the same. The object that Qt has just made is the host's
+    // last child.
     connect(connection, SIGNAL(disconnected()), host.children().constLast(), SIGNAL(disconnected()),
             Qt::UniqueConnection);
     // Last, so that it goes after the objects of the host that write to it when they go.
