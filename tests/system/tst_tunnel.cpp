@@ -81,16 +81,6 @@ private Q_SLOTS:
                  QStringList());
     }
 
-    void portWithoutAServerIsAFailedAttempt()
-    {
-        VpnServerInformation server = vpnlab::server();
-        server.tcpPort = 444;
-        m_client->connectTcp(server);
-        QTRY_COMPARE_WITH_TIMEOUT(m_client->outcome(),
-                                  QStringLiteral("warning.can_not_open_vpn_check_is_admin_granted"),
-                                  17'000);
-    }
-
     void serverOfAnotherAuthorityIsRefused()
     {
         VpnServerInformation server = vpnlab::server();
