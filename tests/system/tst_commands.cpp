@@ -221,21 +221,6 @@ private Q_SLOTS:
         QTRY_COMPARE(m_client->outcome(1), kSuccess);
         QCOMPARE(QProcess::execute(QStringLiteral("umount"), {kFolder}), 0);
     }
-
-    void connectIsRefusedWhenDescriptorsAreShort()
-    {
-        // Fewer than a tunnel would need.
-        QCOMPARE(
-            QProcess::execute(QStringLiteral("prlimit"),
-                              {QStringLiteral("--pid"), QString::number(m_daemon->pid()),
-                               QStringLiteral("--nofile=%1").arg(m_daemon->descriptors() + 5)}),
-            0);
-        m_client->connectUdp(serverFor(QStringLiteral("connects")));
-        QTRY_COMPARE(m_client->answers().size(), 1);
-        QCOMPARE(m_client->outcome(), QStringLiteral("warning.open_vpn_running_fails_check_apps"));
-        QCOMPARE(configurationFiles(), QStringList());
-        QCOMPARE(standins::openvpnStarts().size(), 0);
-    }
 };
 
 QTEST_GUILESS_MAIN(TestCommands)

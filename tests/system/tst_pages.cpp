@@ -1,7 +1,7 @@
 #include "operationresult.h"
-#include "vpnserverinformation.h"
 #include "rep_ipcinterface_source.h"
 #include "rep_serviceinterface_source.h"
+#include "vpnserverinformation.h"
 
 #include <QtCore/QRegularExpression>
 #include <QtTest/QtTest>
@@ -39,6 +39,91 @@ QStringList allMatches(const QString &pattern, const QString &text)
     return found;
 }
 
+/// The files of the repository, relative to it, without what a build leaves.
+QStringList filesOfTheRepository()
+{
+    const QDir root(QStringLiteral(TALVEX_SOURCES));
+    QStringList files;
+    QDirIterator all(root.path(), QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
+    while (all.hasNext()) {
+        const QString file = root.relativeFilePath(all.next());
+        static const QRegularExpression left(QStringLiteral("^(build[^/]*|\\.git|\\.cache)/"));
+        if (!file.contains(left))
+            files.append(file);
+    }
+    return files;
+}
+
+/// A page without its blocks of commands and dumps.
+QString proseOf(QString page)
+{
+    static const QRegularExpression block(QStringLiteral("^```.*?^```$"),
+                                          QRegularExpression::MultilineOption
+                                              | QRegularExpression::DotMatchesEverythingOption);
+    return page.remove(block);
+}
+
+/// The anchors that the headings of a page get where it is shown.
+QStringList anchorsOf(const QString &page)
+{
+    QStringList anchors;
+    for (QString heading : allMatches(QStringLiteral("^#+ +(.*)$"), proseOf(page))) {
+        heading = heading.toLower().remove(QRegularExpression(QStringLiteral("[^\\w\\- ]")));
+        anchors.append(heading.replace(QLatin1Char(' '), QLatin1Char('-')));
+    }
+    return anchors;
+}
+
+/// Links that lead nowhere.
+/// @param name of the page, relative to the repository
+QStringList deadLinksOf(const QString &name, const QString &page)
+{
+    QStringList dead;
+    for (const QString &link :
+         allMatches(QStringLiteral("\\]\\((?![a-z]+:)([^)\\s]+)\\)"), proseOf(page))) {
+        const QString path = link.section(QLatin1Char('#'), 0, 0);
+        const QString target = path.isEmpty()
+            ? name
+            : QDir::cleanPath(QFileInfo(name).path() + QLatin1Char('/') + path);
+        const QString anchor = link.section(QLatin1Char('#'), 1);
+        const bool isThere = !target.startsWith(QLatin1String(".."))
+            && QFileInfo::exists(QStringLiteral(TALVEX_SOURCES "/") + target);
+        if (!isThere
+            || (!anchor.isEmpty()
+                && !anchorsOf(path.isEmpty() ? page : contentOf(target)).contains(anchor)))
+            dead.append(link);
+    }
+    return dead;
+}
+
+/// Words in backticks that look like paths or files of the repository, and are none: they begin
+/// with one of its folders, or end like the name of a file.
+QStringList wrongPathsOf(const QString &page)
+{
+    static const QStringList files = filesOfTheRepository();
+    static const QRegularExpression fileName(
+        QStringLiteral("^[^/]+\\.(?:md|h|cpp|mm|rep|cmake|plist|sh|yml)$"));
+    QStringList wrong;
+    for (QString word : allMatches(QStringLiteral("`([\\w./+-]+)`"), proseOf(page))) {
+        const auto isOneWith = [&word](const QString &start, const QString &end) {
+            return std::any_of(files.begin(), files.end(), [&](const QString &file) {
+                return file == word || (!start.isEmpty() && file.startsWith(start))
+                    || (!end.isEmpty() && file.endsWith(end));
+            });
+        };
+        if (word.endsWith(QLatin1Char('/')))
+            word.chop(1);
+        const QString folder = word.section(QLatin1Char('/'), 0, 0) + QLatin1Char('/');
+        if (word.contains(QLatin1Char('/')) && isOneWith(folder, {})) {
+            if (!isOneWith(word + QLatin1Char('/'), {}))
+                wrong.append(word);
+        } else if (word.contains(fileName) && !isOneWith({}, QLatin1Char('/') + word)) {
+            wrong.append(word);
+        }
+    }
+    return wrong;
+}
+
 QString protocol()
 {
     return contentOf(QStringLiteral("docs/protocol.md"));
@@ -53,7 +138,6 @@ QString operations()
 struct Dump
 {
     QByteArray bytes;
-    QStringList fields;
     QMap<QString, QString> values;
 };
 
@@ -70,10 +154,8 @@ Dump dumpUnder(const QString &heading)
         if (!match.hasMatch())
             qFatal("not a line of a dump: %s", qPrintable(line));
         dump.bytes += QByteArray::fromHex(match.captured(1).toLatin1());
-        if (match.capturedLength(2) > 0) {
-            dump.fields.append(match.captured(2));
+        if (match.capturedLength(2) > 0)
             dump.values.insert(match.captured(2), match.captured(3));
-        }
     }
     return dump;
 }
@@ -101,11 +183,40 @@ QString signatureOf(const QMetaObject &meta)
 } // namespace
 
 /// The pages say what the code does.
-class Pages : public QObject
+class TestPages : public QObject
 {
     Q_OBJECT
 
 private Q_SLOTS:
+    void linksAndPathsLeadSomewhere_data()
+    {
+        QTest::addColumn<QString>("name");
+        for (const QString &file : filesOfTheRepository()) {
+            if (file.endsWith(QLatin1String(".md")))
+                QTest::newRow(qPrintable(file)) << file;
+        }
+    }
+
+    void linksAndPathsLeadSomewhere()
+    {
+        QFETCH(QString, name);
+        const QString page = contentOf(name);
+        QCOMPARE(deadLinksOf(name, page).join(QLatin1Char(' ')), QString());
+        QCOMPARE(wrongPathsOf(page).join(QLatin1Char(' ')), QString());
+    }
+
+    void deadLinksAndWrongPathsAreSeen()
+    {
+        const QString page = QStringLiteral(
+            "# A page\n[a](protocol.md) [b](#a-page) [c](../ipc/) [d](https://example.test/x)\n"
+            "[e](gone.md) [f](protocol.md#gone) [g](#gone) [h](../../etc)\n"
+            "`ipc/ipcserver.h` `ipcserver.h` `/tmp/x` `other/x` `ipc/gone.h` `gone.cpp`\n"
+            "```\n[i](gone.md) `ipc/gone.h`\n# Gone\n```\n");
+        QCOMPARE(deadLinksOf(QStringLiteral("docs/protocol.md"), page).join(QLatin1Char(' ')),
+                 QStringLiteral("gone.md protocol.md#gone #gone ../../etc"));
+        QCOMPARE(wrongPathsOf(page).join(QLatin1Char(' ')), QStringLiteral("ipc/gone.h gone.cpp"));
+    }
+
     void dumpOfTheServerRecordIsWhatTheStreamWrites()
     {
         const Dump dump = dumpUnder(QStringLiteral("VpnServerInformation"));
@@ -123,14 +234,6 @@ private Q_SLOTS:
         QCOMPARE(dump.bytes.toHex(' '), written(server).toHex(' '));
     }
 
-    void itemsOfTheServerRecordAreInTheOrderOfTheDump()
-    {
-        const QString section =
-            protocol().section(QStringLiteral("\n### "), 1, 1); // up to the next record
-        const QStringList items = allMatches(QStringLiteral("^\\| \\d+ \\| `(\\w+)` \\|"), section);
-        QCOMPARE(items, dumpUnder(QStringLiteral("VpnServerInformation")).fields);
-    }
-
     void dumpOfTheResultIsWhatTheStreamWrites()
     {
         const Dump dump = dumpUnder(QStringLiteral("OperationResult"));
@@ -142,18 +245,6 @@ private Q_SLOTS:
         QCOMPARE(dump.bytes.toHex(' '), written(result).toHex(' '));
     }
 
-    void everySlotAndSignalIsInTheProtocol()
-    {
-        const QStringList members =
-            allMatches(QStringLiteral("^ +((?:SLOT|SIGNAL)\\(.*\\));$"),
-                       contentOf(QStringLiteral("ipc/ipcinterface.rep"))
-                           + contentOf(QStringLiteral("ipc/serviceinterface.rep")));
-        QCOMPARE(members.size(), 5);
-        for (const QString &member : members)
-            QVERIFY2(protocol().contains(QLatin1Char('`') + member + QLatin1Char('`')),
-                     qPrintable(member));
-    }
-
     void signaturesAreThoseOfTheBuild()
     {
         const QStringList signatures = allMatches(
@@ -161,18 +252,6 @@ private Q_SLOTS:
         QCOMPARE(signatures,
                  (QStringList{signatureOf(IpcInterfaceSource::staticMetaObject),
                               signatureOf(ServiceInterfaceSource::staticMetaObject)}));
-    }
-
-    void numberOfWaitingCommandsIsThatOfTheCode()
-    {
-        const QStringList limits =
-            allMatches(QStringLiteral("^constexpr int kMostWaitingCommands = ([\\d']+);$"),
-                       contentOf(QStringLiteral("commands/serviceinterfacemanager.cpp")));
-        QCOMPARE(limits.size(), 1);
-        QString inThePage = limits[0];
-        inThePage.replace(QLatin1Char('\''), QLatin1Char(','));
-        QCOMPARE(allMatches(QStringLiteral("At most ([\\d,]+) commands wait"), protocol()),
-                 QStringList{inThePage});
     }
 
     void everyKeyOfTheDaemonIsInBothPages()
@@ -217,5 +296,5 @@ private Q_SLOTS:
     }
 };
 
-QTEST_GUILESS_MAIN(Pages)
-#include "pages.moc"
+QTEST_GUILESS_MAIN(TestPages)
+#include "tst_pages.moc"
