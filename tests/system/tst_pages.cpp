@@ -16,29 +16,6 @@ QString contentOf(const QString &path)
     return QString::fromUtf8(file.readAll());
 }
 
-/// The sources of the folders, one after the other.
-QString sourcesOf(const QStringList &folders)
-{
-    QString text;
-    for (const QString &folder : folders) {
-        const QDir dir(QStringLiteral(TALVEX_SOURCES "/") + folder);
-        for (const QString &name : dir.entryList({QStringLiteral("*.cpp"), QStringLiteral("*.mm")}))
-            text += contentOf(folder + QLatin1Char('/') + name);
-    }
-    return text;
-}
-
-/// What the first group captures, for every match.
-QStringList allMatches(const QString &pattern, const QString &text)
-{
-    QStringList found;
-    QRegularExpressionMatchIterator matches =
-        QRegularExpression(pattern, QRegularExpression::MultilineOption).globalMatch(text);
-    while (matches.hasNext())
-        found.append(matches.next().captured(1));
-    return found;
-}
-
 /// The files of the repository, relative to it, without what a build leaves.
 QStringList filesOfTheRepository()
 {
@@ -52,6 +29,29 @@ QStringList filesOfTheRepository()
             files.append(file);
     }
     return files;
+}
+
+/// The C++ sources in a folder and those below it, one after the other.
+QString sourcesIn(const QString &folder)
+{
+    QString text;
+    for (const QString &file : filesOfTheRepository()) {
+        if (file.startsWith(folder + QLatin1Char('/'))
+            && (file.endsWith(QLatin1String(".cpp")) || file.endsWith(QLatin1String(".mm"))))
+            text += contentOf(file);
+    }
+    return text;
+}
+
+/// What the first group captures, for every match.
+QStringList allMatches(const QString &pattern, const QString &text)
+{
+    QStringList found;
+    QRegularExpressionMatchIterator matches =
+        QRegularExpression(pattern, QRegularExpression::MultilineOption).globalMatch(text);
+    while (matches.hasNext())
+        found.append(matches.next().captured(1));
+    return found;
 }
 
 /// A page without its blocks of commands and dumps.
@@ -257,7 +257,7 @@ private Q_SLOTS:
     void everyKeyOfTheDaemonIsInBothPages()
     {
         QStringList keys = allMatches(QStringLiteral("\"((?:label|warning)\\.[a-z0-9_]+)\""),
-                                      sourcesOf({QStringLiteral("vpncore")}));
+                                      sourcesIn(QStringLiteral("vpncore")));
         keys.removeDuplicates();
         QCOMPARE(keys.size(), 7);
         for (const QString &key : keys) {
@@ -271,15 +271,16 @@ private Q_SLOTS:
 
     void everyLogLineOfTheRequestPathIsExplained()
     {
-        const QString sources = sourcesOf({QStringLiteral("daemon"), QStringLiteral("ipc"),
-                                           QStringLiteral("commands"), QStringLiteral("vpncore")});
+        QString sources;
+        for (const char *folder : {"daemon", "ipc", "commands", "vpncore"})
+            sources += sourcesIn(QString::fromLatin1(folder));
         QStringList texts = allMatches(
             QStringLiteral("q(?:Debug|Warning)\\(\\)\\s*<< (?:QStringLiteral\\()?\"(.*?)\""),
             sources);
         // Why a connection was closed, or a socket not opened.
         texts += allMatches(QStringLiteral("QStringLiteral\\(\"((?:the|it|its|there|clients|too|a "
                                            "frame) [^\"]*)\"\\)"),
-                            sourcesOf({QStringLiteral("ipc")}));
+                            sourcesIn(QStringLiteral("ipc")));
         QVERIFY2(texts.size() > 40, qPrintable(QString::number(texts.size())));
         const QString page = operations();
         for (QString text : texts) {
