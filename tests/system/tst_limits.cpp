@@ -91,9 +91,10 @@ private Q_SLOTS:
         compareAnswerTime(silent, 1, 10'000);
         QCOMPARE(silent.client.outcome(),
                  QStringLiteral("warning.open_vpn_server_does_not_respond"));
-        // Three waits, one inside the other, cost next to no processor time.
+        // Three waits, one inside the other, cost next to no processor time, here in hundredths
+        // of a second.
         const int used = processorTimeOf(m_daemon->pid()) - usedBefore;
-        QVERIFY2(usedBefore >= 0 && used <= 15, qPrintable(QString::number(used)));
+        QVERIFY2(usedBefore >= 0 && used <= 50, qPrintable(QString::number(used)));
 
         const qint64 stubbornOpenvpn = standins::openvpnStarts().first().pid;
         QVERIFY(standins::isAlive(stubbornOpenvpn));

@@ -1,6 +1,4 @@
 #include "operationresult.h"
-#include "rep_ipcinterface_source.h"
-#include "rep_serviceinterface_source.h"
 #include "vpnserverinformation.h"
 
 #include <QtCore/QRegularExpression>
@@ -129,11 +127,6 @@ QString protocol()
     return contentOf(QStringLiteral("docs/protocol.md"));
 }
 
-QString operations()
-{
-    return contentOf(QStringLiteral("docs/operations.md"));
-}
-
 /// A dump of a record in the page: its bytes, and the values that stand beside them.
 struct Dump
 {
@@ -172,12 +165,6 @@ QByteArray written(const Record &record)
     QDataStream stream(&bytes, QIODevice::WriteOnly);
     stream << record;
     return bytes;
-}
-
-QString signatureOf(const QMetaObject &meta)
-{
-    return QString::fromLatin1(
-        meta.classInfo(meta.indexOfClassInfo("RemoteObject Signature")).value());
 }
 
 } // namespace
@@ -245,30 +232,6 @@ private Q_SLOTS:
         QCOMPARE(dump.bytes.toHex(' '), written(result).toHex(' '));
     }
 
-    void signaturesAreThoseOfTheBuild()
-    {
-        const QStringList signatures = allMatches(
-            QStringLiteral("^\\| `\\w+Interface` \\| `([0-9a-f]{40})` \\|$"), protocol());
-        QCOMPARE(signatures,
-                 (QStringList{signatureOf(IpcInterfaceSource::staticMetaObject),
-                              signatureOf(ServiceInterfaceSource::staticMetaObject)}));
-    }
-
-    void everyKeyOfTheDaemonIsInBothPages()
-    {
-        QStringList keys = allMatches(QStringLiteral("\"((?:label|warning)\\.[a-z0-9_]+)\""),
-                                      sourcesIn(QStringLiteral("vpncore")));
-        keys.removeDuplicates();
-        QCOMPARE(keys.size(), 7);
-        for (const QString &key : keys) {
-            const QString quoted = QLatin1Char('`') + key + QLatin1Char('`');
-            QVERIFY2(operations().contains(quoted), qPrintable(key));
-            // This one belongs to the platform layer and travels to no client.
-            if (key != QLatin1String("warning.l2tp_connection_fail"))
-                QVERIFY2(protocol().contains(quoted), qPrintable(key));
-        }
-    }
-
     void everyLogLineOfTheRequestPathIsExplained()
     {
         QString sources;
@@ -282,18 +245,12 @@ private Q_SLOTS:
                                            "frame) [^\"]*)\"\\)"),
                             sourcesIn(QStringLiteral("ipc")));
         QVERIFY2(texts.size() > 40, qPrintable(QString::number(texts.size())));
-        const QString page = operations();
+        const QString page = contentOf(QStringLiteral("docs/operations.md"));
         for (QString text : texts) {
             text.remove(QStringLiteral("\\r")).remove(QStringLiteral("\\n"));
             for (const QString &piece : text.split(QRegularExpression(QStringLiteral("%\\d"))))
                 QVERIFY2(page.contains(piece.trimmed()), qPrintable(text));
         }
-    }
-
-    void changesNameTheVersion()
-    {
-        QVERIFY(contentOf(QStringLiteral("CHANGELOG.md"))
-                    .contains(QStringLiteral("\n## " TALVEX_VERSION)));
     }
 };
 
