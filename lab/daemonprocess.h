@@ -3,8 +3,8 @@
 #include <QtCore/QProcess>
 #include <QtCore/QStringList>
 
-/// The daemon under test, installed where users have it. Outside a private root the constructor ends
-/// the program.
+/// The daemon under test, installed where users have it. Outside a private root the constructor
+/// ends the program.
 class DaemonProcess : public QObject
 {
     Q_OBJECT
