@@ -1,6 +1,8 @@
 #include "daemonprocess.h"
 
 #include "ipcurls.h"
+#include "measures.h"
+#include "privateroot.h"
 
 #include <QtCore/QDir>
 #include <QtCore/QElapsedTimer>
@@ -32,6 +34,8 @@ bool isListening()
 
 DaemonProcess::DaemonProcess(Openvpn openvpn)
 {
+    if (!lab::isPrivateRoot())
+        qFatal("the daemon under test may only be installed in a private root");
     install(openvpn);
     m_process.setReadChannel(QProcess::StandardError); // which waitForReadyRead() then waits for
     connect(&m_process, &QProcess::readyReadStandardError, this,
@@ -149,12 +153,7 @@ QStringList DaemonProcess::linesWith(const QString &start)
 
 qint64 DaemonProcess::residentKiB() const
 {
-    QFile status(QStringLiteral("/proc/%1/status").arg(pid()));
-    if (!status.open(QIODevice::ReadOnly))
-        return -1;
-    const QByteArray text = status.readAll();
-    const int start = text.indexOf("VmRSS:");
-    return text.mid(start + 6).trimmed().split(' ').first().toLongLong();
+    return measures::statusOf(pid(), "VmRSS");
 }
 
 int DaemonProcess::descriptors() const

@@ -3,8 +3,8 @@
 #include <QtCore/QProcess>
 #include <QtCore/QStringList>
 
-/// The daemon under test, installed where users have it and started as launchd starts it. Only
-/// for use in a private root.
+/// The daemon under test, installed where users have it. Outside a private root the constructor
+/// ends the program.
 class DaemonProcess : public QObject
 {
     Q_OBJECT

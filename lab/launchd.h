@@ -1,32 +1,43 @@
 #pragma once
 
-#include "daemonprocess.h"
+#include <QtCore/QProcess>
+#include <QtCore/QVariantMap>
 
-/// The daemon as launchd's job: in a process group of its own, which launchd ends when the daemon
-/// has died, and started again with the names of its sockets free.
-class LaunchdJob
+/// The daemon as launchd runs it: with the command, the limits, the environment and the log file of
+/// its property list, in a process group of its own, which launchd ends when the daemon has died.
+/// Only for use in a private root.
+class LaunchdJob : public QProcess
 {
+    Q_OBJECT
+
 public:
     /// What becomes of the processes that a dead daemon leaves.
     enum class Survivors { AreEnded, StayAlive };
 
+    /// Puts the bundle in its place and reads packaging/macos/TalvexVpnd.plist.
     LaunchdJob();
-    ~LaunchdJob();
-    LaunchdJob(const LaunchdJob &) = delete;
-    LaunchdJob &operator=(const LaunchdJob &) = delete;
+    ~LaunchdJob() override;
 
-    /// Starts the daemon and waits until it listens.
-    bool start();
+    const QVariantMap &properties() const { return m_properties; }
 
-    /// Starts the daemon and waits for nothing.
+    /// Starts the daemon and waits until it accepts clients.
+    /// @return false when it does not within some seconds.
+    bool run();
+
+    /// Starts the daemon and waits for nothing but its start.
     bool startOnly();
 
-    /// Ends the daemon with SIGKILL and cleans up as launchd does.
+    /// Ends the daemon with SIGKILL, when it is still there, and cleans up as launchd does.
     /// @return false when a process of the group would not go.
-    bool kill(Survivors survivors = Survivors::AreEnded);
+    bool crash(Survivors survivors = Survivors::AreEnded);
 
-    DaemonProcess &daemon() { return m_daemon; }
+    /// @return everything that the runs so far have written to standard error.
+    QByteArray log() const;
+
+protected:
+    void setupChildProcess() override;
 
 private:
-    DaemonProcess m_daemon;
+    QVariantMap m_properties;
+    qint64 m_group = 0;
 };

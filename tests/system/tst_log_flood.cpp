@@ -65,4 +65,4 @@ private Q_SLOTS:
 };
 
 QTEST_GUILESS_MAIN(LogFlood)
-#include "log_flood.moc"
+#include "tst_log_flood.moc"

@@ -1,0 +1,219 @@
+#include "client.h"
+#include "launchd.h"
+#include "privateroot.h"
+#include "standins.h"
+
+#include <QtTest/QtTest>
+
+#include <csignal>
+
+using standins::serverFor;
+
+namespace {
+
+struct Settings
+{
+    QString service;
+    QStringList servers;
+    QStringList domains;
+};
+
+const QVector<Settings> &usersSettings()
+{
+    static const QVector<Settings> settings{
+        {QStringLiteral("Wi-Fi"),
+         {QStringLiteral("192.0.2.53"), QStringLiteral("2001:db8::53")},
+         {QStringLiteral("home.test"), QStringLiteral("lan.test")}},
+        {QStringLiteral("Thunderbolt Bridge"), {}, {}},
+        {QStringLiteral("iPhone USB"), {QStringLiteral("198.51.100.1")}, {}},
+        {QStringLiteral("Old Modem"), {}, {QStringLiteral("modem.test")}}};
+    return settings;
+}
+
+/// In front of networksetup. Before or after the change that the file names, the daemon, which
+/// leads its process group, is killed, and the script at work gets no further.
+const QByteArray kKiller = R"bash(#!/bin/bash
+if [[ $1 == -set* && -s /tmp/kill-at ]]; then
+    read -r when left </tmp/kill-at
+    echo "$when $((left - 1))" >/tmp/kill-at
+fi
+die() { kill -KILL $(ps -o pgid= -p $$); sleep 10; }
+[[ $when$left != before1 ]] || die
+"$0.kept" "$@" || exit
+[[ $when$left != after1 ]] || die
+)bash";
+
+/// @param point "before" or "after", and the number of the change
+void killAt(const QByteArray &point)
+{
+    QFile file(QStringLiteral("/tmp/kill-at"));
+    if (!file.open(QIODevice::WriteOnly) || file.write(point + '\n') < 0)
+        qFatal("cannot write %s", qPrintable(file.fileName()));
+}
+
+void compareSettings()
+{
+    for (const Settings &settings : usersSettings()) {
+        QCOMPARE(standins::dnsServers(settings.service), settings.servers);
+        QCOMPARE(standins::searchDomains(settings.service), settings.domains);
+    }
+    QCOMPARE(standins::backupFiles().filter(QRegularExpression(QStringLiteral("^Talvex"))),
+             QStringList());
+}
+
+void bringTunnelUp(Client &client)
+{
+    QVERIFY(client.attachToNewEndpoint());
+    client.connectUdp(serverFor(QStringLiteral("connects")));
+    QTRY_COMPARE(client.outcome(), QStringLiteral("success"));
+    QCOMPARE(standins::dnsServers(QStringLiteral("Wi-Fi")),
+             QStringList{QStringLiteral("10.8.0.1")});
+}
+
+} // namespace
+
+/// The daemon killed while DNS settings are changed, and what its next start makes of it. The
+/// scripts are the real ones, run by bash.
+class TestCrash : public QObject
+{
+    Q_OBJECT
+
+public:
+    enum class During { Connect, Tunnel, Disconnect, Restore, Start };
+    Q_ENUM(During)
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        const QString tool = QStringLiteral("/sbin/networksetup");
+        QVERIFY(QFile::rename(tool, tool + QStringLiteral(".kept")));
+        QFile killer(tool);
+        QVERIFY(killer.open(QIODevice::WriteOnly));
+        QCOMPARE(killer.write(kKiller), kKiller.size());
+        QVERIFY(killer.setPermissions(QFile::ReadOwner | QFile::ExeOwner));
+    }
+
+    void init()
+    {
+        lab::resetPrivateRoot();
+        const auto orEmpty = [](const QStringList &values) {
+            return values.isEmpty() ? QStringList{QStringLiteral("Empty")} : values;
+        };
+        for (const Settings &settings : usersSettings())
+            standins::setDns(settings.service, orEmpty(settings.servers),
+                             orEmpty(settings.domains));
+    }
+
+    void nextStartGivesTheSettingsBack_data()
+    {
+        QTest::addColumn<During>("during");
+        QTest::addColumn<QByteArray>("point");
+        QTest::newRow("killed while connected") << During::Tunnel << QByteArray();
+        // The servers of the first of three services, and the domains of the second.
+        for (const char *point : {"before 1", "after 1", "before 4", "after 4"}) {
+            const auto row = [point](const char *when, During during) {
+                QTest::addRow("killed in %s %s", when, point) << during << QByteArray(point);
+            };
+            row("a connect", During::Connect);
+            row("a disconnect", During::Disconnect);
+            row("the daemon's own restore", During::Restore);
+            row("the restore at its start", During::Start);
+        }
+    }
+
+    void nextStartGivesTheSettingsBack()
+    {
+        QFETCH(During, during);
+        QFETCH(QByteArray, point);
+        LaunchdJob job;
+        QVERIFY(job.run());
+        Client client;
+        if (during == During::Connect) {
+            QVERIFY(client.attachToNewEndpoint());
+            killAt(point);
+            client.connectUdp(serverFor(QStringLiteral("connects")));
+        } else {
+            bringTunnelUp(client);
+            QVERIFY(!QTest::currentTestFailed());
+        }
+        // In these cases no openvpn is left that would run its script.
+        if (during != During::Connect && during != During::Disconnect)
+            ::kill(static_cast<pid_t>(standins::openvpnStarts().last().pid), SIGKILL);
+        if (during == During::Tunnel || during == During::Start)
+            QVERIFY(job.crash());
+        if (during == During::Disconnect || during == During::Restore) {
+            killAt(point);
+            client.disconnectTunnel();
+        }
+        if (during == During::Start) {
+            killAt(point);
+            QVERIFY(job.startOnly());
+        }
+        QTRY_COMPARE(job.state(), QProcess::NotRunning);
+        QVERIFY(!standins::backupFiles().isEmpty());
+        QVERIFY(job.crash());
+        QCOMPARE(standins::runningOpenvpns(), 0);
+
+        QVERIFY(job.run());
+        compareSettings();
+    }
+
+    /// Where nobody ends what the daemon leaves, the tunnel lives on without it.
+    void openvpnThatSurvivesKeepsItsTunnelButNotTheDnsSettings()
+    {
+        LaunchdJob job;
+        QVERIFY(job.run());
+        {
+            Client client;
+            bringTunnelUp(client);
+            QVERIFY(!QTest::currentTestFailed());
+            QVERIFY(job.crash(LaunchdJob::Survivors::StayAlive));
+        }
+        const auto survivor = standins::openvpnStarts().last();
+        QVERIFY(standins::isAlive(survivor.pid));
+
+        QVERIFY(job.run());
+        compareSettings();
+        QVERIFY(!QTest::currentTestFailed());
+        Client client;
+        QVERIFY(client.attachToNewEndpoint());
+        client.disconnectTunnel();
+        QTRY_COMPARE(client.outcome(), QStringLiteral("success"));
+        QVERIFY(standins::isAlive(survivor.pid)); // the new daemon does not know of it
+
+        ::kill(static_cast<pid_t>(survivor.pid), SIGTERM);
+        QTRY_VERIFY(!standins::isAlive(survivor.pid));
+        compareSettings();
+    }
+
+    /// What a script was writing when it was killed is no backup, and does not stay for good.
+    void halfWrittenBackupsAreRemovedByTheNextTunnel()
+    {
+        LaunchdJob job;
+        QVERIFY(job.run());
+        standins::writeBackup(QStringLiteral(".saving_999999"), "192.0.2.1\n");
+        Client client;
+        bringTunnelUp(client);
+        QVERIFY(!QTest::currentTestFailed());
+        QCOMPARE(standins::backupFiles().filter(QStringLiteral(".saving_")), QStringList());
+    }
+
+    /// Nobody is left to remove it, but nobody else can read it.
+    void configurationFileStaysPrivate()
+    {
+        LaunchdJob job;
+        QVERIFY(job.run());
+        Client client;
+        QVERIFY(client.attachToNewEndpoint());
+        client.connectUdp(serverFor(QStringLiteral("silent")));
+        QTRY_COMPARE(standins::runningOpenvpns(), 1);
+        QVERIFY(job.crash());
+        const QFileInfo left(standins::openvpnStarts().last().arguments.last());
+        QVERIFY(left.isFile());
+        QCOMPARE(left.permissions() & ~(QFile::ReadUser | QFile::WriteUser),
+                 QFile::ReadOwner | QFile::WriteOwner);
+    }
+};
+
+QTEST_GUILESS_MAIN(TestCrash)
+#include "tst_crash.moc"

@@ -1,0 +1,196 @@
+#include "client.h"
+#include "configtext.h"
+#include "daemonprocess.h"
+#include "hostilerecords.h"
+#include "privateroot.h"
+#include "vpnlab.h"
+
+#include <QtTest/QtTest>
+
+using hostilerecords::Record;
+using vpncore::OvpnConnection;
+
+namespace {
+
+const QLatin1String kFolder("/tmp/hostile");
+const QLatin1String kLeaveTrace("/tmp/hostile/leave-trace");
+
+void mustWrite(const QString &path, const QByteArray &content)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::WriteOnly) || file.write(content) != content.size()
+        || !file.setPermissions(file.permissions() | QFile::ExeUser | QFile::ReadUser))
+        qFatal("cannot write %s", qPrintable(path));
+}
+
+/// @return a directive that makes openvpn leave the trace "ran.N", in one of several ways.
+QString directive(const QString &field, int n)
+{
+    const QString script = QStringLiteral("%1 %2").arg(kLeaveTrace).arg(n);
+    QStringList ways{QStringLiteral("plugin " TALVEX_HOSTILE_PLUGIN " ") + script,
+                     QStringLiteral("route-up \"%1\"").arg(script),
+                     QStringLiteral("tls-verify \"%1\"").arg(script),
+                     QStringLiteral("ipchange \"%1\"").arg(script),
+                     QStringLiteral("config %1/%2.conf").arg(kFolder).arg(n)};
+    // The template's own line comes after the host and would win.
+    if (field != QLatin1String("host"))
+        ways.append(QStringLiteral("up \"%1\"").arg(script));
+    mustWrite(QStringLiteral("%1/%2.conf").arg(kFolder).arg(n),
+              "script-security 2\nroute-up \"" + script.toLatin1() + "\"\n");
+    return ways.at(n % ways.size());
+}
+
+QVector<Record> hostileRecords(const QString &field)
+{
+    return hostilerecords::of(field, vpnlab::server(),
+                              [&field](int n) { return directive(field, n); });
+}
+
+QStringList traces()
+{
+    return QDir(kFolder).entryList({QStringLiteral("ran.*")});
+}
+
+/// @return whether a script that the n-th record named has run, and as root.
+bool hasRun(int n)
+{
+    QFile file(QStringLiteral("%1/ran.%2").arg(kFolder).arg(n));
+    return file.open(QIODevice::ReadOnly) && file.readLine() == "uid 0\n";
+}
+
+/// A run of the real openvpn, with a configuration as the daemon writes it.
+class Run : public QProcess
+{
+public:
+    explicit Run(const QString &configText)
+    {
+        const QString path = QStringLiteral("%1/openvpn.%2.conf").arg(kFolder).arg(++s_count);
+        mustWrite(path, configtext::written(configText));
+        setProcessChannelMode(MergedChannels);
+        start(QStringLiteral("openvpn"), {QStringLiteral("--config"), path});
+    }
+
+    ~Run() override
+    {
+        kill();
+        waitForFinished();
+    }
+
+    /// @return whether all that the configuration asks for has been done.
+    bool isThrough(const QString &field)
+    {
+        m_output += readAll();
+        return state() == NotRunning
+            || m_output.contains("Initialization Sequence Completed")
+            // With no host there is nobody to answer.
+            || (field == QLatin1String("host")
+                && (m_output.contains("link remote: ") || m_output.contains("RESOLVE: ")));
+    }
+
+    const QByteArray &output() const { return m_output; }
+
+private:
+    static int s_count;
+    QByteArray m_output;
+};
+
+int Run::s_count = 0;
+
+} // namespace
+
+/// Records that try to make the real openvpn run a script as root.
+class TestHostileRecords : public QObject
+{
+    Q_OBJECT
+
+private:
+    static void addFields()
+    {
+        QTest::addColumn<QString>("field");
+        for (const QString &field : hostilerecords::fields())
+            QTest::newRow(qPrintable(field)) << field;
+    }
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        lab::resetPrivateRoot();
+        QVERIFY(vpnlab::up());
+        // Nobody looks at DNS settings here.
+        QVERIFY(QFile::remove(QStringLiteral("/sbin/networksetup")));
+        QVERIFY(QFile::link(QStringLiteral("/bin/true"), QStringLiteral("/sbin/networksetup")));
+    }
+
+    void cleanupTestCase() { QVERIFY(vpnlab::down()); }
+
+    void init()
+    {
+        QDir(kFolder).removeRecursively();
+        QVERIFY(QDir().mkpath(kFolder));
+        mustWrite(kLeaveTrace, "#!/bin/bash\necho \"uid $UID\" >>/tmp/hostile/ran.\"$1\"\n");
+    }
+
+    void noRecordRunsAnything_data() { addFields(); }
+
+    void noRecordRunsAnything()
+    {
+        QFETCH(QString, field);
+        const QVector<Record> records = hostileRecords(field);
+        QVERIFY(records.size() >= 20);
+        // One after the other: a server drops a client whose certificate another one shows.
+        for (const Record &record : records) {
+            Run run(configtext::generated(OvpnConnection::Udp, record.server));
+            QTRY_VERIFY2_WITH_TIMEOUT(run.isThrough(field), qPrintable(record.name), 10'000);
+            // None of the silence is the openvpn's fault: it has run.
+            QVERIFY2(!run.output().isEmpty(), qPrintable(record.name));
+        }
+        QCOMPARE(traces(), QStringList());
+    }
+
+    void everyRecordRunsItsScriptWithoutTheChecks_data() { addFields(); }
+
+    void everyRecordRunsItsScriptWithoutTheChecks()
+    {
+        QFETCH(QString, field);
+        const QVector<Record> records = hostileRecords(field);
+        int ran = 0;
+        for (int n = 0; n < records.size(); ++n) {
+            if (!records.at(n).isInjection)
+                continue;
+            const Run run(configtext::unchecked(OvpnConnection::Udp, records.at(n).server));
+            QTRY_VERIFY2_WITH_TIMEOUT(hasRun(n), qPrintable(records.at(n).name), 10'000);
+            ++ran;
+        }
+        QVERIFY(ran >= 4);
+    }
+
+    /// One record for each field, by way of a client.
+    void daemonLeavesOutWhatIsHostile()
+    {
+        DaemonProcess daemon(DaemonProcess::Openvpn::Real);
+        QVERIFY(daemon.start());
+        Client client;
+        QVERIFY(client.attachToNewEndpoint());
+        const auto outputs = [&daemon] {
+            return daemon.linesWith(QStringLiteral("outputString:  \"2")).size(); // with its date
+        };
+        for (const QString &field : hostilerecords::fields()) {
+            const Record record = hostileRecords(field).first();
+            QVERIFY(record.isInjection);
+            const int outputsBefore = outputs();
+            const int answersBefore = client.answers().size();
+            client.connectUdp(record.server);
+            QTRY_VERIFY(outputs() > outputsBefore); // so it has read its configuration
+            client.disconnectTunnel();
+            QTRY_COMPARE(client.answers().size(), answersBefore + 2);
+            QCOMPARE(daemon.count(QStringLiteral("Left out of the configuration, since it could be "
+                                                 "read as something else: ")
+                                  + field),
+                     1);
+        }
+        QCOMPARE(traces(), QStringList());
+    }
+};
+
+QTEST_GUILESS_MAIN(TestHostileRecords)
+#include "tst_hostile_records.moc"

@@ -1,0 +1,96 @@
+#include "client.h"
+#include "daemonprocess.h"
+#include "privateroot.h"
+#include "standins.h"
+#include "vpnlab.h"
+
+#include <QtTest/QtTest>
+
+namespace {
+
+bool canPing(const QString &address)
+{
+    return QProcess::execute(QStringLiteral("ping"),
+                             {QStringLiteral("-c"), QStringLiteral("1"), QStringLiteral("-W"),
+                              QStringLiteral("2"), QStringLiteral("-q"), address})
+        == 0;
+}
+
+} // namespace
+
+/// The daemon with the real openvpn, against real servers in another network namespace.
+class TestTunnel : public QObject
+{
+    Q_OBJECT
+
+private:
+    QScopedPointer<DaemonProcess> m_daemon;
+    QScopedPointer<Client> m_client;
+
+private Q_SLOTS:
+    void init()
+    {
+        lab::resetPrivateRoot();
+        standins::setDns(QStringLiteral("Wi-Fi"), {QStringLiteral("192.0.2.53")},
+                         {QStringLiteral("home.test")});
+        QVERIFY(vpnlab::up());
+        m_daemon.reset(new DaemonProcess(DaemonProcess::Openvpn::Real));
+        QVERIFY(m_daemon->start());
+        m_client.reset(new Client);
+        QVERIFY(m_client->attachToNewEndpoint());
+    }
+
+    void cleanup()
+    {
+        m_client.reset();
+        m_daemon.reset();
+        QVERIFY(vpnlab::down());
+    }
+
+    void trafficGoesThroughTheTunnel_data()
+    {
+        QTest::addColumn<bool>("isUdp");
+        QTest::addColumn<QString>("serverInTunnel");
+        QTest::newRow("UDP") << true << QStringLiteral("10.8.0.1");
+        QTest::newRow("TCP") << false << QStringLiteral("10.9.0.1");
+    }
+
+    void trafficGoesThroughTheTunnel()
+    {
+        QFETCH(bool, isUdp);
+        QFETCH(QString, serverInTunnel);
+        if (isUdp)
+            m_client->connectUdp(vpnlab::server());
+        else
+            m_client->connectTcp(vpnlab::server());
+        QTRY_COMPARE_WITH_TIMEOUT(m_client->outcome(), QStringLiteral("success"), 17'000);
+        QVERIFY(canPing(serverInTunnel));
+        QCOMPARE(standins::dnsServers(QStringLiteral("Wi-Fi")), QStringList{serverInTunnel});
+        QCOMPARE(standins::searchDomains(QStringLiteral("Wi-Fi")),
+                 QStringList{QStringLiteral("talvex.test")});
+
+        m_client->disconnectTunnel();
+        QTRY_COMPARE_WITH_TIMEOUT(m_client->outcome(1), QStringLiteral("success"), 17'000);
+        QVERIFY(!canPing(serverInTunnel));
+        QCOMPARE(standins::dnsServers(QStringLiteral("Wi-Fi")),
+                 QStringList{QStringLiteral("192.0.2.53")});
+        QCOMPARE(standins::searchDomains(QStringLiteral("Wi-Fi")),
+                 QStringList{QStringLiteral("home.test")});
+        QCOMPARE(standins::backupFiles(), QStringList());
+        QCOMPARE(QDir(QStringLiteral("/tmp")).entryList({QStringLiteral("talvexvpnd.*")}),
+                 QStringList());
+    }
+
+    void serverOfAnotherAuthorityIsRefused()
+    {
+        VpnServerInformation server = vpnlab::server();
+        server.ca = server.cert; // signed by the right one, but not it
+        m_client->connectUdp(server);
+        QTRY_COMPARE_WITH_TIMEOUT(m_client->outcome(),
+                                  QStringLiteral("warning.can_not_open_vpn_check_is_admin_granted"),
+                                  17'000);
+    }
+};
+
+QTEST_GUILESS_MAIN(TestTunnel)
+#include "tst_tunnel.moc"
