@@ -1,7 +1,7 @@
 #include "configtext.h"
 
-#include "openvpnparser.h"
 #include "macplatform.h"
+#include "openvpnparser.h"
 #include "ovpntemplate.h"
 
 using openvpnparser::Directive;
@@ -43,8 +43,11 @@ QVector<Directive> expectedDirectives(OvpnConnection::ConnectionType type,
                                       const VpnServerInformation &server)
 {
     const QByteArray folder = written(vpncore::MacPlatform::resourcesDir());
-    QByteArrayList remote{"remote", server.host.toLatin1(),
-                          QByteArray::number(portOf(type, server))};
+    // As one text, because the driver replaces words over the blank between the two.
+    const QByteArray hostAndPort =
+        written(QStringLiteral("%1 %2").arg(server.host, QString::number(portOf(type, server))));
+    const int blank = hostAndPort.lastIndexOf(' ');
+    QByteArrayList remote{"remote", hostAndPort.left(blank), hostAndPort.mid(blank + 1)};
     remote.removeAll({});
     return {line({"client"}),
             line({"dev", "tun"}),

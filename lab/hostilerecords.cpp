@@ -155,6 +155,8 @@ QVector<Trick> hostTricks(const VpnServerInformation &good,
     add("line separator", remote + QChar(0x2028) + line() + QStringLiteral(" #"), false);
     add("next line (0x85)", remote + QChar(0x85) + line() + QStringLiteral(" #"), false);
     add("vertical tab and form feed", remote + QStringLiteral("\v\f") + line(), false);
+    add("tab and a comment", host + QLatin1Char('\t') + line() + QStringLiteral(" #"), false);
+    add("semicolon", host + QLatin1Char(';') + line(), false);
     add("places to fill", QStringLiteral("%1%2%3%4%5%6%7"), false);
     return tricks;
 }

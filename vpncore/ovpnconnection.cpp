@@ -1,10 +1,11 @@
 #include "ovpnconnection.h"
 
-#include "descriptors.h"
+#include "descriptorbudget.h"
 #include "eventwait.h"
 #include "macplatform.h"
 #include "ovpntemplate.h"
 #include "serverfields.h"
+#include "splitcommand.h"
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QDebug>
@@ -20,24 +21,9 @@ namespace vpncore {
 
 namespace {
 
-using namespace std::chrono_literals;
-
-constexpr auto kRequestLimit = 16s; ///< for all attempts of one request
-constexpr auto kAttemptLimit = 16s;
-constexpr auto kFirstOutputLimit = 10s;
-constexpr auto kPollPeriod = 500ms;
-constexpr auto kTerminateLimit = 15s;
-/// For exec(2) to succeed or fail, which takes a millisecond unless the disk hangs.
-constexpr auto kStartLimit = 2s;
-
-/// What a new tunnel needs at least: itself four, and then there must be enough to run the script
-/// that restores the DNS settings (8 on Linux, 12 on macOS), and to accept connections, if only to
-/// close them.
-constexpr int kDescriptorsLeft = 20;
-
 /// How much of what `openvpn` prints outside of an attempt is kept for the log of its end. A server
 /// can make it print a line for every packet, for months.
-constexpr qint64 kMostUnreadOutput = qint64(256) * 1024;
+constexpr qint64 kMaxUnreadOutput = qint64(256) * 1024;
 
 const char kCannotCreateConfig[] = "label.can_not_create_config_for_open_vpn";
 const char kCannotStart[] = "warning.open_vpn_running_fails_check_apps";
@@ -69,14 +55,19 @@ QString fromLatin1UpToNul(const QByteArray &bytes)
     return QString::fromLatin1(bytes.constData());
 }
 
-/// @return @p text, or nothing when it is not what the field @p name is for.
-QString fieldIf(bool (*isValid)(const QString &), const QString &text, const char *name)
+/// @return @p text, or nothing when it does not fit where it is to stand.
+QString keptIf(bool fits, const QString &text, const char *name)
 {
-    if (text.isEmpty() || isValid(text))
+    if (fits)
         return text;
     qWarning() << "Left out of the configuration, since it could be read as something else:"
                << name;
     return {};
+}
+
+QString keptInBlock(const QString &text, const char *tag)
+{
+    return keptIf(fitsInlineBlock(text, QLatin1String(tag)), text, tag);
 }
 
 /// What older configurations say, put in the words that OpenVPN takes today. The text becomes
@@ -97,6 +88,15 @@ QString compatibleConfigText(const QString &configText)
     return text;
 }
 
+/// A disk that is full is noticed here, and not by an `openvpn` that reads half a configuration.
+bool write(QFile &file, const QString &text)
+{
+    const QByteArray bytes = text.toUtf8();
+    const bool isWritten = file.write(bytes) == bytes.size() && file.flush();
+    file.close();
+    return isWritten;
+}
+
 } // namespace
 
 OperationResult OvpnConnection::overtakenResult()
@@ -104,7 +104,10 @@ OperationResult OvpnConnection::overtakenResult()
     return failure(kAttemptFailed);
 }
 
-OvpnConnection::OvpnConnection() = default;
+OvpnConnection::OvpnConnection(const OvpnLimits &chosenLimits)
+    : limits(chosenLimits)
+{
+}
 
 OvpnConnection::~OvpnConnection()
 {
@@ -143,11 +146,11 @@ OperationResult OvpnConnection::forceConnect(const QString &configText, const QS
     request.start();
     bool retry = false;
     do {
-        const quint64 ownDisconnect = disconnectCount + 1;
+        const OperationOrder::Token operation = operations.next();
         OperationResult result = tryConnectOneTime(configText, protocolName, retry);
-        if (result.success || disconnectCount != ownDisconnect)
+        if (result.success || operation.isOvertaken())
             return result;
-        if (hasPassed(request, kRequestLimit))
+        if (hasPassed(request, limits.request))
             break;
         if (!retry)
             return result;
@@ -164,17 +167,19 @@ OperationResult OvpnConnection::tryConnectOneTime(const QString &configText,
     retry = false;
     qDebug() << "\r\n----------------- New Connection -----------------\r\n";
 
-    const quint64 ownDisconnect = disconnectCount + 1;
-    const auto isOvertaken = [this, ownDisconnect] { return disconnectCount != ownDisconnect; };
+    const OperationOrder::Token operation = operations.next();
     disconnect();
-    if (isOvertaken())
+    if (operation.isOvertaken())
         return overtakenResult();
 
-    if (!canOpenDescriptors(kDescriptorsLeft))
-        return failure(kCannotStart);
-
+    const QString text = compatibleConfigText(configText);
     QTemporaryFile configFile;
-    if (!writeConfigFile(configFile, compatibleConfigText(configText)))
+    if (!configFile.open())
+        return failure(kCannotCreateConfig);
+    if (!leavesDescriptors(configFile.handle(), kTunnelReserve))
+        return failure(kCannotStart);
+    configFileName = configFile.fileName();
+    if (!write(configFile, text))
         return failure(kCannotCreateConfig);
 
     startOpenvpn();
@@ -188,9 +193,9 @@ OperationResult OvpnConnection::tryConnectOneTime(const QString &configText,
     while (true) {
         if (process->error() == QProcess::FailedToStart)
             return failure(kDoesNotExist);
-        if (hasPassed(attempt, kAttemptLimit))
+        if (hasPassed(attempt, limits.attempt))
             return timeOut(protocolName);
-        if (!outputSeen && hasPassed(attempt, kFirstOutputLimit))
+        if (!outputSeen && hasPassed(attempt, limits.firstOutput))
             return failure(kNoResponse);
 
         const QProcess::ProcessState state = process->state();
@@ -200,8 +205,8 @@ OperationResult OvpnConnection::tryConnectOneTime(const QString &configText,
             return failure(kAttemptFailed);
         }
 
-        waitUntil(kPollPeriod, isOvertaken);
-        if (isOvertaken())
+        waitUntil(limits.poll, [&operation] { return operation.isOvertaken(); });
+        if (operation.isOvertaken())
             return overtakenResult();
 
         const QString chunk = fromLatin1UpToNul(process->readAllStandardOutput());
@@ -223,17 +228,6 @@ OperationResult OvpnConnection::tryConnectOneTime(const QString &configText,
     }
 }
 
-bool OvpnConnection::writeConfigFile(QTemporaryFile &file, const QString &configText)
-{
-    if (!file.open())
-        return false;
-    configFileName = file.fileName();
-    const QByteArray bytes = configText.toUtf8();
-    const bool written = file.write(bytes) == bytes.size() && file.flush();
-    file.close();
-    return written;
-}
-
 void OvpnConnection::startOpenvpn()
 {
     const QString program = QCoreApplication::applicationDirPath() + QStringLiteral("/openvpn");
@@ -243,32 +237,31 @@ void OvpnConnection::startOpenvpn()
 
     process = std::make_unique<QProcess>();
     process->setProcessChannelMode(QProcess::MergedChannels);
-    process->start(program, {QStringLiteral("--config"), configFileName});
+    const SplitCommand split(command);
+    process->start(split.program, split.arguments);
     // Until the start is decided, error() knows nothing of a program that is missing.
-    process->waitForStarted(static_cast<int>(std::chrono::milliseconds(kStartLimit).count()));
+    process->waitForStarted(static_cast<int>(limits.start.count()));
 }
 
 OperationResult OvpnConnection::disconnect()
 {
-    const quint64 ownDisconnect = ++disconnectCount;
-    const auto isOvertaken = [this, ownDisconnect] { return disconnectCount != ownDisconnect; };
-
+    const OperationOrder::Token operation = operations.begin();
     deleteConfigFile();
     if (!process)
         return OperationResult::succeeded();
 
-    const auto isStopped = [this, &isOvertaken] {
-        if (isOvertaken() || isEnded())
+    const auto isStopped = [this, &operation] {
+        if (operation.isOvertaken() || isEnded())
             return true;
         logOutput();
         return false;
     };
     process->terminate();
-    waitUntil(kTerminateLimit, isStopped);
-    if (!isOvertaken())
+    waitUntil(limits.terminate, isStopped);
+    if (!operation.isOvertaken())
         process->kill();
     waitUntil(QDeadlineTimer::Forever, isStopped);
-    if (isOvertaken()) // and the newer operation has done, for the same process, what follows
+    if (operation.isOvertaken()) // and the newer one has done, for the same process, what follows
         return OperationResult::succeeded();
 
     MacPlatform::updateDns();
@@ -293,7 +286,7 @@ void OvpnConnection::dropExcessOutput()
     if (!process)
         return;
     QObject::connect(process.get(), &QProcess::readyRead, [source = process.get()] {
-        source->skip(std::max<qint64>(source->bytesAvailable() - kMostUnreadOutput, 0));
+        source->skip(std::max<qint64>(source->bytesAvailable() - kMaxUnreadOutput, 0));
     });
 }
 
@@ -317,10 +310,10 @@ OperationResult OvpnConnection::generateConfigText(ConnectionType &connectionTyp
     // Two different tests are wanted: a type that is neither means UDP with the TCP port.
     const int port = connectionType == Udp ? server.udpPort : server.tcpPort;
     const QString protocol = connectionType == Tcp ? QStringLiteral("tcp") : QStringLiteral("udp");
-    const QString host = fieldIf(isHost, server.host, "host");
-    const QString ca = fieldIf(isPem, server.ca, "ca");
-    const QString cert = fieldIf(isPem, server.cert, "cert");
-    const QString key = fieldIf(isPem, server.key, "key");
+    const QString host = keptIf(fitsRemoteLine(server.host, port), server.host, "host");
+    const QString ca = keptInBlock(server.ca, "ca");
+    const QString cert = keptInBlock(server.cert, "cert");
+    const QString key = keptInBlock(server.key, "key");
     // All in one pass, so that no inserted text is searched for places to fill.
     configText = ovpnTemplate().arg(protocol, host, ca, cert, key, QString::number(port),
                                     MacPlatform::resourcesDir());

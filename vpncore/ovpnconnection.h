@@ -1,14 +1,14 @@
 #pragma once
 
 #include "iovpnconnection.h"
+#include "operationorder.h"
+#include "ovpnlimits.h"
 
 #include <QtCore/QString>
 
 #include <memory>
 
-class QIODevice;
 class QProcess;
-class QTemporaryFile;
 
 namespace vpncore {
 
@@ -29,7 +29,7 @@ public:
     /// @return the failure that answers a connect which a newer command has overtaken.
     static OperationResult overtakenResult();
 
-    OvpnConnection();
+    explicit OvpnConnection(const OvpnLimits &chosenLimits = {});
 
     /// Stops a running `openvpn` as disconnect() does; the event loop turns meanwhile.
     ~OvpnConnection() override;
@@ -40,10 +40,10 @@ public:
     OperationResult connectUdp(const VpnServerInformation &server) override;
     OperationResult connectTcp(const VpnServerInformation &server) override;
 
-    /// Stops `openvpn` (SIGTERM, after 15 s SIGKILL), waits for its end however long that takes,
-    /// logs what it still prints and the last 256 KiB of what it printed before, and gives the DNS
-    /// settings back (see MacPlatform::updateDns(), which blocks for up to 10 s). Without a process
-    /// it only removes a configuration file that is left.
+    /// Stops `openvpn` (SIGTERM, after OvpnLimits::terminate SIGKILL), waits for its end however
+    /// long that takes, logs what it still prints and the last 256 KiB of what it printed before,
+    /// and gives the DNS settings back (see MacPlatform::updateDns(), which blocks for up to 10 s).
+    /// Without a process it only removes a configuration file that is left.
     /// @return success, always; also when a newer operation has taken over, whose process may run.
     OperationResult disconnect() override;
 
@@ -62,9 +62,9 @@ public:
     /// @param protocolName "UDP" or "TCP", for the time-out message.
     OperationResult connect(const QString &configText, const QString &protocolName);
 
-    /// Makes attempts until one succeeds, fails for good, or 16 s have passed over all of them.
-    /// A success that came late is still a success. The event loop turns meanwhile. An attempt
-    /// that failed leaves its `openvpn` to the next disconnect(), unless the 16 s are over.
+    /// Makes attempts until one succeeds, fails for good, or OvpnLimits::request has passed over
+    /// all of them. A success that came late is still a success. The event loop turns meanwhile. An
+    /// attempt that failed leaves its `openvpn` to the next disconnect(), unless the time is up.
     /// @param configText the complete OpenVPN configuration.
     /// @param protocolName "UDP" or "TCP", for the time-out message.
     /// @return success, or a failure with one of these localisation keys:
@@ -72,8 +72,8 @@ public:
     ///   - "warning.open_vpn_running_fails_check_apps": `openvpn` could not be started, or too few
     ///     descriptors are left;
     ///   - "warning.open_vpn_does_not_exists_try_another_protocol": the same, found out late;
-    ///   - "warning.open_vpn_connection_time_out": 16 s passed;
-    ///   - "warning.open_vpn_server_does_not_respond": 10 s passed without any output;
+    ///   - "warning.open_vpn_connection_time_out": OvpnLimits::attempt or ::request passed;
+    ///   - "warning.open_vpn_server_does_not_respond": OvpnLimits::firstOutput passed without any;
     ///   - "warning.can_not_open_vpn_check_is_admin_granted": `openvpn` reported an error, or a
     ///     newer operation overtook this one.
     OperationResult forceConnect(const QString &configText, const QString &protocolName);
@@ -83,8 +83,9 @@ public:
     OperationResult tryConnectOneTime(const QString &configText, const QString &protocolName,
                                       bool &retry);
 
-    /// Fills the configuration template. A host that is not isHost(), and a CA certificate,
-    /// certificate or key that is not isPem(), is left out, with one warning that names the field.
+    /// Fills the configuration template. A host that is not fitsRemoteLine(), and a CA certificate,
+    /// certificate or key that is not fitsInlineBlock(), is left out, with one warning that names
+    /// the field.
     /// @param connectionType only read.
     /// @param configText receives the configuration.
     /// @return success, always.
@@ -107,7 +108,6 @@ public:
     int analyseProcessOutput(const QString &output);
 
 private:
-    bool writeConfigFile(QTemporaryFile &file, const QString &configText);
     void startOpenvpn();
     bool isEnded() const;
     void logOutput();
@@ -115,9 +115,8 @@ private:
 
     QString configFileName;
     std::unique_ptr<QProcess> process;
-    /// How often disconnect() has been entered. Whoever waits compares it afterwards to learn
-    /// whether a newer operation has stopped the process it was waiting for.
-    quint64 disconnectCount = 0;
+    OperationOrder operations;
+    const OvpnLimits limits;
 };
 
 } // namespace vpncore

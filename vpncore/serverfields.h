@@ -5,25 +5,27 @@
 /// What of a server record may go into an OpenVPN configuration.
 ///
 /// The configuration is read by a program that runs as root and starts scripts, and every local
-/// user may send a record. So a text that could be read as anything but the value it stands for
-/// is left out. OpenVPN (openvpn(8), "inline files") takes a line's words apart at blanks and
-/// quotes. It reads inline blocks in pieces of 255 bytes, and a block ends at the first piece that
-/// begins, after white space, with the closing tag, whether or not a line begins there. Other lines
-/// have at most 255 bytes.
+/// user may send a record. So a text that could add a directive, or change the words of the line it
+/// stands in, is left out. OpenVPN (openvpn(8), "inline files") begins a directive after a line
+/// feed only, takes a line's words apart at blanks and quotes, and refuses a line of 256 bytes or
+/// more. An inline block ends only at its own closing tag, spelled exactly so; that need not stand
+/// at the start of a line, because blocks are read in pieces of 255 bytes. A zero byte ends the
+/// whole configuration.
+///
+/// A character beyond Latin-1 is written as a question mark, which means nothing to OpenVPN.
 namespace vpncore {
 
-/// The longest host that fits into a line with the rest of it, "remote HOST PORT", whatever the
-/// port. DNS names have at most 253 characters, and those in use far fewer.
-constexpr int kLongestHost = 235;
+/// @param port the port that stands beside the host.
+/// @return whether @p host is one word of the line "remote HOST PORT", and the line is not too
+/// long:
+///         the host, as it is written, has no control character, blank, quote, backslash, "#" or
+///         ";". True for an empty host.
+bool fitsRemoteLine(const QString &host, int port);
 
-/// @return whether @p text is a host name or an address, and nothing else to OpenVPN: ASCII
-///         letters, digits, dots, hyphens, underscores and colons, at most kLongestHost of them.
-bool isHost(const QString &text);
-
-/// @return whether @p text consists of PEM blocks (RFC 7468) and, between them, of explanatory
-///         text: every block is closed under its own label and holds base64 or headers only, and
-///         nowhere is there a "</" or a control character other than tab, line feed and
-///         carriage return.
-bool isPem(const QString &text);
+/// @param tag the name of the block: "ca", "cert" or "key".
+/// @return whether @p text can stand in the inline block: it has neither the block's closing tag
+/// nor
+///         a zero character. True for an empty text.
+bool fitsInlineBlock(const QString &text, QLatin1String tag);
 
 } // namespace vpncore

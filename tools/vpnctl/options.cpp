@@ -1,6 +1,6 @@
 #include "options.h"
 
-#include "serverfields.h"
+#include "host.h"
 
 #include <QtCore/QCommandLineParser>
 
@@ -317,7 +317,7 @@ void checkConnect(const Options &options, OptionReader &reader)
         || !options.certPath.isEmpty() || !options.keyPath.isEmpty();
     if (options.host.isEmpty() && hasHostOptions)
         reader.fail(QStringLiteral("--port, --ca, --cert and --key go with --host only."));
-    if (!options.host.isEmpty() && !vpncore::isHost(options.host))
+    if (!options.host.isEmpty() && !isHost(options.host))
         reader.fail(QStringLiteral("\"%1\" is no host name or address.").arg(options.host));
     if (!options.host.isEmpty() && options.caPath.isEmpty())
         reader.fail(QStringLiteral("--host needs --ca, the authority's certificate."));

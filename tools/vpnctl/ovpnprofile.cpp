@@ -1,8 +1,8 @@
 #include "ovpnprofile.h"
 
+#include "host.h"
 #include "pem.h"
 #include "textfile.h"
-#include "serverfields.h"
 
 #include <QtCore/QFileInfo>
 
@@ -223,7 +223,7 @@ private:
     {
         RemoteLine remote;
         remote.host = words.value(1);
-        if (!vpncore::isHost(remote.host)) {
+        if (!isHost(remote.host)) {
             fail(QStringLiteral("\"%1\" is no host name or address").arg(remote.host));
             return;
         }

@@ -1,7 +1,6 @@
 #include "pem.h"
 
 #include "textfile.h"
-#include "serverfields.h"
 
 #include <QtCore/QRegularExpression>
 #include <QtCore/QVector>
@@ -24,6 +23,7 @@ struct Block
 {
     QString label; ///< what stands after "-----BEGIN "
     QString text;
+    bool isPem = true; ///< its lines are base64 or headers
 
     bool isEncrypted() const
     {
@@ -31,6 +31,14 @@ struct Block
             || text.contains(QLatin1String("Proc-Type: 4,ENCRYPTED"));
     }
 };
+
+/// Base64, a header as keys of older forms have them (RFC 1421), or nothing.
+bool isBlockLine(const QString &line)
+{
+    static const QRegularExpression pattern(
+        QStringLiteral("\\A(?:[A-Za-z0-9+/]*={0,2}|[A-Za-z0-9-]+: [!-;=-~ ]*)\\z"));
+    return pattern.match(line).hasMatch();
+}
 
 /// A block that does not end is left out.
 QVector<Block> blocksOf(const QString &text)
@@ -43,7 +51,7 @@ QVector<Block> blocksOf(const QString &text)
         const QString line = untrimmed.trimmed();
         const QRegularExpressionMatch match = begin.match(line);
         if (match.hasMatch())
-            block = {match.captured(1), QString()};
+            block = {match.captured(1), {}};
         else if (block.label.isEmpty())
             continue;
 
@@ -51,6 +59,8 @@ QVector<Block> blocksOf(const QString &text)
         if (line == QStringLiteral("-----END %1-----").arg(block.label)) {
             blocks.append(block);
             block = {};
+        } else if (!match.hasMatch()) {
+            block.isPem = block.isPem && isBlockLine(line);
         }
     }
     return blocks;
@@ -83,18 +93,18 @@ std::optional<QString> pemFromText(PemKind kind, const QString &text, const QStr
                          .arg(source);
             return {};
         }
+        if (!block.isPem) {
+            *error = QStringLiteral("%1 holds a damaged PEM block: one of its lines is neither "
+                                    "base64 nor a header.")
+                         .arg(source);
+            return {};
+        }
         isKindSeen = isKindSeen || isOfKind(kind, block.label);
         blocks += block.text;
     }
     if (!isKindSeen) {
         *error = QStringLiteral("%1 holds no %2 in PEM form (\"-----BEGIN ...\").")
                      .arg(source, describe(kind));
-        return {};
-    }
-    if (!vpncore::isPem(blocks)) {
-        *error = QStringLiteral("%1 holds a PEM block that the daemon would leave out: one of its "
-                                "lines is neither base64 nor a header.")
-                     .arg(source);
         return {};
     }
     return blocks;

@@ -19,7 +19,7 @@ QString pemName(PemKind kind);
 /// @param source where the text comes from, for the error.
 /// @param error set, when nothing is returned, to one sentence.
 /// @return the blocks, each ended by a line feed; nothing when there is none of the right kind,
-///         when a key is encrypted, or when the daemon would leave the text out.
+///         when a key is encrypted, or when a block holds anything but base64 and headers.
 std::optional<QString> pemFromText(PemKind kind, const QString &text, const QString &source,
                                    QString *error);
 

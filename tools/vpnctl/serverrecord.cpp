@@ -1,9 +1,9 @@
 #include "serverrecord.h"
 
+#include "host.h"
 #include "pem.h"
 #include "target.h"
 #include "textfile.h"
-#include "serverfields.h"
 
 #include <QtCore/QFileInfo>
 #include <QtCore/QJsonDocument>
@@ -71,7 +71,7 @@ public:
             return {};
         }
         QString host = text(key);
-        if (!vpncore::isHost(host))
+        if (!isHost(host))
             fail(key, QStringLiteral("is no host name or address"));
         return host;
     }

@@ -1,5 +1,5 @@
-#include "pemtexts.h"
 #include "options.h"
+#include "pemtexts.h"
 #include "targets.h"
 
 #include <QtTest/QtTest>
@@ -120,7 +120,7 @@ private Q_SLOTS:
         QTest::addRow("host without ca")
             << QStringLiteral("connect --host a")
             << QStringLiteral("--host needs --ca, the authority's certificate.");
-        QTest::addRow("host longer than the daemon takes")
+        QTest::addRow("host that is too long")
             << QStringLiteral("connect --ca c --host %1").arg(QString(236, QLatin1Char('a')))
             << QStringLiteral("\"%1\" is no host name or address.")
                    .arg(QString(236, QLatin1Char('a')));

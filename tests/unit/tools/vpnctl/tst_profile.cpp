@@ -1,7 +1,6 @@
-#include "pemtexts.h"
 #include "ovpnprofile.h"
 #include "ovpntemplate.h"
-#include "serverfields.h"
+#include "pemtexts.h"
 
 #include <QtTest/QtTest>
 
@@ -217,8 +216,8 @@ private Q_SLOTS:
         QTest::addRow("host") << QStringLiteral("remote \"a\\\" b\"\n")
                               << QStringLiteral(
                                      "office.ovpn, line 1: \"a\" b\" is no host name or address.");
-        const QString longHost(vpncore::kLongestHost + 1, QLatin1Char('a'));
-        QTest::addRow("host longer than the daemon takes")
+        const QString longHost(236, QLatin1Char('a'));
+        QTest::addRow("host that is too long")
             << QStringLiteral("remote %1\n").arg(longHost)
             << QStringLiteral("office.ovpn, line 1: \"%1\" is no host name or address.")
                    .arg(longHost);
