@@ -1,7 +1,8 @@
 /// The baseline for what Remote Objects itself costs: the smallest program that serves the
-/// interface of an endpoint and writes the same log lines as the daemon.
+/// interface of an endpoint, writes the same log lines as the daemon, and watches for heartbeats
+/// with a timer as it does.
 ///
-///     minimalhost SOCKET
+///     minimalhost read|unread SOCKET
 
 #include "rep_serviceinterface_source.h"
 
@@ -9,6 +10,7 @@
 #include <QtCore/QDebug>
 #include <QtCore/QJsonDocument>
 #include <QtCore/QJsonObject>
+#include <QtCore/QTimer>
 #include <QtNetwork/QLocalServer>
 #include <QtNetwork/QLocalSocket>
 #include <QtRemoteObjects/QRemoteObjectHost>
@@ -26,6 +28,8 @@ public:
     void server_slot(bool clientState) override
     {
         qDebug() << "Replica state is " << (clientState ? "true" : "false");
+        m_timer.stop();
+        m_timer.start(30'000);
     }
 
     void vpn_command(const QString &message, const VpnServerInformation &) override
@@ -42,6 +46,7 @@ private:
             .toString();
     }
 
+    QTimer m_timer;
     const bool m_readsCommands;
     const QString m_unreadType = QStringLiteral("nothing");
 };
@@ -56,7 +61,9 @@ int main(int argc, char **argv)
     MinimalService service(QLatin1String(argv[1]) == QLatin1String("read"));
     QRemoteObjectHost host;
     QLocalServer server;
-    if (!server.listen(QString::fromLocal8Bit(argv[2])))
+    const QString socketName = QString::fromLocal8Bit(argv[2]);
+    QLocalServer::removeServer(socketName); // of a host that was killed
+    if (!server.listen(socketName))
         return 1;
     QObject::connect(&server, &QLocalServer::newConnection, &host,
                      [&, isEnabled = false]() mutable {

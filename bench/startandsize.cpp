@@ -1,6 +1,5 @@
-#include "measurements.h"
-#include "session.h"
-#include "subject.h"
+#include "programs.h"
+#include "rows.h"
 
 #include <QtCore/QFileInfo>
 
@@ -9,21 +8,15 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr int kStarts = 30;
-constexpr double kStartSlackMs = 50;
-
 constexpr int kMemoryRounds = 5;
-constexpr double kMemoryBar = 1.2;
-constexpr auto kSettle = 1s;
-
-constexpr double kBinaryBarKiB = 1024;
 
 /// Alone: two at the same time would share pages with each other.
-template<typename Program>
+template<typename AnyProgram>
 double idleMemoryOf()
 {
-    const Program program;
-    vpncore::waitUntil(kSettle);
-    return static_cast<double>(program.proportionalMemory());
+    const AnyProgram program;
+    vpncore::waitUntil(1s);
+    return memoryOf(program.pid(), "Pss");
 }
 
 } // namespace
@@ -33,15 +26,14 @@ Result start()
     QVector<double> measured;
     QVector<double> baseline;
     for (int n = 0; n < kStarts; ++n) {
-        baseline.append(session::runRestoreScript());
+        baseline.append(runRestoreScript());
         measured.append(Daemon().startTime());
     }
-    Result result =
-        pairedResult(QStringLiteral("ms"), measured, baseline, Bar::baselinePlus(kStartSlackMs));
+    Result result(QStringLiteral("ms"), measured, baseline);
     result.remark = QStringLiteral("worst %1 ms, of the baseline %2 ms")
                         .arg(quantile(measured, 1), 0, 'f', 1)
                         .arg(quantile(baseline, 1), 0, 'f', 1);
-    return result;
+    return result.mustBeAtMostBaselinePlus(50);
 }
 
 Result idleMemory()
@@ -52,16 +44,13 @@ Result idleMemory()
         measured.append(idleMemoryOf<Daemon>());
         baseline.append(idleMemoryOf<MinimalHost>());
     }
-    return pairedResult(QStringLiteral("KiB"), measured, baseline, Bar::ratioAtMost(kMemoryBar));
+    return Result(QStringLiteral("KiB"), measured, baseline).ratioMustBeAtMost(1.2);
 }
 
 Result binarySize()
 {
     const QFileInfo binary(QStringLiteral(TALVEX_STRIPPED_DAEMON));
     require(binary.size() > 0, "there is no stripped binary");
-    Result result;
-    result.unit = QStringLiteral("KiB");
-    result.measured = static_cast<double>(binary.size()) / 1024;
-    result.bar = Bar::atMost(kBinaryBarKiB);
-    return result;
+    return Result(QStringLiteral("KiB"), {static_cast<double>(binary.size()) / 1024})
+        .mustBeAtMost(1024);
 }

@@ -1,144 +1,120 @@
-#include "inprocessresults.h"
-#include "measurements.h"
-#include "session.h"
-#include "subject.h"
+#include "programs.h"
+#include "rows.h"
+
+#include "macplatform.h"
+#include "measures.h"
+#include "standins.h"
+#include "vpnlab.h"
 
 #include <algorithm>
-#include <functional>
+#include <unistd.h>
 
 namespace {
 
 using namespace std::chrono_literals;
 
 constexpr double kLightWait = 0.01;
-constexpr auto kObservation = 30s;
 constexpr auto kHeartbeatPeriod = 10s;
-constexpr int kHeartbeats = kObservation / kHeartbeatPeriod;
+constexpr int kHeartbeats = 3;
 constexpr auto kSettle = 2s;
 
-double toMilliseconds(std::chrono::nanoseconds time)
+/// @param duration how long the wait was that cost @p measured milliseconds.
+Result besideSpinning(double measured, std::chrono::seconds duration)
 {
-    return std::chrono::duration<double, std::milli>(time).count();
+    return Result(QStringLiteral("ms"), {measured}, {processorTimeOfSpinning(duration)})
+        .ratioMustBeAtMost(kLightWait);
 }
 
-/// What the daemon uses for @p act, which waits for the answer of a command.
-double processorTime(Daemon::Waits waits, const std::function<void(Client &)> &prepare,
-                     const std::function<void(Client &)> &act)
+qint64 wakeUpsOf(const Program &program)
 {
-    const Daemon daemon(Daemon::Openvpn::StandIn, waits);
-    Client client;
-    require(client.attachToNewEndpoint(), "the client could not attach");
-    prepare(client);
-    const auto before = daemon.processorTime();
-    act(client);
-    return toMilliseconds(daemon.processorTime() - before);
-}
-
-Result processorTimeResult(const std::function<void(Client &)> &prepare,
-                           const std::function<void(Client &)> &act)
-{
-    const double measured = processorTime(Daemon::Waits::Sleeping, prepare, act);
-    const double baseline = processorTime(Daemon::Waits::Spinning, prepare, act);
-    return pairedResult(QStringLiteral("ms"), {measured}, {baseline}, Bar::ratioAtMost(kLightWait));
+    return measures::statusOf(program.pid(), "voluntary_ctxt_switches");
 }
 
 } // namespace
 
 Result processorTimeOfSilentConnect()
 {
-    return processorTimeResult(
-        [](Client &) {},
-        [](Client &client) {
-            session::connect(client, session::standIn(QStringLiteral("silent")));
-            require(client.outcome() == QLatin1String("warning.open_vpn_server_does_not_respond"),
-                    "the silent server got another answer");
-        });
+    const Daemon daemon;
+    AttachedClient client;
+    const double before = processorTime(daemon.pid());
+    client.timeOf([&] { client.connectUdp(standins::serverFor(QStringLiteral("silent"))); });
+    const double measured = processorTime(daemon.pid()) - before;
+    require(client.outcome() == QLatin1String("warning.open_vpn_server_does_not_respond"),
+            "the silent server got another answer");
+    return besideSpinning(measured, 10s);
 }
 
 Result processorTimeOfIgnoredSigterm()
 {
-    return processorTimeResult(
-        [](Client &client) {
-            session::mustConnect(client, session::standIn(QStringLiteral("ignores-term")));
-        },
-        [](Client &client) {
-            const double time = session::mustDisconnect(client);
-            require(time > toMilliseconds(15s), "openvpn did not ignore SIGTERM");
-        });
+    const Daemon daemon;
+    AttachedClient client;
+    client.connectTunnel(standins::serverFor(QStringLiteral("ignores-term")));
+    const double before = processorTime(daemon.pid());
+    require(client.endTunnel() > 15'000, "openvpn did not ignore SIGTERM");
+    return besideSpinning(processorTime(daemon.pid()) - before, 15s);
 }
 
 Result processorTimeOfRunProcess()
 {
-    const QString benchmark = QStringLiteral("runProcessOnSleep");
-    const QVector<double> measured =
-        processorMilliseconds(QStringLiteral(TALVEX_INPROCESS), benchmark, 1);
-    const QVector<double> baseline =
-        processorMilliseconds(QStringLiteral(TALVEX_INPROCESS_SPINNING), benchmark, 1);
-    return pairedResult(QStringLiteral("ms"), measured, baseline, Bar::ratioAtMost(kLightWait));
+    const double before = processorTime(getpid());
+    QString output;
+    require(vpncore::MacPlatform::runProcess(QStringLiteral("sleep 5"), 10, output) == 0,
+            "sleep did not run to its end");
+    return besideSpinning(processorTime(getpid()) - before, 5s);
 }
 
 Result wakeUpsWithoutClient()
 {
     const Daemon daemon;
     vpncore::waitUntil(kSettle);
-    const qint64 before = daemon.voluntarySwitches();
-    vpncore::waitUntil(kObservation);
-    Result result;
-    result.unit = QStringLiteral("wake-ups");
-    result.measured = static_cast<double>(daemon.voluntarySwitches() - before);
-    result.bar = Bar::atMost(0);
+    const qint64 before = wakeUpsOf(daemon);
+    vpncore::waitUntil(30s);
+    Result result(QStringLiteral("wake-ups"), {static_cast<double>(wakeUpsOf(daemon) - before)});
     result.remark = QStringLiteral("in 30 s");
-    return result;
+    return result.mustBeAtMost(0);
 }
 
 Result wakeUpsWithTunnel()
 {
-    const session::Lab lab;
-    const Daemon daemon(Daemon::Openvpn::Real);
-    Client client;
-    require(client.attachToNewEndpoint(), "the client could not attach");
-    session::mustConnect(client, lab.server());
+    const Daemon daemon(DaemonProcess::Openvpn::Real);
+    const Lab lab;
+    AttachedClient client;
+    client.connectTunnel(vpnlab::server());
     client.heartbeat();
     vpncore::waitUntil(kSettle);
 
-    const qint64 before = daemon.voluntarySwitches();
+    const qint64 before = wakeUpsOf(daemon);
     for (int n = 0; n < kHeartbeats; ++n) {
         vpncore::waitUntil(kHeartbeatPeriod);
         client.heartbeat();
     }
     vpncore::waitUntil(kSettle);
-    const qint64 switches = daemon.voluntarySwitches() - before;
-    session::mustDisconnect(client);
+    const double wakeUps = static_cast<double>(wakeUpsOf(daemon) - before);
+    client.endTunnel();
 
-    Result result;
-    result.unit = QStringLiteral("wake-ups");
-    result.measured = static_cast<double>(switches) / kHeartbeats;
-    result.bar = Bar::atMost(4);
+    Result result(QStringLiteral("wake-ups"), {wakeUps / kHeartbeats});
     result.remark = QStringLiteral("each heartbeat, of %1 in 30 s").arg(kHeartbeats);
-    return result;
+    return result.mustBeAtMost(4);
 }
 
 Result threads()
 {
     const Daemon daemon;
-    int most = daemon.threads();
-    Client client;
-    require(client.attachToNewEndpoint(), "the client could not attach");
-    client.connectUdp(session::standIn(QStringLiteral("connects")));
-    while (client.answers().isEmpty()) {
-        vpncore::waitUntil(5ms);
-        most = std::max(most, daemon.threads());
-    }
+    AttachedClient client;
+    qint64 threads = 0;
+    const auto hasAnswers = [&](int answers) {
+        return [&, answers] {
+            threads = std::max(threads, measures::statusOf(daemon.pid(), "Threads"));
+            return client.answers().size() == answers;
+        };
+    };
+    client.connectUdp(standins::serverFor(QStringLiteral("connects")));
+    pollUntil(hasAnswers(1), "no answer came");
     require(client.outcome() == QLatin1String("success"), "the connect failed");
     client.disconnectTunnel();
-    while (client.answers().size() < 2) {
-        vpncore::waitUntil(1ms);
-        most = std::max(most, daemon.threads());
-    }
-    Result result;
-    result.unit = QStringLiteral("thread");
-    result.measured = most;
-    result.bar = Bar::atMost(1);
+    pollUntil(hasAnswers(2), "no answer came");
+
+    Result result(QStringLiteral("thread"), {static_cast<double>(threads)});
     result.remark = QStringLiteral("looked at all through a connect and a disconnect");
-    return result;
+    return result.mustBeAtMost(1);
 }

@@ -1,14 +1,13 @@
 #pragma once
 
-#include "report.h"
+#include "result.h"
 
-/// One function a row. Each starts what it measures, and leaves nothing running. Processor time,
-/// where a row allows it, because other work on the machine does not count into it; subject and
-/// baseline in turns, because the machine's speed changes with time.
+/// One function a row. Each starts what it measures and leaves nothing running. Subject and
+/// baseline take turns, because the machine's speed changes with time.
 ///
-/// All throw MeasurementFailed, and turn the event loop.
+/// All turn the event loop and throw MeasurementFailed.
 
-// Waiting
+// waiting.cpp
 Result processorTimeOfSilentConnect();
 Result processorTimeOfIgnoredSigterm();
 Result processorTimeOfRunProcess();
@@ -16,13 +15,13 @@ Result wakeUpsWithoutClient();
 Result wakeUpsWithTunnel();
 Result threads();
 
-// Tunnels
+// tunnels.cpp
 Result udpConnect();
 Result tcpConnect();
 Result disconnectAtOnce();
 Result disconnectReal();
 
-// Remote calls and endpoints
+// remotecalls.cpp
 Result heartbeats();
 Result commandsWithoutEffect();
 Result commandsWithoutEffectUnread();
@@ -30,7 +29,7 @@ Result endpointCreation();
 Result idleEndpointMemory();
 Result connectedEndpointMemory();
 
-// Start and size
+// startandsize.cpp
 Result start();
 Result idleMemory();
 Result binarySize();

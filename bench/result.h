@@ -1,0 +1,60 @@
+#pragma once
+
+#include <QtCore/QJsonObject>
+#include <QtCore/QString>
+#include <QtCore/QVector>
+
+#include <optional>
+#include <stdexcept>
+
+/// A measurement that could not be made although the machine provides what it needs.
+class MeasurementFailed : public std::runtime_error
+{
+    using std::runtime_error::runtime_error;
+};
+
+/// Throws MeasurementFailed with @p text unless @p holds.
+void require(bool holds, const char *text);
+
+/// @return the value below which @p fraction of the samples lie (0.5 is the median); the higher one
+///         of two when it falls between them.
+double quantile(QVector<double> samples, double fraction);
+double median(const QVector<double> &samples);
+
+/// What one row has found.
+class Result
+{
+public:
+    /// The median of @p samples, without a baseline.
+    Result(const QString &unit, const QVector<double> &samples);
+
+    /// The medians of rounds that each measured both, and of their ratios.
+    Result(const QString &unit, const QVector<double> &samples, const QVector<double> &baseline);
+
+    /// The bar, of which a row has one at most: without, it tells and cannot miss. The values are
+    /// in the row's unit; the ratio is of the measured value to the baseline.
+    Result &mustBeAtMost(double value);
+    Result &mustBeAtMostBaselinePlus(double value);
+    Result &ratioMustBeAtMost(double value);
+    Result &ratioMustBeAtLeast(double value);
+
+    /// @return the row without its number and name, as the JSON output has it.
+    QJsonObject json() const;
+
+    QString unit;
+    int rounds;
+    double measured;
+    std::optional<double> baseline;
+    std::optional<double> ratio;
+    QString remark;
+
+private:
+    Result &setBar(bool isMet, const QString &text);
+
+    QString m_bar;
+    QString m_verdict = QStringLiteral("no bar");
+};
+
+/// @param run the object that the JSON output holds.
+/// @return the same as text: the machine, then a Markdown table.
+QString tableOf(const QJsonObject &run);
