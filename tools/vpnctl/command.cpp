@@ -37,6 +37,7 @@ std::unique_ptr<Command> Command::create(const Options &options, Report &report)
 Command::Command(const Options &options, Report &report)
     : m_options(options)
     , m_report(report)
+    , m_session(options.limits)
 {
     m_answerLimit.setSingleShot(true);
     connect(&m_answerLimit, &QTimer::timeout, this, &Command::giveUpWaiting);

@@ -1,6 +1,6 @@
 #include "connectcommand.h"
 
-#include "targets.h"
+#include "targetreader.h"
 
 namespace vpnctl {
 

@@ -334,7 +334,7 @@ Options readOptions(Command command, const QStringList &arguments, OptionReader 
     options.caPath = reader.value(caOption());
     options.certPath = reader.value(certOption());
     options.keyPath = reader.value(keyOption());
-    options.port = reader.number(portOption(), 0, kLowestPort, kHighestPort);
+    options.port = reader.number(portOption(), 0, kMinPort, kMaxPort);
     options.detach = reader.isSet(detachOption());
     options.endpoint = reader.number(endpointOption(), 0, 1, std::numeric_limits<int>::max());
     options.answerLimit = std::chrono::seconds(

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "sessionlimits.h"
 #include "target.h"
 
 #include <QtCore/QStringList>
@@ -33,6 +34,7 @@ struct Options
     int endpoint = 0; ///< 0 when not given.
     QString message; ///< For raw: what to send.
     std::chrono::seconds answerLimit{120};
+    SessionLimits limits; ///< Not for the command line.
 };
 
 /// What became of reading a command line.

@@ -266,8 +266,8 @@ private:
         if (!isNumber || !isPort(port)) {
             fail(QStringLiteral("\"%1\" is no port; ports are %2 to %3")
                      .arg(word)
-                     .arg(kLowestPort)
-                     .arg(kHighestPort));
+                     .arg(kMinPort)
+                     .arg(kMaxPort));
         }
         return port;
     }

@@ -2,6 +2,7 @@
 
 #include "host.h"
 #include "pem.h"
+#include "serverfields.h"
 #include "target.h"
 #include "textfile.h"
 
@@ -45,7 +46,7 @@ public:
         return integer(key, standard, Limits::min(), Limits::max());
     }
 
-    qint32 port(const QString &key) { return integer(key, kNotServed, kNotServed, kHighestPort); }
+    qint32 port(const QString &key) { return integer(key, kNotServed, kNotServed, kMaxPort); }
 
     QString pem(PemKind kind)
     {

@@ -9,7 +9,7 @@ QString transportName(Transport transport)
 
 bool isPort(qint64 port)
 {
-    return port >= kLowestPort && port <= kHighestPort;
+    return port >= kMinPort && port <= kMaxPort;
 }
 
 } // namespace vpnctl

@@ -24,8 +24,8 @@ struct Target
 /// Targets in the order in which to try them.
 using Targets = QVector<Target>;
 
-constexpr int kLowestPort = 1;
-constexpr int kHighestPort = 65'535;
+constexpr int kMinPort = 1;
+constexpr int kMaxPort = 65'535;
 
 /// @return whether @p port is a port number.
 bool isPort(qint64 port);

@@ -1,4 +1,4 @@
-#include "targets.h"
+#include "targetreader.h"
 
 #include "ovpnprofile.h"
 #include "pem.h"

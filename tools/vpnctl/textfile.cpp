@@ -12,7 +12,7 @@ std::optional<QByteArray> readTextFile(const QString &path, const QString &what,
         // A pipe gives what it has, a device says that its size is 0: only reading tells.
         QByteArray part;
         do {
-            part = file.read(kLargestFile + 1 - content.size());
+            part = file.read(kMaxFileBytes + 1 - content.size());
             content += part;
         } while (!part.isEmpty());
     }
@@ -20,7 +20,7 @@ std::optional<QByteArray> readTextFile(const QString &path, const QString &what,
         *error = QStringLiteral("Cannot read the %1 %2: %3.").arg(what, path, file.errorString());
         return {};
     }
-    if (content.size() > kLargestFile) {
+    if (content.size() > kMaxFileBytes) {
         *error = QStringLiteral("The %1 %2 is too large; at most 1 MiB is read.").arg(what, path);
         return {};
     }

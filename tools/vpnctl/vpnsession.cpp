@@ -17,13 +17,8 @@ namespace {
 
 using namespace std::chrono_literals;
 
-/// For everything that the daemon does at once, unless it is restoring the DNS settings: for up to
-/// 10 s it does nothing else then.
-constexpr auto kHandshakeLimit = 15s;
-constexpr auto kHeartbeatPeriod = 10s;
-
-/// The daemon's limit is 30 s; what is sent just before may come after it.
-constexpr auto kLongestSilence = 29s;
+/// To connect to the main socket only to see whether somebody listens there.
+constexpr int kTrialLimitMs = 15'000;
 
 /// A daemon that ends closes its sockets one by one; so much later all are closed.
 constexpr auto kEndingTime = 100ms;
@@ -107,8 +102,7 @@ Problem foreignInterface()
 bool tryMainSocket(QLocalSocket &socket)
 {
     socket.connectToServer(shared::getIpcServiceUrl());
-    return socket.waitForConnected(
-        static_cast<int>(std::chrono::milliseconds(kHandshakeLimit).count()));
+    return socket.waitForConnected(kTrialLimitMs);
 }
 
 /// Why an endpoint's socket could not be connected to: mostly because there is no daemon at all.
@@ -144,8 +138,9 @@ std::optional<Problem> VpnSession::lengthProblem(const Target &target)
     return lengthProblem(connectCommand(target.transport), target.server);
 }
 
-VpnSession::VpnSession(QObject *parent)
+VpnSession::VpnSession(const SessionLimits &limits, QObject *parent)
     : QObject(parent)
+    , m_limits(limits)
 {
     m_limit.setSingleShot(true);
     connect(&m_limit, &QTimer::timeout, this, &VpnSession::limitExceeded);
@@ -198,14 +193,13 @@ void VpnSession::keepAlive()
     if (m_phase != Phase::Open)
         return;
     beat();
-    m_heartbeat.start(kHeartbeatPeriod);
+    m_heartbeat.start(m_limits.heartbeatPeriod);
 }
 
 void VpnSession::beat()
 {
     // The clock is that of the daemon's timer: it stands still for both while the machine sleeps.
-    if (m_sinceHeartbeat.isValid()
-        && m_sinceHeartbeat.hasExpired(std::chrono::milliseconds(kLongestSilence).count())) {
+    if (m_sinceHeartbeat.isValid() && m_sinceHeartbeat.hasExpired(m_limits.silence.count())) {
         m_heartbeat.stop();
         Q_EMIT lapsed(std::chrono::milliseconds(m_sinceHeartbeat.elapsed()));
         return;
@@ -217,7 +211,7 @@ void VpnSession::beat()
 void VpnSession::connectMainSocket(void (VpnSession::*next)())
 {
     m_phase = Phase::Reaching;
-    m_limit.start(kHandshakeLimit);
+    m_limit.start(m_limits.handshake);
     connect(&m_mainSocket, &QLocalSocket::connected, this, [this, next] {
         m_mainNode.addClientSideConnection(&m_mainSocket);
         m_main.reset(m_mainNode.acquire<IpcInterfaceReplica>());
@@ -242,7 +236,7 @@ void VpnSession::reportReached()
 void VpnSession::createEndpoint()
 {
     m_phase = Phase::Creating;
-    m_limit.start(kHandshakeLimit);
+    m_limit.start(m_limits.handshake);
     const QRemoteObjectPendingReply<int> reply = m_main->createPrivilegedProcess();
     auto *watcher = new QRemoteObjectPendingCallWatcher(reply, this);
     connect(watcher, &QRemoteObjectPendingCallWatcher::finished, this,
@@ -267,7 +261,7 @@ void VpnSession::connectEndpointSocket(int endpoint)
 {
     m_endpoint = endpoint;
     m_phase = Phase::Opening;
-    m_limit.start(kHandshakeLimit);
+    m_limit.start(m_limits.handshake);
     connect(&m_endpointSocket, &QLocalSocket::connected, this, [this] {
         m_endpointNode.addClientSideConnection(&m_endpointSocket);
         m_service.reset(m_endpointNode.acquire<ServiceInterfaceReplica>());
@@ -324,7 +318,7 @@ void VpnSession::limitExceeded()
 {
     fail({ExitCode::NoAnswer,
           QStringLiteral("The daemon accepts connections but did not answer within %1 seconds.")
-              .arg(std::chrono::seconds(kHandshakeLimit).count()),
+              .arg(m_limits.handshake / 1s),
           QStringLiteral("It is very busy, stopped or hanging. Try again; if that does not help, "
                          "look at its log, and restart it as a last resort.")});
 }

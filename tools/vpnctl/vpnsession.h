@@ -1,9 +1,10 @@
 #pragma once
 
 #include "operationresult.h"
-#include "vpnserverinformation.h"
 #include "problem.h"
+#include "sessionlimits.h"
 #include "target.h"
+#include "vpnserverinformation.h"
 
 #include <QtCore/QElapsedTimer>
 #include <QtCore/QObject>
@@ -36,7 +37,7 @@ public:
     /// As above, of the command that startTunnel() sends.
     static std::optional<Problem> lengthProblem(const Target &target);
 
-    explicit VpnSession(QObject *parent = nullptr);
+    explicit VpnSession(const SessionLimits &limits, QObject *parent = nullptr);
     ~VpnSession() override;
 
     /// Goes as far as the main socket's interface, which leaves nothing behind in the daemon.
@@ -60,8 +61,8 @@ public:
     /// Sends a command as it stands.
     void send(const QString &message, const VpnServerInformation &server = {});
 
-    /// Calls the heartbeat, now and every 10 s. From the first one on the daemon takes the tunnel
-    /// down when it hears none for 30 s, without an answer; then lapsed() tells.
+    /// Calls the heartbeat, now and again and again. From the first one on the daemon takes the
+    /// tunnel down when it hears none for 30 s, without an answer; then lapsed() tells.
     void keepAlive();
 
 Q_SIGNALS:
@@ -73,8 +74,8 @@ Q_SIGNALS:
     /// @param message JSON; commandOf() tells which command it is about.
     void answered(const QString &message, const OperationResult &result);
 
-    /// This process was stopped or held up for so long that the daemon has heard no heartbeat for
-    /// 30 s, or next to that. The heartbeat ends with that.
+    /// This process was stopped or held up for longer than SessionLimits::silence. The heartbeat
+    /// ends with that.
     /// @param silence since the last one.
     void lapsed(std::chrono::milliseconds silence);
 
@@ -97,6 +98,7 @@ private:
     void end();
     void fail(const Problem &problem);
 
+    const SessionLimits m_limits;
     // Destroyed in reverse order: nodes and replicas before the sockets that carry them.
     QLocalSocket m_mainSocket;
     QLocalSocket m_endpointSocket;

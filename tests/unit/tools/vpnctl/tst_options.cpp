@@ -1,6 +1,6 @@
 #include "options.h"
 #include "pemtexts.h"
-#include "targets.h"
+#include "targetreader.h"
 
 #include <QtTest/QtTest>
 

@@ -174,7 +174,7 @@ private Q_SLOTS:
         QFile file(folder.filePath(QStringLiteral("ca.crt")));
         QVERIFY(file.open(QIODevice::WriteOnly));
         const QByteArray certificate = pemtexts::certificate().toLatin1();
-        file.write(QByteArray(kLargestFile - certificate.size() - 1, 'x') + '\n' + certificate);
+        file.write(QByteArray(kMaxFileBytes - certificate.size() - 1, 'x') + '\n' + certificate);
         file.flush();
         const auto readIt = [&folder](QString *error) {
             return pemFromFile(PemKind::Authority, QStringLiteral("ca.crt"), QDir(folder.path()),

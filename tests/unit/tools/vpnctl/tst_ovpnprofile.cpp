@@ -261,4 +261,4 @@ private Q_SLOTS:
 };
 
 QTEST_GUILESS_MAIN(VpnctlProfile)
-#include "tst_profile.moc"
+#include "tst_ovpnprofile.moc"

@@ -168,4 +168,4 @@ private Q_SLOTS:
 };
 
 QTEST_GUILESS_MAIN(VpnctlRecord)
-#include "tst_record.moc"
+#include "tst_serverrecord.moc"
