@@ -4,9 +4,6 @@
 
 #include <csignal>
 
-#include <fcntl.h>
-#include <unistd.h>
-
 namespace {
 
 QStringList completeLinesOf(const QByteArray &text)
@@ -37,8 +34,6 @@ void VpnctlProcess::setupChildProcess()
 {
     for (const int signal : {SIGINT, SIGTERM, SIGHUP})
         std::signal(signal, SIG_DFL);
-    if (m_isOutputNonBlocking)
-        fcntl(STDOUT_FILENO, F_SETFL, fcntl(STDOUT_FILENO, F_GETFL) | O_NONBLOCK);
 }
 
 void VpnctlProcess::setVariable(const QString &name, const QString &value)

@@ -17,9 +17,6 @@ public:
     /// Sets a variable of the environment of what begins next.
     void setVariable(const QString &name, const QString &value);
 
-    /// Makes the standard output of what begins next one that does not block.
-    void makeOutputNonBlocking() { m_isOutputNonBlocking = true; }
-
     /// Starts vpnctl with the arguments, of which none may hold a blank.
     void begin(const QString &arguments);
     void begin(const QStringList &arguments);
@@ -53,5 +50,4 @@ protected:
 private:
     QByteArray m_output;
     QByteArray m_errors;
-    bool m_isOutputNonBlocking = false;
 };
