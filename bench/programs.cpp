@@ -49,9 +49,7 @@ QStringList installedDaemon(DaemonProcess::Openvpn openvpn)
 {
     lab::resetPrivateRoot();
     DaemonProcess installs(openvpn);
-    // Enough descriptors for the endpoints of row 7.
-    return {QStringLiteral("prlimit"), QStringLiteral("--nofile=8192"),
-            DaemonProcess::programFolder() + QStringLiteral("/talvexvpnd")};
+    return {DaemonProcess::programFolder() + QStringLiteral("/talvexvpnd")};
 }
 
 } // namespace
