@@ -2,7 +2,6 @@
 
 #include "host.h"
 #include "pem.h"
-#include "serverfields.h"
 #include "target.h"
 #include "textfile.h"
 
