@@ -1,27 +1,23 @@
-/// Measures the daemon against its bars; see docs/performance.md. Run by scripts/bench.
+/// Measures the daemon against its bars. For scripts/bench, which makes a table of what this
+/// prints: an object about the machine, then one object a row.
+///
+///     talvexbench WHY-NO-PRIVATE-ROOT WHY-NO-TUNNEL [ROW]...
+///
+/// The first two arguments are empty where the machine can do it. Ends with status 2 when there is
+/// no such row.
 
-#include "measures.h"
 #include "rows.h"
 
-#include <QtCore/QCommandLineParser>
-#include <QtCore/QCoreApplication>
-#include <QtCore/QDateTime>
-#include <QtCore/QFile>
-#include <QtCore/QJsonArray>
-#include <QtCore/QJsonDocument>
-#include <QtCore/QProcess>
-#include <QtCore/QRegularExpression>
-#include <QtCore/QSysInfo>
+#include "measures.h"
 
+#include <QtCore/QCoreApplication>
+#include <QtCore/QJsonDocument>
+#include <QtCore/QStringList>
+
+#include <algorithm>
 #include <cstdio>
-#include <thread>
 
 namespace {
-
-enum ExitCode { AllMet = 0, BarMissed = 1, UsageError = 2, NotAllMeasured = 77 };
-
-const QLatin1String kNotMeasured("not measured"); // the machine cannot do it
-const QLatin1String kFailed("FAILED"); // the measurement went wrong, which counts as a missed bar
 
 enum class Needs { Nothing, PrivateRoot, Tunnel };
 
@@ -59,120 +55,27 @@ constexpr Measurement kMeasurements[] = {
     {"10", "threads", Needs::PrivateRoot, threads},
 };
 
-QString lineOf(const QString &path, const QString &pattern)
+void print(const QJsonObject &object)
 {
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
-        return {};
-    return QRegularExpression(pattern, QRegularExpression::MultilineOption)
-        .match(QString::fromUtf8(file.readAll()))
-        .captured(1);
+    std::puts(QJsonDocument(object).toJson(QJsonDocument::Compact).constData());
+    std::fflush(stdout);
 }
 
-QString outputOf(const QString &program, const QStringList &arguments)
+QJsonObject withoutResult(const char *verdict, const QString &reason)
 {
-    QProcess process;
-    process.start(program, arguments);
-    process.waitForFinished();
-    return QString::fromUtf8(process.readAllStandardOutput());
+    return {{QStringLiteral("verdict"), QLatin1String(verdict)},
+            {QStringLiteral("reason"), reason}};
 }
 
-QJsonObject machine()
+QJsonObject rowOf(const Measurement &measurement, const QString &whyNot)
 {
-    return {
-        {QStringLiteral("processor"),
-         QStringLiteral("%1, %2 cores")
-             .arg(lineOf(QStringLiteral("/proc/cpuinfo"), QStringLiteral("^model name\\s*: (.*)$")))
-             .arg(std::thread::hardware_concurrency())},
-        {QStringLiteral("memory"),
-         lineOf(QStringLiteral("/proc/meminfo"), QStringLiteral("^MemTotal:\\s*(.*)$"))},
-        {QStringLiteral("system"),
-         QSysInfo::kernelType() + QLatin1Char(' ') + QSysInfo::kernelVersion()},
-        {QStringLiteral("Qt"), QString::fromLatin1(qVersion())},
-        {QStringLiteral("compiler"), QStringLiteral(__VERSION__)},
-        {QStringLiteral("openvpn"),
-         outputOf(QStringLiteral("/usr/sbin/openvpn"), {QStringLiteral("--version")})
-             .section(QLatin1Char(' '), 1, 1)},
-        {QStringLiteral("date"), QDateTime::currentDateTimeUtc().toString(Qt::ISODate)},
-        {QStringLiteral("load before"),
-         lineOf(QStringLiteral("/proc/loadavg"), QStringLiteral("^(\\S+)"))},
-    };
-}
-
-/// @return the libraries that the daemon is linked with, and those that they bring along.
-QStringList libraries()
-{
-    QStringList names;
-    const QString output =
-        outputOf(QStringLiteral("ldd"), {QStringLiteral(TALVEX_STRIPPED_DAEMON)});
-    for (const QString &line : output.split(QLatin1Char('\n'), Qt::SkipEmptyParts))
-        names.append(line.trimmed().section(QLatin1Char(' '), 0, 0));
-    return names;
-}
-
-/// What the machine cannot do, empty where it can.
-struct Missing
-{
-    QString privateRoot;
-    QString tunnel;
-
-    QString reasonAgainst(Needs needs) const
-    {
-        if (needs == Needs::Nothing)
-            return {};
-        return needs == Needs::Tunnel && privateRoot.isEmpty() ? tunnel : privateRoot;
+    if (!whyNot.isEmpty())
+        return withoutResult("not measured", whyNot);
+    try {
+        return measurement.measure().json();
+    } catch (const MeasurementFailed &failure) {
+        return withoutResult("FAILED", QString::fromUtf8(failure.what()));
     }
-};
-
-QStringList unknownNumbers(QStringList numbers)
-{
-    for (const Measurement &measurement : kMeasurements)
-        numbers.removeAll(QLatin1String(measurement.number));
-    return numbers;
-}
-
-/// @return the row as the JSON output has it.
-QJsonObject measured(const Measurement &measurement, const Missing &missing)
-{
-    std::fprintf(stderr, "bench: %s, %s\n", measurement.number, measurement.what);
-    QJsonObject row;
-    const QString reason = missing.reasonAgainst(measurement.needs);
-    if (!reason.isEmpty()) {
-        row = {{QStringLiteral("verdict"), kNotMeasured}, {QStringLiteral("reason"), reason}};
-    } else {
-        try {
-            row = measurement.measure().json();
-        } catch (const MeasurementFailed &failure) {
-            row = {{QStringLiteral("verdict"), kFailed},
-                   {QStringLiteral("reason"), QString::fromUtf8(failure.what())}};
-        }
-    }
-    row.insert(QStringLiteral("number"), QLatin1String(measurement.number));
-    row.insert(QStringLiteral("what"), QLatin1String(measurement.what));
-    return row;
-}
-
-QJsonArray measure(const QStringList &numbers, const Missing &missing)
-{
-    QJsonArray rows;
-    for (const Measurement &measurement : kMeasurements) {
-        if (numbers.isEmpty() || numbers.contains(QLatin1String(measurement.number)))
-            rows.append(measured(measurement, missing));
-    }
-    return rows;
-}
-
-ExitCode exitCodeOf(const QJsonArray &rows)
-{
-    ExitCode code = AllMet;
-    for (const QJsonValue &row : rows) {
-        const QString verdict = row.toObject().value(QLatin1String("verdict")).toString();
-        if (verdict == QLatin1String("MISSED") || verdict == kFailed)
-            return BarMissed;
-        if (verdict == kNotMeasured)
-            code = NotAllMeasured;
-    }
-    return code;
 }
 
 } // namespace
@@ -185,36 +88,27 @@ int main(int argc, char **argv)
     QCoreApplication application(argc, argv);
     // For the endpoints of row 7, here and in the daemon. Where it is refused, they fail.
     measures::allowDescriptors(8192);
-    QCommandLineParser parser;
-    const QCommandLineOption json(QStringLiteral("json"), {}, QStringLiteral("file"));
-    const QCommandLineOption row(QStringLiteral("row"), {}, QStringLiteral("number"));
-    const QCommandLineOption noRoot(QStringLiteral("without-private-root"), {},
-                                    QStringLiteral("reason"));
-    const QCommandLineOption noTunnel(QStringLiteral("without-tunnel"), {},
-                                      QStringLiteral("reason"));
-    parser.addOptions({json, row, noRoot, noTunnel});
-    parser.process(application);
 
-    const QStringList unknown = unknownNumbers(parser.values(row));
-    if (!unknown.isEmpty()) {
-        std::fprintf(stderr, "bench: no such row: %s\n", qUtf8Printable(unknown.first()));
-        return UsageError;
-    }
+    const QStringList arguments = QCoreApplication::arguments();
+    const QString whyNoRoot = arguments.value(1);
+    const QString whyNoTunnel = whyNoRoot.isEmpty() ? arguments.value(2) : whyNoRoot;
+    QStringList numbers = arguments.mid(3);
+    const bool isAll = numbers.isEmpty();
 
-    const QJsonObject machineBefore = machine();
-    const QJsonArray rows =
-        measure(parser.values(row), {parser.value(noRoot), parser.value(noTunnel)});
-    const QJsonObject run{{QStringLiteral("machine"), machineBefore},
-                          {QStringLiteral("libraries"), QJsonArray::fromStringList(libraries())},
-                          {QStringLiteral("rows"), rows}};
-    std::fputs(qUtf8Printable(tableOf(run)), stdout);
-    if (parser.isSet(json)) {
-        QFile file(parser.value(json));
-        const QByteArray text = QJsonDocument(run).toJson();
-        if (!file.open(QIODevice::WriteOnly) || file.write(text) != text.size()) {
-            std::fprintf(stderr, "bench: cannot write %s\n", qUtf8Printable(file.fileName()));
-            return UsageError;
-        }
+    print({{QStringLiteral("Qt"), QLatin1String(qVersion())},
+           {QStringLiteral("compiler"), QStringLiteral(__VERSION__)}});
+    for (const Measurement &measurement : kMeasurements) {
+        const QLatin1String number(measurement.number);
+        if (!isAll && numbers.removeAll(number) == 0)
+            continue;
+        std::fprintf(stderr, "bench: %s, %s\n", measurement.number, measurement.what);
+        const QString reasons[] = {QString(), whyNoRoot, whyNoTunnel};
+        QJsonObject row = rowOf(measurement, reasons[static_cast<int>(measurement.needs)]);
+        row.insert(QStringLiteral("number"), number);
+        row.insert(QStringLiteral("what"), QLatin1String(measurement.what));
+        print(row);
     }
-    return exitCodeOf(rows);
+    if (!numbers.isEmpty())
+        std::fprintf(stderr, "bench: no such row: %s\n", qUtf8Printable(numbers.first()));
+    return numbers.isEmpty() ? 0 : 2;
 }

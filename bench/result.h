@@ -38,7 +38,7 @@ public:
     Result &ratioMustBeAtMost(double value);
     Result &ratioMustBeAtLeast(double value);
 
-    /// @return the row without its number and name, as the JSON output has it.
+    /// @return the row without its number and name.
     QJsonObject json() const;
 
     QString unit;
@@ -54,7 +54,3 @@ private:
     QString m_bar;
     QString m_verdict = QStringLiteral("no bar");
 };
-
-/// @param run the object that the JSON output holds.
-/// @return the same as text: the machine, then a Markdown table.
-QString tableOf(const QJsonObject &run);
