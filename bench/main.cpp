@@ -14,46 +14,9 @@
 #include <QtCore/QJsonDocument>
 #include <QtCore/QStringList>
 
-#include <algorithm>
 #include <cstdio>
 
 namespace {
-
-enum class Needs { Nothing, PrivateRoot, Tunnel };
-
-struct Measurement
-{
-    const char *number;
-    const char *what;
-    Needs needs;
-    Result (*measure)();
-};
-
-constexpr Measurement kMeasurements[] = {
-    {"1", "processor time in a connect to a silent server, 10 s", Needs::PrivateRoot,
-     processorTimeOfSilentConnect},
-    {"2a", "processor time while openvpn ignores SIGTERM, 15 s", Needs::PrivateRoot,
-     processorTimeOfIgnoredSigterm},
-    {"2b", "processor time of runProcess on \"sleep 5\"", Needs::Nothing,
-     processorTimeOfRunProcess},
-    {"3a", "wake-ups without a client", Needs::PrivateRoot, wakeUpsWithoutClient},
-    {"3b", "wake-ups with a tunnel and heartbeats", Needs::Tunnel, wakeUpsWithTunnel},
-    {"4a", "connect over UDP, command to answer", Needs::Tunnel, udpConnect},
-    {"4b", "connect over TCP, command to answer", Needs::Tunnel, tcpConnect},
-    {"5a", "disconnect, openvpn ending at once", Needs::PrivateRoot, disconnectAtOnce},
-    {"5b", "disconnect, real openvpn", Needs::Tunnel, disconnectReal},
-    {"6a", "heartbeats", Needs::PrivateRoot, heartbeats},
-    {"6b", "commands without effect", Needs::PrivateRoot, commandsWithoutEffect},
-    {"6c", "the same, baseline without reading them", Needs::PrivateRoot,
-     commandsWithoutEffectUnread},
-    {"7a", "creating endpoints", Needs::PrivateRoot, endpointCreation},
-    {"7b", "memory of an endpoint, not connected", Needs::PrivateRoot, idleEndpointMemory},
-    {"7c", "memory of an endpoint, connected", Needs::PrivateRoot, connectedEndpointMemory},
-    {"8", "exec to listening", Needs::PrivateRoot, start},
-    {"9a", "memory when idle (PSS)", Needs::PrivateRoot, idleMemory},
-    {"9b", "size of the stripped binary", Needs::Nothing, binarySize},
-    {"10", "threads", Needs::PrivateRoot, threads},
-};
 
 void print(const QJsonObject &object)
 {
@@ -67,12 +30,12 @@ QJsonObject withoutResult(const char *verdict, const QString &reason)
             {QStringLiteral("reason"), reason}};
 }
 
-QJsonObject rowOf(const Measurement &measurement, const QString &whyNot)
+QJsonObject resultOf(const Row &row, const QString &whyNot)
 {
     if (!whyNot.isEmpty())
         return withoutResult("not measured", whyNot);
     try {
-        return measurement.measure().json();
+        return row.measure().json();
     } catch (const MeasurementFailed &failure) {
         return withoutResult("FAILED", QString::fromUtf8(failure.what()));
     }
@@ -97,16 +60,16 @@ int main(int argc, char **argv)
 
     print({{QStringLiteral("Qt"), QLatin1String(qVersion())},
            {QStringLiteral("compiler"), QStringLiteral(__VERSION__)}});
-    for (const Measurement &measurement : kMeasurements) {
-        const QLatin1String number(measurement.number);
+    for (const Row &row : waitingRows() + tunnelRows() + remoteCallRows() + startAndSizeRows()) {
+        const QLatin1String number(row.number);
         if (!isAll && numbers.removeAll(number) == 0)
             continue;
-        std::fprintf(stderr, "bench: %s, %s\n", measurement.number, measurement.what);
+        std::fprintf(stderr, "bench: %s, %s\n", row.number, row.what);
         const QString reasons[] = {QString(), whyNoRoot, whyNoTunnel};
-        QJsonObject row = rowOf(measurement, reasons[static_cast<int>(measurement.needs)]);
-        row.insert(QStringLiteral("number"), number);
-        row.insert(QStringLiteral("what"), QLatin1String(measurement.what));
-        print(row);
+        QJsonObject object = resultOf(row, reasons[static_cast<int>(row.needs)]);
+        object.insert(QStringLiteral("number"), number);
+        object.insert(QStringLiteral("what"), QLatin1String(row.what));
+        print(object);
     }
     if (!numbers.isEmpty())
         std::fprintf(stderr, "bench: no such row: %s\n", qUtf8Printable(numbers.first()));

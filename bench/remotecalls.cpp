@@ -88,23 +88,11 @@ Result callsWithoutEffect(MinimalHost::Commands commands)
                  "Command status  \"nothing\"", commands);
 }
 
-} // namespace
-
 Result heartbeats()
 {
     return calls([](Client &client) { client.heartbeat(); }, "Replica state is  true",
                  MinimalHost::Commands::Unread)
         .ratioMustBeAtLeast(kCallBar);
-}
-
-Result commandsWithoutEffect()
-{
-    return callsWithoutEffect(MinimalHost::Commands::Read).ratioMustBeAtLeast(kCallBar);
-}
-
-Result commandsWithoutEffectUnread()
-{
-    return callsWithoutEffect(MinimalHost::Commands::Unread);
 }
 
 Result endpointCreation()
@@ -172,4 +160,21 @@ Result connectedEndpointMemory()
     result.remark =
         QStringLiteral("of %1, with their connections to the main socket").arg(kConnectedEndpoints);
     return result;
+}
+
+} // namespace
+
+Rows remoteCallRows()
+{
+    using Commands = MinimalHost::Commands;
+    return {
+        {"6a", "heartbeats", Needs::PrivateRoot, heartbeats},
+        {"6b", "commands without effect", Needs::PrivateRoot,
+         [] { return callsWithoutEffect(Commands::Read).ratioMustBeAtLeast(kCallBar); }},
+        {"6c", "the same, baseline without reading them", Needs::PrivateRoot,
+         [] { return callsWithoutEffect(Commands::Unread); }},
+        {"7a", "creating endpoints", Needs::PrivateRoot, endpointCreation},
+        {"7b", "memory of an endpoint, not connected", Needs::PrivateRoot, idleEndpointMemory},
+        {"7c", "memory of an endpoint, connected", Needs::PrivateRoot, connectedEndpointMemory},
+    };
 }

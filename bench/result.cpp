@@ -37,6 +37,8 @@ Result::Result(const QString &unit_, const QVector<double> &samples,
     QVector<double> ratios;
     for (int n = 0; n < samples.size(); ++n)
         ratios.append(samples.at(n) / baselineSamples.at(n));
+    m_worst = quantile(samples, 1);
+    m_worstBaseline = quantile(baselineSamples, 1);
     baseline = median(baselineSamples);
     ratio = median(ratios);
 }
@@ -50,6 +52,10 @@ Result &Result::mustBeAtMost(double value)
 
 Result &Result::mustBeAtMostBaselinePlus(double value)
 {
+    remark = QStringLiteral("worst %1 %3, of the baseline %2 %3")
+                 .arg(m_worst, 0, 'f', 1)
+                 .arg(m_worstBaseline, 0, 'f', 1)
+                 .arg(unit);
     return setBar(measured <= baseline.value() + value,
                   QStringLiteral("<= baseline + %1 %2").arg(value).arg(unit));
 }

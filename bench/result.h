@@ -34,7 +34,7 @@ public:
     /// The bar, of which a row has one at most: without, it tells and cannot miss. The values are
     /// in the row's unit; the ratio is of the measured value to the baseline.
     Result &mustBeAtMost(double value);
-    Result &mustBeAtMostBaselinePlus(double value);
+    Result &mustBeAtMostBaselinePlus(double value); ///< and the remark tells the worst rounds
     Result &ratioMustBeAtMost(double value);
     Result &ratioMustBeAtLeast(double value);
 
@@ -51,6 +51,8 @@ public:
 private:
     Result &setBar(bool isMet, const QString &text);
 
+    double m_worst = 0;
+    double m_worstBaseline = 0;
     QString m_bar;
     QString m_verdict = QStringLiteral("no bar");
 };

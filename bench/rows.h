@@ -2,34 +2,22 @@
 
 #include "result.h"
 
-/// One function a row. Each starts what it measures and leaves nothing running. Subject and
-/// baseline take turns, because the machine's speed changes with time.
-///
-/// All turn the event loop and throw MeasurementFailed.
+/// What the machine must provide.
+enum class Needs { Nothing, PrivateRoot, Tunnel };
 
-// waiting.cpp
-Result processorTimeOfSilentConnect();
-Result processorTimeOfIgnoredSigterm();
-Result processorTimeOfRunProcess();
-Result wakeUpsWithoutClient();
-Result wakeUpsWithTunnel();
-Result threads();
+/// One row. It starts what it measures and leaves nothing running. Subject and baseline take turns,
+/// because the machine's speed changes with time.
+struct Row
+{
+    const char *number;
+    const char *what;
+    Needs needs;
+    Result (*measure)(); ///< turns the event loop, throws MeasurementFailed
+};
 
-// tunnels.cpp
-Result udpConnect();
-Result tcpConnect();
-Result disconnectAtOnce();
-Result disconnectReal();
+using Rows = QVector<Row>;
 
-// remotecalls.cpp
-Result heartbeats();
-Result commandsWithoutEffect();
-Result commandsWithoutEffectUnread();
-Result endpointCreation();
-Result idleEndpointMemory();
-Result connectedEndpointMemory();
-
-// startandsize.cpp
-Result start();
-Result idleMemory();
-Result binarySize();
+Rows waitingRows();
+Rows tunnelRows();
+Rows remoteCallRows();
+Rows startAndSizeRows();

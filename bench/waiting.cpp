@@ -6,7 +6,6 @@
 #include "standins.h"
 #include "vpnlab.h"
 
-#include <algorithm>
 #include <unistd.h>
 
 namespace {
@@ -29,8 +28,6 @@ qint64 wakeUpsOf(const Program &program)
 {
     return measures::statusOf(program.pid(), "voluntary_ctxt_switches");
 }
-
-} // namespace
 
 Result processorTimeOfSilentConnect()
 {
@@ -97,24 +94,18 @@ Result wakeUpsWithTunnel()
     return result.mustBeAtMost(4);
 }
 
-Result threads()
-{
-    const Daemon daemon;
-    AttachedClient client;
-    qint64 threads = 0;
-    const auto hasAnswers = [&](int answers) {
-        return [&, answers] {
-            threads = std::max(threads, measures::statusOf(daemon.pid(), "Threads"));
-            return client.answers().size() == answers;
-        };
-    };
-    client.connectUdp(standins::serverFor(QStringLiteral("connects")));
-    pollUntil(hasAnswers(1), "no answer came");
-    require(client.outcome() == QLatin1String("success"), "the connect failed");
-    client.disconnectTunnel();
-    pollUntil(hasAnswers(2), "no answer came");
+} // namespace
 
-    Result result(QStringLiteral("thread"), {static_cast<double>(threads)});
-    result.remark = QStringLiteral("looked at all through a connect and a disconnect");
-    return result.mustBeAtMost(1);
+Rows waitingRows()
+{
+    return {
+        {"1", "processor time in a connect to a silent server, 10 s", Needs::PrivateRoot,
+         processorTimeOfSilentConnect},
+        {"2a", "processor time while openvpn ignores SIGTERM, 15 s", Needs::PrivateRoot,
+         processorTimeOfIgnoredSigterm},
+        {"2b", "processor time of runProcess on \"sleep 5\"", Needs::Nothing,
+         processorTimeOfRunProcess},
+        {"3a", "wake-ups without a client", Needs::PrivateRoot, wakeUpsWithoutClient},
+        {"3b", "wake-ups with a tunnel and heartbeats", Needs::Tunnel, wakeUpsWithTunnel},
+    };
 }
