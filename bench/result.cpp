@@ -43,6 +43,18 @@ Result::Result(const QString &unit_, const QVector<double> &samples,
     ratio = median(ratios);
 }
 
+Result Result::ofTurns(const QString &unit, int rounds, const std::function<double()> &takeBaseline,
+                       const std::function<double()> &takeSample)
+{
+    QVector<double> samples;
+    QVector<double> baseline;
+    for (int n = 0; n < rounds; ++n) {
+        baseline.append(takeBaseline());
+        samples.append(takeSample());
+    }
+    return Result(unit, samples, baseline);
+}
+
 // The comparisons are written so that a value that is not a number meets no bar.
 
 Result &Result::mustBeAtMost(double value)

@@ -4,6 +4,7 @@
 #include <QtCore/QString>
 #include <QtCore/QVector>
 
+#include <functional>
 #include <optional>
 #include <stdexcept>
 
@@ -30,6 +31,11 @@ public:
 
     /// The medians of rounds that each measured both, and of their ratios.
     Result(const QString &unit, const QVector<double> &samples, const QVector<double> &baseline);
+
+    /// The same, of so many rounds, each of the baseline first.
+    static Result ofTurns(const QString &unit, int rounds,
+                          const std::function<double()> &takeBaseline,
+                          const std::function<double()> &takeSample);
 
     /// The bar, of which a row has one at most: without, it tells and cannot miss. The values are
     /// in the row's unit; the ratio is of the measured value to the baseline.

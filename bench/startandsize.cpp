@@ -12,9 +12,6 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr int kStarts = 30;
-constexpr int kMemoryRounds = 5;
-
 /// Alone: two at the same time would share pages with each other.
 template<typename AnyProgram>
 double idleMemoryOf()
@@ -26,24 +23,16 @@ double idleMemoryOf()
 
 Result start()
 {
-    QVector<double> measured;
-    QVector<double> baseline;
-    for (int n = 0; n < kStarts; ++n) {
-        baseline.append(runRestoreScript());
-        measured.append(Daemon().startTime());
-    }
-    return Result(QStringLiteral("ms"), measured, baseline).mustBeAtMostBaselinePlus(50);
+    return Result::ofTurns(QStringLiteral("ms"), 30, runRestoreScript,
+                           [] { return Daemon().startTime(); })
+        .mustBeAtMostBaselinePlus(50);
 }
 
 Result idleMemory()
 {
-    QVector<double> measured;
-    QVector<double> baseline;
-    for (int n = 0; n < kMemoryRounds; ++n) {
-        measured.append(idleMemoryOf<Daemon>());
-        baseline.append(idleMemoryOf<MinimalHost>());
-    }
-    return Result(QStringLiteral("KiB"), measured, baseline).ratioMustBeAtMost(1.2);
+    return Result::ofTurns(QStringLiteral("KiB"), 5, idleMemoryOf<MinimalHost>,
+                           idleMemoryOf<Daemon>)
+        .ratioMustBeAtMost(1.2);
 }
 
 Result binarySize()

@@ -10,7 +10,6 @@ namespace {
 using Openvpn = DaemonProcess::Openvpn;
 
 constexpr int kConnects = 30;
-constexpr int kDisconnects = 20;
 constexpr double kPollMs = 500;
 constexpr double kSlackMs = 20;
 
@@ -54,15 +53,14 @@ Result disconnects(const VpnServerInformation &server)
     AttachedClient client;
     const QString configuration = configurationFrom(client, server, true);
 
-    QVector<double> measured;
-    QVector<double> baseline;
-    for (int n = 0; n < kDisconnects; ++n) {
-        const double end = runBare(configuration).untilEnd;
-        baseline.append(end + runRestoreScript());
-        client.connectTunnel(server);
-        measured.append(client.endTunnel());
-    }
-    return Result(QStringLiteral("ms"), measured, baseline).mustBeAtMostBaselinePlus(kSlackMs);
+    return Result::ofTurns(
+               QStringLiteral("ms"), 20,
+               [&] { return runBare(configuration).untilEnd + runRestoreScript(); },
+               [&] {
+                   client.connectTunnel(server);
+                   return client.endTunnel();
+               })
+        .mustBeAtMostBaselinePlus(kSlackMs);
 }
 
 Result disconnectAtOnce()

@@ -77,7 +77,7 @@ int VpnctlProcess::run(const QString &arguments, int limitMs)
 
 void VpnctlProcess::raise(int signal)
 {
-    // Of a process that has ended the id reads 0, which would mean this process and its siblings.
+    // After its end the id is 0, and kill() would mean the whole process group.
     if (state() == Running && processId() > 0)
         ::kill(static_cast<pid_t>(processId()), signal);
 }

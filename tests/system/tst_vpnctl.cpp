@@ -434,7 +434,7 @@ private Q_SLOTS:
         QVERIFY(vpnctl.lines().contains(QStringLiteral("Disconnecting")));
     }
 
-    void progressIsALineThatLivesOnATerminal()
+    void progressIsOneLineRenewedOnATerminal()
     {
         VpnctlProcess vpnctl;
         vpnctl.setVariable(QStringLiteral("TERM"), QStringLiteral("xterm"));

@@ -17,7 +17,7 @@ namespace {
 
 using namespace vpnctl;
 
-/// A descriptor that the caller has closed would otherwise be given to the next socket.
+/// Otherwise a socket might get the number of a standard stream that the caller has closed.
 void openStandardStreams()
 {
     for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
@@ -26,7 +26,7 @@ void openStandardStreams()
     }
 }
 
-/// The program says itself what goes wrong; Qt's account of the same would only confuse.
+/// The program says itself what goes wrong.
 void silenceQt()
 {
     if (qEnvironmentVariableIsEmpty("QT_LOGGING_RULES"))
@@ -62,7 +62,7 @@ int run(const Options &options, Report &report)
 int main(int argc, char **argv)
 {
     openStandardStreams();
-    // A reader that has gone shows as an error of the write.
+    // When nobody reads the output any more, the write fails, which Report handles.
     static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
     silenceQt();
     QCoreApplication application(argc, argv);

@@ -13,9 +13,7 @@ namespace vpnctl {
 
 namespace {
 
-constexpr int kStandardPort = 1194;
-
-/// What the daemon's own configuration has too, so that nothing is lost.
+/// What the daemon's own configuration has too.
 constexpr const char *kSameInDaemon[] = {
     "client",
     "dev tun",

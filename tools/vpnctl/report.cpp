@@ -45,10 +45,10 @@ void waitUntilWritable(int descriptor)
 {
     constexpr int kForever = -1;
     pollfd stream = {descriptor, POLLOUT, 0};
-    ::poll(&stream, 1, kForever); // whatever it says, the next write tells
+    ::poll(&stream, 1, kForever); // if it fails, the next write fails too
 }
 
-/// JSON numbers with no more digits than were measured.
+/// Leaves out the digits that were not measured.
 double rounded(double value, int digits)
 {
     return QString::number(value, 'f', digits).toDouble();

@@ -34,14 +34,14 @@ public:
     /// @param attempt from 1.
     void connecting(const Target &target, int attempt, int attempts);
 
-    /// A command waits for its answer. On a terminal this renews the line that lives, elsewhere
-    /// it prints a line; call it as often as isLive() suggests.
+    /// Shows how far a command is that waits for its answer: on a terminal in one line that is
+    /// overwritten, elsewhere in a new line.
     /// @param activity what is happening, without a full stop.
     /// @param limit how long it may take; 0 when that cannot be told.
     void waiting(const QString &activity, std::chrono::milliseconds elapsed,
                  std::chrono::seconds limit);
 
-    /// @return whether there is a line that lives.
+    /// @return whether waiting() overwrites its line, so that it may be called often.
     bool isLive() const { return m_isLive; }
 
     /// @param message the JSON text that came with the result.

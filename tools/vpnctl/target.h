@@ -26,6 +26,7 @@ using Targets = QVector<Target>;
 
 constexpr int kMinPort = 1;
 constexpr int kMaxPort = 65'535;
+constexpr int kStandardPort = 1194; ///< of OpenVPN
 
 /// @return whether @p port is a port number.
 bool isPort(qint64 port);

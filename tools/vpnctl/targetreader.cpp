@@ -12,8 +12,6 @@ namespace vpnctl {
 
 namespace {
 
-constexpr int kStandardPort = 1194;
-
 void setPort(Target &target, Transport transport, int port)
 {
     target.transport = transport;
