@@ -31,9 +31,11 @@ public:
         ::dup2(ends[1], descriptor);
         ::close(ends[1]);
         m_reader = std::thread([this, end = ends[0]] {
-            char bytes[4096];
-            for (ssize_t size; (size = ::read(end, bytes, sizeof bytes)) > 0;)
+            char bytes[32'768];
+            for (ssize_t size; (size = ::read(end, bytes, sizeof bytes)) > 0;) {
                 m_text.append(bytes, static_cast<int>(size));
+                std::this_thread::sleep_for(1ms); // so that the pipe is full at times
+            }
             ::close(end);
         });
     }
