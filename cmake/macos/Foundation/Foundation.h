@@ -1,6 +1,6 @@
-// Stand-in for macOS's Foundation where Apple's headers are not at hand: the few declarations that this
-// project uses, as the documentation has them. What compiles with it has valid syntax and fitting types;
-// more it does not show.
+// Stand-in for macOS's Foundation where Apple's headers are not at hand: the few declarations that
+// this project uses, as the documentation has them. What compiles with it has valid syntax and
+// fitting types; more it does not show.
 
 #pragma once
 
@@ -43,6 +43,7 @@
 #if defined(__cplusplus)
 extern "C"
 #endif
-void NSLog(NSString *format, ...) __attribute__((format(__NSString__, 1, 2)));
+    void
+    NSLog(NSString *format, ...) __attribute__((format(__NSString__, 1, 2)));
 
 #pragma clang assume_nonnull end
