@@ -75,9 +75,9 @@ OperationResult MacPlatform::connectL2tp(const QString &server, const QString &u
         || !output.contains(QLatin1String("Finished without errors")))
         return OperationResult::failed(failureMessage);
 
-    QThread::msleep(m_limits.servicePause.count());
+    QThread::msleep(static_cast<unsigned long>(m_limits.servicePause.count()));
     executeCommand(QString::fromLatin1(kDialCommand));
-    QThread::msleep(m_limits.servicePause.count());
+    QThread::msleep(static_cast<unsigned long>(m_limits.servicePause.count()));
     return OperationResult::succeeded();
 }
 
