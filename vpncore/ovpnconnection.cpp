@@ -176,7 +176,7 @@ OperationResult OvpnConnection::tryConnectOneTime(const QString &configText,
     QTemporaryFile configFile;
     if (!configFile.open())
         return failure(kCannotCreateConfig);
-    if (!leavesDescriptors(configFile.handle(), kTunnelReserve))
+    if (!leavesTunnelReserve(configFile.handle()))
         return failure(kCannotStart);
     configFileName = configFile.fileName();
     if (!write(configFile, text))

@@ -101,6 +101,8 @@ qint64 CheckedConnection::readData(char *data, qint64 maxSize)
     const int size = static_cast<int>(std::min<qint64>(maxSize, m_readable.size()));
     std::memcpy(data, m_readable.constData(), static_cast<std::size_t>(size));
     m_readable.remove(0, size);
+    if (m_readable.isEmpty())
+        m_readable.clear(); // which also lets go of the room of a long frame
     return size;
 }
 

@@ -35,8 +35,8 @@ private Q_SLOTS:
             return client;
         };
         const auto never = connectNew(QStringLiteral("prints-at-once-success"));
-        auto vanished = connectNew(QStringLiteral("prints-at-once-success"));
         QTRY_COMPARE(never->outcome(), QStringLiteral("success"));
+        auto vanished = connectNew(QStringLiteral("prints-at-once-success"));
         QTRY_COMPARE(vanished->outcome(), QStringLiteral("success"));
         std::vector<std::unique_ptr<Client>> silent;
         for (int i = 0; i < kSilentClients; ++i)

@@ -2,7 +2,9 @@
 
 #include <QtTest/QtTest>
 
+#include <fcntl.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 using vpncore::leavesDescriptors;
 
@@ -43,6 +45,34 @@ private Q_SLOTS:
         const bool found = leavesDescriptors(descriptor, reserve);
         QCOMPARE(::setrlimit(RLIMIT_NOFILE, &usual), 0);
         QCOMPARE(found, isLeft);
+    }
+
+    /// The one before may have gone into the reserve while lower numbers became free again.
+    void tunnelFindsItsReserveUntouched_data()
+    {
+        QTest::addColumn<int>("taken");
+        QTest::addColumn<bool>("isLeft");
+        QTest::newRow("the last before the reserve") << 79 << true;
+        QTest::newRow("the first of the reserve") << 80 << false;
+    }
+
+    void tunnelFindsItsReserveUntouched()
+    {
+        QFETCH(int, taken);
+        QFETCH(bool, isLeft);
+        rlimit usual{};
+        QCOMPARE(::getrlimit(RLIMIT_NOFILE, &usual), 0);
+        const rlimit changed{100, usual.rlim_max};
+        QCOMPARE(::setrlimit(RLIMIT_NOFILE, &changed), 0);
+        const int low = ::dup(STDERR_FILENO);
+        QCOMPARE(::dup2(low, taken), taken);
+        const bool found = vpncore::leavesTunnelReserve(low);
+        ::close(taken);
+        const bool foundAfterwards = vpncore::leavesTunnelReserve(low);
+        ::close(low);
+        QCOMPARE(::setrlimit(RLIMIT_NOFILE, &usual), 0);
+        QCOMPARE(found, isLeft);
+        QVERIFY(foundAfterwards);
     }
 };
 
