@@ -1,6 +1,9 @@
 #include "descriptorbudget.h"
 
-#include <fcntl.h>
+#include <algorithm>
+#include <array>
+
+#include <poll.h>
 #include <unistd.h>
 
 namespace vpncore {
@@ -15,10 +18,13 @@ bool leavesTunnelReserve(int descriptor)
 {
     if (!leavesDescriptors(descriptor, kTunnelReserve))
         return false;
-    const int firstOfReserve = static_cast<int>(::sysconf(_SC_OPEN_MAX)) - kTunnelReserve;
-    const int probe = ::fcntl(descriptor, F_DUPFD_CLOEXEC, firstOfReserve);
-    ::close(probe);
-    return probe == firstOfReserve;
+    std::array<pollfd, kTunnelReserve> reserve{};
+    int number = static_cast<int>(::sysconf(_SC_OPEN_MAX)) - kTunnelReserve;
+    for (pollfd &each : reserve)
+        each.fd = number++;
+    ::poll(reserve.data(), reserve.size(), 0);
+    return std::all_of(reserve.begin(), reserve.end(),
+                       [](const pollfd &each) { return each.revents == POLLNVAL; });
 }
 
 } // namespace vpncore

@@ -175,7 +175,7 @@ private Q_SLOTS:
         qInfo("%d of %d tunnels are up, %d descriptors are left", up, int(clients.size()),
               freeDescriptors());
         QVERIFY(up > 15 && up < 60);
-        QVERIFY(freeDescriptors() < kConnectionReserve);
+        QVERIFY(freeDescriptors() < 64); // so it is not for something else that some are refused
         QCOMPARE(standins::runningOpenvpns(), up);
 
         // Whoever comes now is refused, and no socket is lost by that.

@@ -2,7 +2,6 @@
 
 #include <QtTest/QtTest>
 
-#include <fcntl.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -54,6 +53,7 @@ private Q_SLOTS:
         QTest::addColumn<bool>("isLeft");
         QTest::newRow("the last before the reserve") << 79 << true;
         QTest::newRow("the first of the reserve") << 80 << false;
+        QTest::newRow("the last of the reserve") << 99 << false;
     }
 
     void tunnelFindsItsReserveUntouched()
