@@ -16,12 +16,19 @@ constexpr auto kAnswerTime = 1ms;
 
 } // namespace
 
-CommandQueue::CommandQueue(const QSharedPointer<CommandTotals> &totals, QObject *parent)
+CommandQueue::CommandQueue(const QSharedPointer<CommandTotals> &totals, quint32 user,
+                           const std::function<bool()> &hasTunnel, QObject *parent)
     : QObject(parent)
     , m_totals(totals)
 {
+    m_totals->add(this, user, hasTunnel);
     m_turn.setSingleShot(true);
     connect(&m_turn, &QTimer::timeout, this, &CommandQueue::runNext);
+}
+
+CommandQueue::~CommandQueue()
+{
+    m_totals->remove(this);
 }
 
 void CommandQueue::add(Command command, const VpnServerInformation &server)
@@ -30,12 +37,13 @@ void CommandQueue::add(Command command, const VpnServerInformation &server)
         Q_EMIT overtaken(m_waiting.dequeue());
     m_waiting.enqueue(command);
     m_server = command == Command::Disconnect ? VpnServerInformation() : server;
-    if (!m_turn.isActive())
+    if (!m_turn.isActive() || std::exchange(m_isPutOff, false))
         m_turn.start(0ms);
 }
 
 void CommandQueue::overtakeWaiting()
 {
+    m_totals->withdraw(this);
     m_server = {};
     while (!m_waiting.isEmpty())
         Q_EMIT overtaken(m_waiting.dequeue());
@@ -49,22 +57,28 @@ void CommandQueue::runNext()
         overtakeRunning();
         return;
     }
-    if (!m_totals->mayBegin()) {
+    const bool isConnect = m_waiting.head() != Command::Disconnect;
+    const bool isOvertaken = isConnect && m_waiting.size() > 1;
+    m_isPutOff = isConnect && !isOvertaken && !m_totals->mayConnect(this);
+    if (m_isPutOff) {
         m_turn.start(kPutOffTime);
         return;
     }
 
-    m_totals->begin();
     m_running = m_waiting.dequeue();
     m_isRunningOvertaken = false;
-    if (m_running == Command::Disconnect)
-        Q_EMIT due(m_running, {});
-    else if (m_waiting.isEmpty())
-        Q_EMIT due(m_running, std::exchange(m_server, {}));
-    else
+    if (isOvertaken) {
+        m_totals->withdraw(this);
         Q_EMIT overtaken(m_running);
+    } else if (isConnect && m_totals->hasTooManyTunnels(this)) {
+        Q_EMIT refused(m_running);
+    } else {
+        m_totals->begin(this, isConnect);
+        // Behind a disconnect, the record belongs to a command that still waits.
+        Q_EMIT due(m_running, isConnect ? std::exchange(m_server, {}) : VpnServerInformation());
+        m_totals->end(this, isConnect);
+    }
     m_running = Command::None;
-    m_totals->end();
 
     if (!m_waiting.isEmpty())
         m_turn.start(kAnswerTime);

@@ -17,7 +17,7 @@ enum class Command { None, Disconnect, ConnectTcp, ConnectUdp };
 /// while an attempt to connect runs, the attempt is told to give up; a connect that a newer command
 /// has overtaken before it began never begins. So whatever a client sends ahead, its last command
 /// decides, answers keep the order of the commands, and neither stack nor memory grows with their
-/// number.
+/// number. A connect begins when CommandTotals gives it a turn, a disconnect at once.
 class CommandQueue : public QObject
 {
     Q_OBJECT
@@ -28,7 +28,11 @@ public:
     static constexpr int kMaxWaiting = 10'000;
 
     /// @param totals shared by all clients.
-    CommandQueue(const QSharedPointer<CommandTotals> &totals, QObject *parent);
+    /// @param user whose commands these are.
+    /// @param hasTunnel says whether they have left a living `openvpn`.
+    CommandQueue(const QSharedPointer<CommandTotals> &totals, quint32 user,
+                 const std::function<bool()> &hasTunnel, QObject *parent);
+    ~CommandQueue() override;
 
     /// Takes a command; it gets its turn from the event loop.
     /// @param command not Command::None.
@@ -47,6 +51,9 @@ Q_SIGNALS:
     /// A newer command has overtaken @p command before it began.
     void overtaken(Command command);
 
+    /// It is the turn of a connect, but there are too many tunnels.
+    void refused(Command command);
+
     /// A newer command has overtaken the running connect, in whose wait this is emitted. Emitted
     /// once for each connect.
     void attemptOvertaken();
@@ -61,4 +68,5 @@ private:
     VpnServerInformation m_server;
     Command m_running = Command::None;
     bool m_isRunningOvertaken = false;
+    bool m_isPutOff = false;
 };

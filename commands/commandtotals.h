@@ -1,25 +1,76 @@
 #pragma once
 
-/// How many commands of all clients run inside each other's event loops: a command waits for
-/// `openvpn` while the loop turns, and a command of another client begins inside that wait. One
-/// object, which all endpoints share, bounds the stack.
+#include <QtCore/QElapsedTimer>
+#include <QtCore/QHash>
+#include <QtCore/QVector>
+
+#include <chrono>
+#include <functional>
+
+/// What the clients share of the daemon, and what is a fair part of it. One object for all of them.
+///
+/// While a command waits for `openvpn`, the event loop turns, and a command of another client
+/// begins inside that wait: the outer one is answered only after the inner one. So connects, which
+/// take long, have to wait for a turn. Disconnects never do.
+///
+/// Of the user root, only the totals count.
 class CommandTotals
 {
 public:
-    /// Some 10 KiB of stack each, where a process has 8 MiB.
-    static constexpr int kMaxRunning = 64;
+    struct Limits
+    {
+        /// Connects that run inside each other. Each takes some 10 KiB of stack and may hold up
+        /// those in whose waits it runs by its own time.
+        int connects = 8;
+        int connectsOfUser = 2;
+        /// After the outermost running command has begun, connects may still begin inside it for so
+        /// long. Otherwise one after the other could hold up its answer without end.
+        std::chrono::milliseconds joinTime{std::chrono::seconds(16)};
+        /// Living `openvpn` processes, in a tunnel or left by a failed attempt.
+        int tunnels = 64;
+        int tunnelsOfUser = 16;
+    };
 
-    /// @return whether a command may begin now. Once kMaxRunning run, none may until all of these
-    /// have
-    ///         ended: one that took the place of each that ends would hold up all those in whose
-    ///         waits it runs, by its own time, over and over.
-    bool mayBegin() const { return !m_isUnwinding; }
+    explicit CommandTotals(const Limits &limits);
+    CommandTotals()
+        : CommandTotals(Limits())
+    {
+    }
 
-    void begin() { m_isUnwinding = ++m_running >= kMaxRunning; }
+    /// @param client stands for it in the other calls.
+    /// @param hasTunnel says whether it has a living `openvpn`.
+    void add(const void *client, quint32 user, const std::function<bool()> &hasTunnel);
+    void remove(const void *client);
 
-    void end() { m_isUnwinding = --m_running > 0 && m_isUnwinding; }
+    /// @return whether a connect of @p client would start an `openvpn` too many.
+    bool hasTooManyTunnels(const void *client) const;
+
+    /// Asks for a turn to connect. Who must wait asks again; turns are given in the order of the
+    /// first questions, except to users who have as many as they may.
+    /// @return whether the connect may begin now. Then begin() must follow at once.
+    bool mayConnect(const void *client);
+
+    /// Takes back that @p client has asked.
+    void withdraw(const void *client);
+
+    /// A command runs from begin() to end().
+    void begin(const void *client, bool isConnect);
+    void end(const void *client, bool isConnect);
 
 private:
-    int m_running = 0;
-    bool m_isUnwinding = false;
+    struct Client
+    {
+        quint32 user;
+        std::function<bool()> hasTunnel;
+    };
+
+    bool hasAllHisConnects(quint32 user) const;
+
+    Limits m_limits;
+    QHash<const void *, Client> m_clients;
+    QVector<const void *> m_requests; ///< who waits for a turn, in the order of arrival
+    QHash<quint32, int> m_connectsOf;
+    int m_connects = 0;
+    int m_commands = 0;
+    QElapsedTimer m_outermost; ///< since the outermost running command has begun
 };

@@ -34,8 +34,8 @@ void keepTunnel(std::unique_ptr<vpncore::OvpnConnection> connection)
 } // namespace
 
 ServiceInterfaceManager::ServiceInterfaceManager(const QSharedPointer<CommandTotals> &totals,
-                                                 QObject *parent)
-    : ServiceInterfaceManager(nullptr, totals, kHeartbeatLimit, parent)
+                                                 quint32 user, QObject *parent)
+    : ServiceInterfaceManager(nullptr, totals, user, kHeartbeatLimit, parent)
 {
     ownConnection = std::make_unique<vpncore::OvpnConnection>();
     ovpnConnection = ownConnection.get();
@@ -43,18 +43,21 @@ ServiceInterfaceManager::ServiceInterfaceManager(const QSharedPointer<CommandTot
 
 ServiceInterfaceManager::ServiceInterfaceManager(vpncore::IOvpnConnection *connection,
                                                  const QSharedPointer<CommandTotals> &totals,
-                                                 std::chrono::milliseconds limit, QObject *parent)
+                                                 quint32 user, std::chrono::milliseconds limit,
+                                                 QObject *parent)
     : ServiceInterfaceSource(parent)
     , livenessTimer(new QTimer(this))
     , ovpnConnection(connection)
     , heartbeatLimit(limit)
-    , queue(totals, this)
+    , queue(
+          totals, user, [this] { return hasTunnel(); }, this)
 {
     // A coarse timer of 30 s may fire half a second early; a client must not lose its tunnel then.
     livenessTimer->setTimerType(Qt::PreciseTimer);
     connect(livenessTimer, &QTimer::timeout, this, &ServiceInterfaceManager::timeout_slot);
     connect(&queue, &CommandQueue::due, this, &ServiceInterfaceManager::execute);
     connect(&queue, &CommandQueue::overtaken, this, &ServiceInterfaceManager::answerOvertaken);
+    connect(&queue, &CommandQueue::refused, this, &ServiceInterfaceManager::answerRefused);
     connect(&queue, &CommandQueue::attemptOvertaken, this, &ServiceInterfaceManager::endAttempt);
     qDebug() << "Source Node Started";
 }
@@ -126,6 +129,16 @@ void ServiceInterfaceManager::answerOvertaken(Command command)
         answer(kDisconnect, OperationResult::succeeded());
     else
         answer(kConnect, vpncore::OvpnConnection::overtakenResult());
+}
+
+void ServiceInterfaceManager::answerRefused()
+{
+    answer(kConnect, vpncore::OvpnConnection::cannotStartResult());
+}
+
+bool ServiceInterfaceManager::hasTunnel() const
+{
+    return ownConnection && ownConnection->isRunning();
 }
 
 void ServiceInterfaceManager::endAttempt()

@@ -36,13 +36,15 @@ public:
 
     /// Creates its own vpncore::OvpnConnection.
     /// @param totals shared by the managers of all clients.
-    ServiceInterfaceManager(const QSharedPointer<CommandTotals> &totals, QObject *parent);
+    /// @param user whose commands these are.
+    ServiceInterfaceManager(const QSharedPointer<CommandTotals> &totals, quint32 user,
+                            QObject *parent);
 
     /// @param connection what the commands act on; not owned, and used as long as this lives.
-    /// @param totals shared by the managers of all clients.
+    /// @param totals, user as above.
     /// @param limit how long a client may be silent after a heartbeat.
     ServiceInterfaceManager(vpncore::IOvpnConnection *connection,
-                            const QSharedPointer<CommandTotals> &totals,
+                            const QSharedPointer<CommandTotals> &totals, quint32 user,
                             std::chrono::milliseconds limit, QObject *parent);
 
     /// Leaves a tunnel that is up as it is: it outlives the manager, and with it the connection.
@@ -84,6 +86,8 @@ private:
     void execute(Command command, const VpnServerInformation &vpnServer);
     void answer(const QString &cmd, const OperationResult &result);
     void answerOvertaken(Command command);
+    void answerRefused();
+    bool hasTunnel() const;
     void endAttempt();
 
     QTimer *livenessTimer;

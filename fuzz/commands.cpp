@@ -42,7 +42,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     const QString message = QString::fromUtf8(input.rest());
 
     CountingConnection connection;
-    ServiceInterfaceManager manager(&connection, QSharedPointer<CommandTotals>::create(),
+    ServiceInterfaceManager manager(&connection, QSharedPointer<CommandTotals>::create(), 0,
                                     ServiceInterfaceManager::kHeartbeatLimit, nullptr);
     int answers = 0;
     QObject::connect(&manager, &ServiceInterfaceManager::vpn_cmd_result,

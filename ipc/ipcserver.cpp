@@ -5,6 +5,7 @@
 #include "guardlimits.h"
 #include "ipcurls.h"
 #include "serviceinterfacemanager.h"
+#include "usershare.h"
 
 #include <QtCore/QDebug>
 #include <QtNetwork/QLocalServer>
@@ -13,8 +14,10 @@
 namespace {
 
 /// @return why the server cannot serve; empty when it listens.
-QString problemOfListening(QLocalServer &server, const QString &name)
+QString problemOfListening(QLocalServer &server, const QString &name, quint32 user)
 {
+    if (!UserShare::isLeftFor(user))
+        return QStringLiteral("its user has too many");
     server.setSocketOptions(QLocalServer::WorldAccessOption);
     if (!server.listen(name))
         return server.errorString();
@@ -27,10 +30,11 @@ QString problemOfListening(QLocalServer &server, const QString &name)
 } // namespace
 
 IpcServer::ProcessDescriptor::ProcessDescriptor(const QSharedPointer<CommandTotals> &totals,
-                                                QObject *parent)
+                                                quint32 user, QObject *parent)
+    : owner(user)
 {
     serverNode.reset(new QRemoteObjectHost(parent));
-    ipcProcess.reset(new ServiceInterfaceManager(totals, parent));
+    ipcProcess.reset(new ServiceInterfaceManager(totals, user, parent));
     localServer.reset(new QLocalServer(parent));
 }
 
@@ -43,13 +47,15 @@ IpcServer::IpcServer(QObject *parent)
 int IpcServer::createPrivilegedProcess()
 {
     ++m_localSocketsCounter;
-    const ProcessDescriptor descriptor(m_totals, this);
-    const QString problem = problemOfListening(*descriptor.localServer,
-                                               shared::getIpcProcessUrl(m_localSocketsCounter));
+    const quint32 user = CheckedConnection::callingUser();
+    ProcessDescriptor descriptor(m_totals, user, this);
+    const QString problem = problemOfListening(
+        *descriptor.localServer, shared::getIpcProcessUrl(m_localSocketsCounter), user);
     if (!problem.isEmpty()) {
         qDebug() << QStringLiteral("Unable to start the server: %1. IpcServer").arg(problem);
         return -1;
     }
+    descriptor.share.reset(new UserShare(user));
     serve(descriptor);
     return m_localSocketsCounter;
 }
@@ -63,7 +69,7 @@ void IpcServer::serve(const ProcessDescriptor &descriptor)
     connect(server, &QLocalServer::newConnection, this, [descriptor] {
         qDebug() << "IpcServer new connection";
         if (!CheckedConnection::accept(*descriptor.localServer, *descriptor.serverNode,
-                                       ServiceInterfaceSource::staticMetaObject))
+                                       ServiceInterfaceSource::staticMetaObject, descriptor.owner))
             return;
         // Fails from the second connection on, since the object is published already. Asking every
         // time, and Qt's warning, are wanted.

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <array>
+#include <climits>
+#include <cstddef>
 
 #include <poll.h>
 #include <unistd.h>
@@ -16,15 +18,18 @@ bool leavesDescriptors(int descriptor, int reserve)
 
 bool leavesTunnelReserve(int descriptor)
 {
-    if (!leavesDescriptors(descriptor, kTunnelReserve))
-        return false;
-    std::array<pollfd, kTunnelReserve> reserve{};
-    int number = static_cast<int>(::sysconf(_SC_OPEN_MAX)) - kTunnelReserve;
-    for (pollfd &each : reserve)
-        each.fd = number++;
-    ::poll(reserve.data(), reserve.size(), 0);
-    return std::all_of(reserve.begin(), reserve.end(),
-                       [](const pollfd &each) { return each.revents == POLLNVAL; });
+    const auto limit = static_cast<int>(std::min<long>(::sysconf(_SC_OPEN_MAX), INT_MAX));
+    std::array<pollfd, 64> numbers{};
+    std::ptrdiff_t free = 0;
+    for (int next = descriptor; next < limit && free < kTunnelReserve;) {
+        auto end = numbers.begin();
+        while (end != numbers.end() && next < limit)
+            (end++)->fd = next++;
+        ::poll(numbers.data(), static_cast<nfds_t>(end - numbers.begin()), 0);
+        free += std::count_if(numbers.begin(), end,
+                              [](const pollfd &each) { return each.revents == POLLNVAL; });
+    }
+    return free >= kTunnelReserve;
 }
 
 } // namespace vpncore

@@ -18,11 +18,11 @@ constexpr int kTunnelReserve = 20;
 /// @return whether they are.
 bool leavesDescriptors(int descriptor, int reserve);
 
-/// The same for a tunnel, which takes four more descriptors after it was asked for one. So the
-/// tunnel before it may have gone into the reserve; then none begins until that has ended.
+/// The same for a tunnel, which takes four more descriptors after it was asked for one, so that
+/// others may be taken above that. Counts those that are free, with a call or two of poll(2).
 ///
-/// @param descriptor open, a number that the kernel has just given.
-/// @return whether kTunnelReserve descriptors are left.
+/// @param descriptor the lowest number that was free.
+/// @return whether kTunnelReserve descriptors are left above it.
 bool leavesTunnelReserve(int descriptor);
 
 } // namespace vpncore

@@ -104,6 +104,11 @@ OperationResult OvpnConnection::overtakenResult()
     return failure(kAttemptFailed);
 }
 
+OperationResult OvpnConnection::cannotStartResult()
+{
+    return failure(kCannotStart);
+}
+
 OvpnConnection::OvpnConnection(const OvpnLimits &chosenLimits)
     : limits(chosenLimits)
 {
@@ -184,7 +189,7 @@ OperationResult OvpnConnection::tryConnectOneTime(const QString &configText,
 
     startOpenvpn();
     if (process->error() == QProcess::FailedToStart)
-        return failure(kCannotStart);
+        return cannotStartResult();
 
     QElapsedTimer attempt;
     attempt.start();

@@ -29,6 +29,9 @@ public:
     /// @return the failure that answers a connect which a newer command has overtaken.
     static OperationResult overtakenResult();
 
+    /// @return the failure that answers a connect for which no `openvpn` can be started.
+    static OperationResult cannotStartResult();
+
     explicit OvpnConnection(const OvpnLimits &chosenLimits = {});
 
     /// Stops a running `openvpn` as disconnect() does; the event loop turns meanwhile.
@@ -50,6 +53,9 @@ public:
     /// @return whether there is an `openvpn` process, or one that has ended since the last
     ///         disconnect().
     bool hasProcess() const { return process != nullptr; }
+
+    /// @return whether there is an `openvpn` process that lives.
+    bool isRunning() const { return process && !isEnded(); }
 
     /// Connects to a server; see forceConnect() for results and limits, and generateConfigText()
     /// for what of the server's record is used. Afterwards there is no configuration file, and of

@@ -2,9 +2,11 @@
 
 #include "descriptorbudget.h"
 #include "guardlimits.h"
+#include "peeruser.h"
 
 #include <QtCore/QDataStream>
 #include <QtCore/QDebug>
+#include <QtCore/QScopedValueRollback>
 #include <QtNetwork/QLocalServer>
 #include <QtNetwork/QLocalSocket>
 #include <QtRemoteObjects/QRemoteObjectHost>
@@ -12,10 +14,28 @@
 #include <algorithm>
 #include <cstring>
 
+#include <unistd.h>
+
 namespace {
 
 /// What all connections hold together.
 qint64 totalHeldBytes = 0;
+
+/// Whose frames Remote Objects is reading now, if any.
+std::optional<quint32> readUser;
+
+/// @return why the connection may not be; null when it may.
+const char *problemOf(int descriptor, quint32 user, std::optional<quint32> owner)
+{
+    constexpr quint32 kRoot = 0;
+    if (owner && user != *owner && user != kRoot)
+        return "the endpoint belongs to another user";
+    if (!UserShare::isLeftFor(user))
+        return "its user has too many";
+    if (!vpncore::leavesDescriptors(descriptor, guard::kConnectionReserve))
+        return "too few descriptors are left";
+    return nullptr;
+}
 
 /// A frame that calls a slot of an object that nobody publishes, without arguments. A host keeps
 /// the arguments of the last call for as long as it lives, be they long or a private key; this
@@ -37,16 +57,17 @@ QByteArray callOfNothing()
 } // namespace
 
 bool CheckedConnection::accept(QLocalServer &server, QRemoteObjectHostBase &host,
-                               const QMetaObject &source)
+                               const QMetaObject &source, std::optional<quint32> owner)
 {
     QLocalSocket *socket = server.nextPendingConnection();
-    if (!vpncore::leavesDescriptors(static_cast<int>(socket->socketDescriptor()),
-                                    guard::kConnectionReserve)) {
+    const int descriptor = static_cast<int>(socket->socketDescriptor());
+    const quint32 user = userOfPeer(descriptor);
+    if (const char *problem = problemOf(descriptor, user, owner)) {
         delete socket;
-        qWarning() << "Connection refused: too few descriptors are left";
+        qWarning() << "Connection refused:" << problem;
         return false;
     }
-    auto *connection = new CheckedConnection(socket, source);
+    auto *connection = new CheckedConnection(socket, source, user);
     host.addHostSideConnection(connection);
     // Without this, a host would go on to write to every connection that it ever had. Qt's
     // ExternalIoDevice (src/remoteobjects/qconnectionfactories.cpp) looks up the signal
@@ -60,8 +81,15 @@ bool CheckedConnection::accept(QLocalServer &server, QRemoteObjectHostBase &host
     return true;
 }
 
-CheckedConnection::CheckedConnection(QLocalSocket *socket, const QMetaObject &source)
+quint32 CheckedConnection::callingUser()
+{
+    return readUser.value_or(::geteuid());
+}
+
+CheckedConnection::CheckedConnection(QLocalSocket *socket, const QMetaObject &source, quint32 user)
     : m_socket(socket)
+    , m_user(user)
+    , m_share(user)
     , m_checker(source)
 {
     m_socket->setParent(this);
@@ -135,6 +163,8 @@ void CheckedConnection::checkIncoming()
     m_readable += checked;
     if (checked.size() > guard::kMaxKeptBytes)
         m_readable += callOfNothing();
+    // Slots are called from within.
+    const QScopedValueRollback<std::optional<quint32>> reading(readUser, m_user);
     Q_EMIT readyRead();
 }
 

@@ -1,8 +1,11 @@
 #pragma once
 
 #include "framechecker.h"
+#include "usershare.h"
 
 #include <QtCore/QIODevice>
+
+#include <optional>
 
 class QLocalServer;
 class QLocalSocket;
@@ -20,13 +23,19 @@ public:
     /// Takes the next pending connection of a server and hands it to a host, which owns it. It is
     /// deleted when the client has gone. The event loop does not turn inside.
     /// @param source what clients may call; see FrameChecker.
-    /// @return false when the connection would leave fewer than guard::kConnectionReserve
-    ///         descriptors, and was closed at once instead, which is logged.
-    static bool accept(QLocalServer &server, QRemoteObjectHostBase &host,
-                       const QMetaObject &source);
+    /// @param owner who alone, besides root, may connect; without a value, everybody.
+    /// @return false when the connection was closed at once instead, which is logged: its user may
+    ///         not connect here, has too many already (UserShare), or it would leave fewer than
+    ///         guard::kConnectionReserve descriptors.
+    static bool accept(QLocalServer &server, QRemoteObjectHostBase &host, const QMetaObject &source,
+                       std::optional<quint32> owner = {});
+
+    /// @return the user whose call is being carried out; outside of calls, the daemon's own.
+    static quint32 callingUser();
 
     /// @param socket a connection from which nothing was read yet; this takes it over.
-    explicit CheckedConnection(QLocalSocket *socket, const QMetaObject &source);
+    /// @param user who has opened it.
+    CheckedConnection(QLocalSocket *socket, const QMetaObject &source, quint32 user);
     ~CheckedConnection() override;
 
     bool isSequential() const override { return true; }
@@ -52,6 +61,8 @@ private:
     void refuse(const QString &reason);
 
     QLocalSocket *m_socket;
+    quint32 m_user;
+    UserShare m_share;
     FrameChecker m_checker;
     QByteArray m_readable;
     qint64 m_heldBytes = 0;

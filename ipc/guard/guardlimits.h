@@ -26,6 +26,9 @@ constexpr qint64 kMaxShareBytes = 64 * 1024;
 /// together with its certificates.
 constexpr int kMaxKeptBytes = 4 * 1024;
 
+/// What the tunnels of one user take: 16 of them with four descriptors each.
+constexpr int kTunnelDescriptors = 64;
+
 /// The descriptors that a new connection leaves: enough for a tunnel with its scripts.
 constexpr int kConnectionReserve = 32;
 

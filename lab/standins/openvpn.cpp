@@ -13,7 +13,8 @@
 ///     journal       one line a start, `PID 'argument' 'argument' ...` (quoted as for a shell, the
 ///                   program's name included), and further lines for the same process:
 ///                   `PID child CHILDPID` when it left a child behind,
-///                   `PID terminated` when it ended because of SIGTERM,
+///                   `PID is told to end` when SIGTERM has come,
+///                   `PID terminated` when it ended because of that,
 ///                   `PID has printed all` when a flood of output is out
 ///     config.PID    a copy of the configuration file
 ///     mode.PID      the mode of the configuration file, in octal
@@ -634,6 +635,7 @@ int play(int argc, char **argv)
         scenario.start(tunnel);
         tunnel.stay();
     } catch (StopRequested) {
+        traces.journal("is told to end");
         try {
             scenario.stop(tunnel);
         } catch (StopRequested) {

@@ -20,8 +20,9 @@ VpnServerInformation serverOf(int number)
 class Client : public QObject
 {
 public:
-    explicit Client(const QSharedPointer<CommandTotals> &totals)
-        : queue(totals, nullptr)
+    explicit Client(const QSharedPointer<CommandTotals> &totals, quint32 user = 501)
+        : queue(
+            totals, user, [this] { return hasTunnel; }, nullptr)
     {
         connect(&queue, &CommandQueue::due, this,
                 [this](Command command, const VpnServerInformation &server) {
@@ -34,6 +35,9 @@ public:
                 });
         connect(&queue, &CommandQueue::overtaken, this, [this](Command command) {
             events.append(QStringLiteral("overtaken ") + name(command));
+        });
+        connect(&queue, &CommandQueue::refused, this, [this](Command command) {
+            events.append(QStringLiteral("refused ") + name(command));
         });
         connect(&queue, &CommandQueue::attemptOvertaken, this, [this] {
             events.append(QStringLiteral("give up"));
@@ -49,6 +53,7 @@ public:
     CommandQueue queue;
     QStringList events;
     bool isSlow = false;
+    bool hasTunnel = false;
     bool endsWhenOvertaken = true;
 
 private:
@@ -81,6 +86,12 @@ private:
     QSharedPointer<CommandTotals> m_totals;
     std::unique_ptr<Client> m_client;
 
+    void use(const CommandTotals::Limits &limits)
+    {
+        m_totals.reset(new CommandTotals(limits));
+        m_client = std::make_unique<Client>(m_totals);
+    }
+
     /// Takes the steps one by one from the event loop, which is then that of the running command.
     void duringTheCommand(const QVector<std::function<void()>> &steps)
     {
@@ -89,11 +100,7 @@ private:
     }
 
 private Q_SLOTS:
-    void init()
-    {
-        m_totals.reset(new CommandTotals);
-        m_client = std::make_unique<Client>(m_totals);
-    }
+    void init() { use({}); }
 
     void cleanup() { m_client.reset(); }
 
@@ -182,37 +189,153 @@ private Q_SLOTS:
         QCOMPARE(m_client->events.size(), 3);
     }
 
-    /// Commands of different clients run inside each other: 64 of them, and no further one until
-    /// all of these have ended.
-    void onlySixtyFourRunInsideEachOther()
+    void usualLimits()
     {
+        const CommandTotals::Limits limits;
+        QCOMPARE(limits.connects, 8);
+        QCOMPARE(limits.connectsOfUser, 2);
+        QCOMPARE(limits.joinTime.count(), 16'000);
+        QCOMPARE(limits.tunnels, 64);
+        QCOMPARE(limits.tunnelsOfUser, 16);
+    }
+
+    void connectsInsideEachOtherAreLimited_data()
+    {
+        QTest::addColumn<QVector<quint32>>("users");
+        QTest::addColumn<int>("running");
+        QTest::newRow("of one user") << QVector<quint32>{501, 501, 501} << 2;
+        QTest::newRow("of root") << QVector<quint32>{0, 0, 0, 0, 0} << 4;
+        QTest::newRow("of all") << QVector<quint32>{501, 502, 501, 502, 503, 504} << 4;
+        QTest::newRow("one user does not keep others waiting")
+            << QVector<quint32>{501, 501, 501, 501, 502} << 3;
+    }
+
+    /// Four in all, two of one user.
+    void connectsInsideEachOtherAreLimited()
+    {
+        QFETCH(QVector<quint32>, users);
+        QFETCH(int, running);
+        use({4, 2, std::chrono::minutes(1), 64, 16});
         std::vector<std::unique_ptr<Client>> clients;
-        const auto running = [&clients] {
-            return std::count_if(clients.begin(), clients.end(),
-                                 [](const auto &client) { return client->isRunning(); });
-        };
-        for (int i = 0; i < 66; ++i) {
-            clients.push_back(std::make_unique<Client>(m_totals));
+        for (const quint32 user : users) {
+            clients.push_back(std::make_unique<Client>(m_totals, user));
             clients.back()->isSlow = true;
-            clients.back()->queue.add(Command::ConnectUdp, serverOf(i));
+            clients.back()->queue.add(Command::ConnectUdp, {});
         }
-        // Nested waits end from the inside, so all of this happens in the innermost of them.
-        QVector<qint64> counts;
-        QTimer::singleShot(250, this, [&] {
-            counts.append(running());
-            clients[63]->end();
-        });
-        QTimer::singleShot(500, this, [&] {
-            counts.append(running());
+        int counted = -1;
+        // Nested waits end from the inside, so this happens in the innermost of them.
+        QTimer::singleShot(350, this, [&] {
+            counted = int(std::count_if(clients.begin(), clients.end(),
+                                        [](const auto &client) { return client->isRunning(); }));
             for (const auto &client : clients) {
                 client->isSlow = false;
                 if (client->isRunning())
                     client->end();
             }
         });
-        QTRY_COMPARE(clients[65]->events.size(), 1);
-        QTRY_COMPARE(running(), 0);
-        QCOMPARE(counts, (QVector<qint64>{64, 63}));
+        for (const auto &client : clients)
+            QTRY_COMPARE(client->events, QStringList{QStringLiteral("udp ")});
+        QCOMPARE(counted, running);
+    }
+
+    void turnsAreGivenInTheOrderOfArrival()
+    {
+        use({1, 1, std::chrono::minutes(1), 64, 16});
+        Client first(m_totals, 501);
+        Client second(m_totals, 502);
+        Client third(m_totals, 503);
+        QStringList order;
+        for (Client *client : {&first, &second, &third}) {
+            connect(&client->queue, &CommandQueue::due, this,
+                    [&order](Command, const VpnServerInformation &server) {
+                        order.append(server.host);
+                    });
+        }
+        first.isSlow = true;
+        first.queue.add(Command::ConnectUdp, serverOf(1));
+        QTimer::singleShot(20, this, [&] { second.queue.add(Command::ConnectUdp, serverOf(2)); });
+        // The third one asks more often, and is later all the same.
+        for (int i = 0; i < 10; ++i) {
+            QTimer::singleShot(60 + 10 * i, this,
+                               [&] { third.queue.add(Command::ConnectUdp, serverOf(3)); });
+        }
+        QTimer::singleShot(200, this, [&] { first.end(); });
+        QTRY_COMPARE(third.events.count(QStringLiteral("udp 3")), 1);
+        QCOMPARE(order,
+                 (QStringList{QStringLiteral("1"), QStringLiteral("2"), QStringLiteral("3")}));
+    }
+
+    void disconnectNeverWaitsForATurn()
+    {
+        use({1, 1, std::chrono::minutes(1), 64, 16});
+        Client other(m_totals, 502);
+        other.isSlow = true;
+        other.queue.add(Command::ConnectUdp, serverOf(1));
+        QElapsedTimer timer;
+        qint64 delay = -1;
+        connect(&m_client->queue, &CommandQueue::due, this, [&] { delay = timer.elapsed(); });
+        QTimer::singleShot(20, this, [&] {
+            m_client->queue.add(Command::ConnectUdp, serverOf(2)); // which is put off
+            QTimer::singleShot(30, this, [&] {
+                timer.start();
+                m_client->queue.add(Command::Disconnect, {});
+            });
+        });
+        QTimer::singleShot(150, this, [&] { other.end(); });
+        QTRY_COMPARE(m_client->events,
+                     (QStringList{QStringLiteral("overtaken udp "), QStringLiteral("disconnect")}));
+        QVERIFY2(delay >= 0 && delay < 60, qPrintable(QString::number(delay)));
+    }
+
+    void noConnectJoinsCommandsThatRunForLong()
+    {
+        use({8, 2, std::chrono::milliseconds(100), 64, 16});
+        Client other(m_totals, 502);
+        other.isSlow = true;
+        other.queue.add(Command::Disconnect, {});
+        bool hasJoined = true;
+        QTimer::singleShot(150, this,
+                           [&] { m_client->queue.add(Command::ConnectUdp, serverOf(2)); });
+        QTimer::singleShot(400, this, [&] {
+            hasJoined = !m_client->events.isEmpty();
+            other.end();
+        });
+        QTRY_COMPARE(m_client->events, QStringList{QStringLiteral("udp 2")});
+        QVERIFY(!hasJoined);
+    }
+
+    void connectBeyondTheTunnelsIsRefused_data()
+    {
+        QTest::addColumn<QVector<quint32>>("tunnels");
+        QTest::addColumn<quint32>("user");
+        QTest::addColumn<bool>("isRefused");
+        QTest::newRow("of the user") << QVector<quint32>{501, 501} << 501u << true;
+        QTest::newRow("one less") << QVector<quint32>{501, 502} << 501u << false;
+        QTest::newRow("of root") << QVector<quint32>{0, 0, 501} << 0u << false;
+        QTest::newRow("in all") << QVector<quint32>{0, 501, 502, 503} << 0u << true;
+    }
+
+    /// Four in all, two of one user.
+    void connectBeyondTheTunnelsIsRefused()
+    {
+        QFETCH(QVector<quint32>, tunnels);
+        QFETCH(quint32, user);
+        QFETCH(bool, isRefused);
+        use({8, 2, std::chrono::minutes(1), 4, 2});
+        std::vector<std::unique_ptr<Client>> others;
+        for (const quint32 other : tunnels) {
+            others.push_back(std::make_unique<Client>(m_totals, other));
+            others.back()->hasTunnel = true;
+        }
+        Client client(m_totals, user);
+        client.hasTunnel = true; // its own is replaced and does not count
+        client.queue.add(Command::ConnectTcp, serverOf(1));
+        const QString event = isRefused ? QStringLiteral("refused tcp ") : QStringLiteral("tcp 1");
+        QTRY_COMPARE(client.events, QStringList{event});
+        // One that goes leaves its place.
+        others.pop_back();
+        client.queue.add(Command::ConnectTcp, serverOf(2));
+        QTRY_COMPARE(client.events, (QStringList{event, QStringLiteral("tcp 2")}));
     }
 };
 

@@ -142,7 +142,7 @@ private Q_SLOTS:
         m_results.clear();
         m_connection.reset(new FakeConnection);
         m_manager.reset(new ServiceInterfaceManager(
-            m_connection.data(), QSharedPointer<CommandTotals>::create(), kLimit, nullptr));
+            m_connection.data(), QSharedPointer<CommandTotals>::create(), 501, kLimit, nullptr));
         connect(m_manager.data(), &ServiceInterfaceManager::vpn_cmd_result, this,
                 [this](const QString &text, const OperationResult &result) {
                     m_answers.append(text);
@@ -160,7 +160,7 @@ private Q_SLOTS:
     {
         const LogCapture log;
         m_manager.reset(new ServiceInterfaceManager(
-            m_connection.data(), QSharedPointer<CommandTotals>::create(), kLimit, nullptr));
+            m_connection.data(), QSharedPointer<CommandTotals>::create(), 501, kLimit, nullptr));
         m_manager->server_slot(true);
         m_manager->vpn_command(kDisconnect, {}); // which does not begin any more
         m_manager.reset();
@@ -174,7 +174,7 @@ private Q_SLOTS:
     {
         QObject parent;
         auto *manager =
-            new ServiceInterfaceManager(QSharedPointer<CommandTotals>::create(), &parent);
+            new ServiceInterfaceManager(QSharedPointer<CommandTotals>::create(), 501, &parent);
         QCOMPARE(manager->parent(), &parent);
         QSignalSpy answers(manager, &ServiceInterfaceManager::vpn_cmd_result);
         manager->parseVpnCmd(kDisconnect, {});
@@ -185,7 +185,8 @@ private Q_SLOTS:
     void clientMayBeSilentForThirtySeconds()
     {
         QCOMPARE(ServiceInterfaceManager::kHeartbeatLimit.count(), 30'000);
-        const ServiceInterfaceManager manager(QSharedPointer<CommandTotals>::create(), nullptr);
+        const ServiceInterfaceManager manager(QSharedPointer<CommandTotals>::create(), 501,
+                                              nullptr);
         const QList<QTimer *> timers =
             manager.findChildren<QTimer *>(QString(), Qt::FindDirectChildrenOnly);
         QCOMPARE(timers.size(), 1);

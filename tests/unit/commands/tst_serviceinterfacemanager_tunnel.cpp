@@ -46,7 +46,7 @@ private Q_SLOTS:
     {
         LogCapture log;
         {
-            ServiceInterfaceManager manager(QSharedPointer<CommandTotals>::create(), nullptr);
+            ServiceInterfaceManager manager(QSharedPointer<CommandTotals>::create(), 501, nullptr);
             manager.parseVpnCmd(kConnect, serverFor(kTunnel));
             QCOMPARE(standins::runningOpenvpns(), 1);
         }
@@ -71,7 +71,7 @@ private Q_SLOTS:
     {
         QFETCH(bool, firstIsDirect);
         QFETCH(bool, secondIsDirect);
-        ServiceInterfaceManager manager(QSharedPointer<CommandTotals>::create(), nullptr);
+        ServiceInterfaceManager manager(QSharedPointer<CommandTotals>::create(), 501, nullptr);
         watch(manager);
         const auto command = [&manager](bool isDirect, const QString &scenario) {
             if (isDirect)
@@ -96,7 +96,7 @@ private Q_SLOTS:
     void heartbeatTimeOutEndsARunningConnect()
     {
         vpncore::OvpnConnection connection;
-        ServiceInterfaceManager manager(&connection, QSharedPointer<CommandTotals>::create(),
+        ServiceInterfaceManager manager(&connection, QSharedPointer<CommandTotals>::create(), 501,
                                         std::chrono::milliseconds(200), nullptr);
         watch(manager);
         manager.server_slot(true);

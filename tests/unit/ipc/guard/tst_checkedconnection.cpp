@@ -110,7 +110,7 @@ private:
         if (!m_bareServer->waitForNewConnection(10'000))
             qFatal("no connection");
         auto *checked = new CheckedConnection(m_bareServer->nextPendingConnection(),
-                                              ServiceInterfaceSource::staticMetaObject);
+                                              ServiceInterfaceSource::staticMetaObject, 0);
         checked->setParent(m_bareServer.data());
         return checked;
     }

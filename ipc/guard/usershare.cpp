@@ -1,0 +1,39 @@
+#include "usershare.h"
+
+#include "guardlimits.h"
+
+#include <QtCore/QHash>
+
+#include <unistd.h>
+
+namespace {
+
+constexpr quint32 kRoot = 0;
+
+QHash<quint32, int> &shares()
+{
+    static QHash<quint32, int> shares;
+    return shares;
+}
+
+} // namespace
+
+bool UserShare::isLeftFor(quint32 user)
+{
+    const long limit = ::sysconf(_SC_OPEN_MAX);
+    return user == kRoot || limit < 0
+        || shares().value(user) < limit / 2 - guard::kTunnelDescriptors;
+}
+
+UserShare::UserShare(quint32 user)
+    : m_user(user)
+{
+    ++shares()[user];
+}
+
+UserShare::~UserShare()
+{
+    const auto share = shares().find(m_user);
+    if (--*share == 0)
+        shares().erase(share);
+}
