@@ -139,7 +139,8 @@ def main():
         vpn.heartbeat()
         vpn.command('{"type":"connect","cmd":"ovpnUdp"}', server)
         connected = vpn.wait_for_answer(120)
-        vpn.wait_for_answer(HOLD)
+        if connected:
+            vpn.wait_for_answer(HOLD)
         # A failed attempt may have left openvpn running, so that too ends with a disconnect.
         vpn.command('{"type":"openvpn","cmd":"disconnect"}', record())
         vpn.wait_for_answer(120)
