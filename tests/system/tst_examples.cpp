@@ -193,9 +193,7 @@ private Q_SLOTS:
     {
         QLocalSocket main;
         main.connectToServer(shared::getIpcServiceUrl());
-        main.write(
-            frames::addObject(frames::kIpcInterface)
-            + frames::invoke(frames::kIpcInterface, frames::kCreatePrivilegedProcess, 0, {}, 1));
+        main.write(frames::addObject(frames::kIpcInterface) + frames::createPrivilegedProcess());
         const QByteArray firstCall = bytesOfThePage(2);
         QVERIFY(!firstCall.isEmpty());
         QTRY_VERIFY(main.bytesAvailable() >= firstCall.size());
@@ -215,8 +213,7 @@ private Q_SLOTS:
     {
         QLocalSocket main;
         main.connectToServer(shared::getIpcServiceUrl());
-        main.write(
-            frames::invoke(frames::kIpcInterface, frames::kCreatePrivilegedProcess, 0, {}, 1));
+        main.write(frames::createPrivilegedProcess());
         const QByteArray answer = bytesOfThePage(3);
         QTRY_VERIFY(QFile::exists(shared::getIpcProcessUrl(1)));
         QLocalSocket endpoint;
