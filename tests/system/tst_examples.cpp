@@ -61,7 +61,7 @@ private:
 
     void fails(const QByteArray &message)
     {
-        QTRY_COMPARE(m_client->state(), QProcess::NotRunning);
+        QTRY_COMPARE_WITH_TIMEOUT(m_client->state(), QProcess::NotRunning, 20'000);
         QCOMPARE(m_client->exitStatus(), QProcess::NormalExit);
         QCOMPARE(m_client->exitCode(), 1);
         const QByteArray output = m_client->readAll();
@@ -94,7 +94,7 @@ private Q_SLOTS:
         const QByteArray text = standins::configurationOf(standins::openvpnStarts()[0]);
         QVERIFY(text.contains("\nproto udp\nremote connects 1194\n"));
         QVERIFY(text.contains("<ca>\n" + pemtexts::certificate().toLatin1()));
-        QTRY_COMPARE(m_client->state(), QProcess::NotRunning);
+        QTRY_COMPARE_WITH_TIMEOUT(m_client->state(), QProcess::NotRunning, 20'000);
         QCOMPARE(m_client->exitCode(), 0);
         QCOMPARE(standins::runningOpenvpns(), 0);
         QCOMPARE(m_client->readAll(),
