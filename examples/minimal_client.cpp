@@ -71,7 +71,8 @@ int main(int argc, char **argv)
             return QCoreApplication::exit(isConnected ? 0 : 1);
         // A failed attempt may have left openvpn running, so that too ends with a disconnect.
         isConnected = result.success;
-        QTimer::singleShot(3'000, vpn.data(), [&] { vpn->vpn_command(disconnectCommand, {}); });
+        QTimer::singleShot(isConnected ? 3'000 : 0, vpn.data(),
+                           [&] { vpn->vpn_command(disconnectCommand, {}); });
     };
     QObject::connect(vpn.data(), &ServiceInterfaceReplica::vpn_cmd_result, vpn.data(), answered);
     vpn->vpn_command(QStringLiteral(R"({"type":"connect","cmd":"ovpnUdp"})"), server);

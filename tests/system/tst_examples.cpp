@@ -1,11 +1,35 @@
 #include "daemonprocess.h"
+#include "frames.h"
+#include "ipcurls.h"
 #include "pemtexts.h"
 #include "privateroot.h"
 #include "standins.h"
 
+#include <QtCore/QRegularExpression>
+#include <QtNetwork/QLocalSocket>
 #include <QtTest/QtTest>
 
-/// The client that a newcomer copies.
+namespace {
+
+const QString kDisconnect = QStringLiteral(R"({"type":"openvpn","cmd":"disconnect"})");
+
+/// The n-th block of bytes in the page about frames.
+QByteArray bytesOfThePage(int n)
+{
+    QFile page(QStringLiteral(TALVEX_SOURCES "/docs/protocol-frames.md"));
+    if (!page.open(QIODevice::ReadOnly))
+        qFatal("cannot read %s", qPrintable(page.fileName()));
+    const QString block =
+        QString::fromUtf8(page.readAll()).section(QStringLiteral("```\n"), 2 * n + 1, 2 * n + 1);
+    QByteArray bytes;
+    for (const QString &line : block.split(QLatin1Char('\n')))
+        bytes += QByteArray::fromHex(line.left(48).toLatin1());
+    return bytes;
+}
+
+} // namespace
+
+/// The clients that a newcomer copies, and the page from which one of them was made.
 class TestExamples : public QObject
 {
     Q_OBJECT
@@ -15,20 +39,33 @@ private:
     QScopedPointer<QProcess> m_client;
     QStringList m_files; ///< for the authority, the certificate and the key
 
+    static void addClients()
+    {
+        QTest::addColumn<QString>("program");
+        QTest::newRow("C++") << QStringLiteral(TALVEX_MINIMAL_CLIENT);
+        QTest::newRow("Python") << QStringLiteral(TALVEX_SOURCES "/examples/minimal_client.py");
+    }
+
     void start(const QString &host)
     {
+        QFETCH(QString, program);
         m_client.reset(new QProcess);
-        m_client->start(QStringLiteral(TALVEX_MINIMAL_CLIENT),
-                        QStringList{host, QStringLiteral("1194")} + m_files);
+        m_client->setProcessChannelMode(QProcess::MergedChannels);
+        m_client->start(program, arguments(host));
+    }
+
+    QStringList arguments(const QString &host) const
+    {
+        return QStringList{host, QStringLiteral("1194")} + m_files;
     }
 
     void fails(const QByteArray &message)
     {
-        QTRY_COMPARE(m_client->state(), QProcess::NotRunning);
+        QTRY_COMPARE_WITH_TIMEOUT(m_client->state(), QProcess::NotRunning, 20'000);
         QCOMPARE(m_client->exitStatus(), QProcess::NormalExit);
         QCOMPARE(m_client->exitCode(), 1);
-        const QByteArray error = m_client->readAllStandardError();
-        QVERIFY2(error.contains(message + '\n'), error.constData());
+        const QByteArray output = m_client->readAll();
+        QVERIFY2(output.contains(message + '\n'), output.constData());
     }
 
 private Q_SLOTS:
@@ -49,6 +86,7 @@ private Q_SLOTS:
         m_daemon.reset();
     }
 
+    void holdsTheWholeConversation_data() { addClients(); }
     void holdsTheWholeConversation()
     {
         start(QStringLiteral("connects"));
@@ -56,10 +94,10 @@ private Q_SLOTS:
         const QByteArray text = standins::configurationOf(standins::openvpnStarts()[0]);
         QVERIFY(text.contains("\nproto udp\nremote connects 1194\n"));
         QVERIFY(text.contains("<ca>\n" + pemtexts::certificate().toLatin1()));
-        QTRY_COMPARE(m_client->state(), QProcess::NotRunning);
+        QTRY_COMPARE_WITH_TIMEOUT(m_client->state(), QProcess::NotRunning, 20'000);
         QCOMPARE(m_client->exitCode(), 0);
         QCOMPARE(standins::runningOpenvpns(), 0);
-        QCOMPARE(m_client->readAllStandardError(),
+        QCOMPARE(m_client->readAll(),
                  QByteArray("{\"arg\":\"connect\",\"cmd\":\"connect\",\"status\":true,\"type\":"
                             "\"openvpn\"} true \n"
                             "{\"arg\":\"disconnect\",\"cmd\":\"disconnect\",\"status\":true,"
@@ -69,6 +107,7 @@ private Q_SLOTS:
         QVERIFY(heartbeat < m_daemon->log().indexOf(QStringLiteral("Connect cmd \"ovpnUdp\"")));
     }
 
+    void failsWhenTheTunnelDoesNotComeUp_data() { addClients(); }
     void failsWhenTheTunnelDoesNotComeUp()
     {
         start(QStringLiteral("error"));
@@ -76,6 +115,7 @@ private Q_SLOTS:
         QCOMPARE(standins::runningOpenvpns(), 0);
     }
 
+    void endsWhenTheDaemonDies_data() { addClients(); }
     void endsWhenTheDaemonDies()
     {
         start(QStringLiteral("silent"));
@@ -84,6 +124,7 @@ private Q_SLOTS:
         fails("the daemon closed the connection");
     }
 
+    void namesAFileThatItCannotRead_data() { addClients(); }
     void namesAFileThatItCannotRead()
     {
         m_files.last() = QStringLiteral("/var/root/none.key");
@@ -92,6 +133,7 @@ private Q_SLOTS:
         QCOMPARE(m_daemon->log(), QStringList());
     }
 
+    void saysSoWithoutDaemon_data() { addClients(); }
     void saysSoWithoutDaemon()
     {
         m_daemon->kill();
@@ -99,12 +141,108 @@ private Q_SLOTS:
         fails("the daemon is not running");
     }
 
+    void pythonClientKeepsItsTunnelAlive()
+    {
+        QProcess client;
+        client.start(QStringLiteral("python3"),
+                     QStringList{QStringLiteral("-Bc"),
+                                 QStringLiteral("import sys; sys.path.append('" TALVEX_SOURCES
+                                                "/examples')\n"
+                                                "import minimal_client as client\n"
+                                                "client.HEARTBEAT, client.HOLD = 0.05, 60\n"
+                                                "client.main()\n")}
+                         + arguments(QStringLiteral("connects")));
+        QTRY_VERIFY(m_daemon->count(QStringLiteral("Replica state is  true")) > 20);
+        QCOMPARE(standins::runningOpenvpns(), 1);
+        client.terminate();
+        QVERIFY(client.waitForFinished());
+    }
+
+    /// Whoever is faster than the daemon can make a socket of its name.
+    void pythonClientSendsNothingToAnotherUser()
+    {
+        m_daemon->kill();
+        QVERIFY(QFile::remove(shared::getIpcServiceUrl()));
+        QProcess other;
+        other.start(QStringLiteral("setpriv"),
+                    {QStringLiteral("--reuid=65534"), QStringLiteral("--clear-groups"),
+                     QStringLiteral("python3"), QStringLiteral("-c"),
+                     QStringLiteral("import socket\n"
+                                    "server = socket.socket(socket.AF_UNIX)\n"
+                                    "server.bind('%1')\n"
+                                    "server.listen()\n"
+                                    "print('listening', flush=True)\n"
+                                    "print(server.accept()[0].recv(9), flush=True)\n")
+                         .arg(shared::getIpcServiceUrl())});
+        QVERIFY(other.waitForReadyRead() || other.state() == QProcess::NotRunning);
+        if (other.readAllStandardOutput() != "listening\n")
+            QSKIP("an ordinary user's private root has only root");
+        QProcess client;
+        client.start(QStringLiteral(TALVEX_SOURCES "/examples/minimal_client.py"),
+                     arguments(QStringLiteral("connects")));
+        QVERIFY(client.waitForFinished());
+        QCOMPARE(client.exitCode(), 1);
+        QCOMPARE(client.readAllStandardError(),
+                 QByteArray("/tmp/local:TalvexFreeVpnIpcInterface belongs to another user than "
+                            "root; nothing was sent\n"));
+        QVERIFY(other.waitForFinished());
+        QCOMPARE(other.readAllStandardOutput(), QByteArray("b''\n"));
+    }
+
+    void daemonSendsTheFramesOfThePage()
+    {
+        QLocalSocket main;
+        main.connectToServer(shared::getIpcServiceUrl());
+        main.write(frames::addObject(frames::kIpcInterface) + frames::createPrivilegedProcess());
+        const QByteArray firstCall = bytesOfThePage(2);
+        QVERIFY(!firstCall.isEmpty());
+        QTRY_VERIFY(main.bytesAvailable() >= firstCall.size());
+        QCOMPARE(main.readAll().toHex(' '), firstCall.toHex(' '));
+
+        QLocalSocket endpoint;
+        endpoint.connectToServer(shared::getIpcProcessUrl(1));
+        endpoint.write(frames::addObject(frames::kServiceInterface)
+                       + frames::vpnCommand(kDisconnect));
+        const QByteArray answer = bytesOfThePage(3);
+        QVERIFY(!answer.isEmpty());
+        QByteArray received;
+        QTRY_VERIFY((received += endpoint.readAll()).endsWith(answer));
+    }
+
+    void withoutAddObjectNoAnswerComes()
+    {
+        QLocalSocket main;
+        main.connectToServer(shared::getIpcServiceUrl());
+        main.write(frames::createPrivilegedProcess());
+        const QByteArray answer = bytesOfThePage(3);
+        QTRY_VERIFY(QFile::exists(shared::getIpcProcessUrl(1)));
+        QLocalSocket endpoint;
+        endpoint.connectToServer(shared::getIpcProcessUrl(1));
+        endpoint.write(frames::vpnCommand(kDisconnect));
+        QTRY_COMPARE(m_daemon->linesWith(QStringLiteral("Send command service")).size(), 1);
+        endpoint.write(frames::ping(frames::kServiceInterface));
+        const QByteArray pong = frames::packet(11, frames::kServiceInterface);
+        QByteArray received;
+        QTRY_VERIFY((received += endpoint.readAll()).endsWith(pong));
+        QVERIFY(!received.contains(answer));
+    }
+
+    void staysShort_data()
+    {
+        QTest::addColumn<QString>("source");
+        QTest::addColumn<int>("limit");
+        QTest::newRow("C++") << QStringLiteral("minimal_client.cpp") << 80;
+        QTest::newRow("Python") << QStringLiteral("minimal_client.py") << 155;
+    }
+
     void staysShort()
     {
-        QFile source(QStringLiteral(TALVEX_MINIMAL_CLIENT_SOURCE));
-        QVERIFY(source.open(QIODevice::ReadOnly));
-        const int lines = source.readAll().count('\n');
-        QVERIFY2(lines > 0 && lines < 80, qPrintable(QString::number(lines)));
+        QFETCH(QString, source);
+        QFETCH(int, limit);
+        QFile file(QStringLiteral(TALVEX_SOURCES "/examples/") + source);
+        QVERIFY(file.open(QIODevice::ReadOnly));
+        const int lines = file.readAll().count('\n');
+        QVERIFY2(lines > 0 && lines <= limit, qPrintable(QString::number(lines)));
     }
 };
 

@@ -245,7 +245,8 @@ private Q_SLOTS:
                                            "frame) [^\"]*)\"\\)"),
                             sourcesIn(QStringLiteral("ipc")));
         QVERIFY2(texts.size() > 40, qPrintable(QString::number(texts.size())));
-        const QString page = contentOf(QStringLiteral("docs/operations.md"));
+        const QString page = contentOf(QStringLiteral("docs/operations.md"))
+            + contentOf(QStringLiteral("docs/protocol-frames.md"));
         for (QString text : texts) {
             text.remove(QStringLiteral("\\r")).remove(QStringLiteral("\\n"));
             for (const QString &piece : text.split(QRegularExpression(QStringLiteral("%\\d"))))
