@@ -1,6 +1,7 @@
 #include "checkdns.h"
 
 #include "bashscript.h"
+#include "dnsrestorer.h"
 
 #include <QtCore/QDebug>
 
@@ -10,4 +11,5 @@ void checkDNS(std::chrono::milliseconds limit)
     // Every text contains the empty one, so this says "true" always, and that is wanted: a failed
     // restore shows in what networksetup printed, not here.
     qDebug() << "check DNS result " << (output.contains(QString()) ? "true" : "false");
+    vpncore::DnsRestorer::instance().watch();
 }

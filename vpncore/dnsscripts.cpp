@@ -3,7 +3,19 @@
 // The texts go to bash as they stand: their blanks, their unused variables and their blank last
 // line are wanted. The "#!" line is a comment to bash, since it does not begin the text.
 
+#include <QtCore/QDir>
+
 namespace vpncore {
+
+bool hasDnsBackups()
+{
+    const QDir folder(QStringLiteral("/var/root/Library/Preferences/talvexvpnd/data"));
+    return !folder
+                .entryList({QStringLiteral("TalvexFreeVPN_dns_*"),
+                            QStringLiteral("TalvexFreeVPN_domain_*")},
+                           QDir::Files | QDir::Hidden)
+                .isEmpty();
+}
 
 QString dnsRestoreScript()
 {

@@ -37,6 +37,9 @@ public:
     /// @return the token of the operation that the next begin() begins; valid while this lives.
     Token next() const { return {*this, m_newest + 1}; }
 
+    /// @return the token of the operation that began last; valid while this lives.
+    Token current() const { return {*this, m_newest}; }
+
     /// Begins an operation.
     /// @return its token; valid while this lives.
     Token begin() { return {*this, ++m_newest}; }

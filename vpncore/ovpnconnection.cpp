@@ -1,8 +1,10 @@
 #include "ovpnconnection.h"
 
 #include "descriptorbudget.h"
+#include "dnsrestorer.h"
 #include "eventwait.h"
 #include "macplatform.h"
+#include "openvpnoutput.h"
 #include "ovpntemplate.h"
 #include "serverfields.h"
 #include "splitcommand.h"
@@ -142,6 +144,8 @@ OperationResult OvpnConnection::connect(const QString &configText, const QString
     OperationResult result = forceConnect(configText, protocolName);
     deleteConfigFile();
     dropExcessOutput();
+    if (result.success)
+        watchTunnel();
     return result;
 }
 
@@ -193,7 +197,11 @@ OperationResult OvpnConnection::tryConnectOneTime(const QString &configText,
 
     QElapsedTimer attempt;
     attempt.start();
-    QString output;
+    OpenvpnOutput output;
+    // As it comes, also while other operations run inside the waits, so that it never piles up.
+    const QObject attemptScope;
+    QObject::connect(process.get(), &QProcess::readyRead, &attemptScope,
+                     [&] { output.read(*process); });
     bool outputSeen = false;
     while (true) {
         if (process->error() == QProcess::FailedToStart)
@@ -210,19 +218,23 @@ OperationResult OvpnConnection::tryConnectOneTime(const QString &configText,
             return failure(kAttemptFailed);
         }
 
-        waitUntil(limits.poll, [&operation] { return operation.isOvertaken(); });
+        // A pass takes its whole time, unless the success that the client waits for has arrived.
+        waitUntil(limits.poll, [&] {
+            return operation.isOvertaken()
+                || analyseProcessOutput(output.judgedText()) == Connected;
+        });
         if (operation.isOvertaken())
             return overtakenResult();
 
-        const QString chunk = fromLatin1UpToNul(process->readAllStandardOutput());
+        output.read(*process);
+        const QString chunk = output.endPass();
         qDebug() << "outputString: " << chunk;
-        // Normally empty. What arrived since the read above is logged only, and that is wanted.
+        // Normally empty. What arrived since the last read is logged only, and that is wanted.
         qDebug() << "readAll: " << process->readAll();
         if (chunk.isEmpty())
             continue;
 
-        output += chunk;
-        switch (analyseProcessOutput(output)) {
+        switch (analyseProcessOutput(output.judgedText())) {
         case Connected:
             return OperationResult::succeeded();
         case Failed:
@@ -245,7 +257,8 @@ void OvpnConnection::startOpenvpn()
     const SplitCommand split(command);
     process->start(split.program, split.arguments);
     // Until the start is decided, error() knows nothing of a program that is missing.
-    process->waitForStarted(static_cast<int>(limits.start.count()));
+    if (process->waitForStarted(static_cast<int>(limits.start.count())))
+        DnsRestorer::instance().pauseWhileRunning(*process);
 }
 
 OperationResult OvpnConnection::disconnect()
@@ -269,7 +282,7 @@ OperationResult OvpnConnection::disconnect()
     if (operation.isOvertaken()) // and the newer one has done, for the same process, what follows
         return OperationResult::succeeded();
 
-    MacPlatform::updateDns();
+    DnsRestorer::instance().restore();
     process.reset();
     return OperationResult::succeeded();
 }
@@ -286,6 +299,20 @@ void OvpnConnection::logOutput()
         qDebug() << output;
 }
 
+void OvpnConnection::watchTunnel()
+{
+    const auto giveBack = [operation = operations.current()] {
+        if (operation.isOvertaken()) // by a disconnect, which gives them back itself
+            return;
+        qDebug() << "The tunnel has ended by itself, the DNS settings are given back";
+        DnsRestorer::instance().restore();
+    };
+    QObject::connect(process.get(), qOverload<int, QProcess::ExitStatus>(&QProcess::finished),
+                     giveBack);
+    if (isEnded())
+        giveBack();
+}
+
 void OvpnConnection::dropExcessOutput()
 {
     if (!process)
@@ -297,13 +324,13 @@ void OvpnConnection::dropExcessOutput()
 
 int OvpnConnection::analyseProcessOutput(const QString &output)
 {
-    if (output.contains(QLatin1String("Initialization Sequence Completed")))
+    if (output.contains(QLatin1String(kSuccessMarker)))
         return Connected;
-    const bool hasError = output.contains(QLatin1String("failed, will try again in"))
-        || output.contains(QLatin1String("ERROR"));
+    const bool hasError = output.contains(QLatin1String(kRetryMarker))
+        || output.contains(QLatin1String(kErrorMarker));
     // A failing IPv6 route or address excuses every error of the attempt, later ones included.
     // That is wanted: the time limits end such an attempt.
-    if (!hasError || output.contains(QLatin1String("ipv6 command failed")))
+    if (!hasError || output.contains(QLatin1String(kIpv6Marker)))
         return Undecided;
     return Failed;
 }

@@ -117,6 +117,7 @@ private:
     void startOpenvpn();
     bool isEnded() const;
     void logOutput();
+    void watchTunnel();
     void dropExcessOutput();
 
     QString configFileName;

@@ -81,14 +81,32 @@ private Q_SLOTS:
                  QStringList());
     }
 
+    void serverOfAnotherAuthorityIsRefused_data()
+    {
+        QTest::addColumn<bool>("isUdp");
+        QTest::newRow("UDP") << true;
+        QTest::newRow("TCP") << false;
+    }
+
+    /// The laboratory's servers are called "Initialization Sequence Completed", and openvpn prints
+    /// the name that it refuses.
     void serverOfAnotherAuthorityIsRefused()
     {
+        QFETCH(bool, isUdp);
         VpnServerInformation server = vpnlab::server();
         server.ca = server.cert; // signed by the right one, but not it
-        m_client->connectUdp(server);
+        if (isUdp)
+            m_client->connectUdp(server);
+        else
+            m_client->connectTcp(server);
         QTRY_COMPARE_WITH_TIMEOUT(m_client->outcome(),
                                   QStringLiteral("warning.can_not_open_vpn_check_is_admin_granted"),
                                   17'000);
+        const QStringList log = m_daemon->log();
+        QVERIFY(std::any_of(log.begin(), log.end(), [](const QString &line) {
+            return line.contains(QLatin1String("VERIFY ERROR"))
+                && line.contains(QLatin1String("Initialization Sequence Completed"));
+        }));
     }
 };
 

@@ -221,7 +221,6 @@ private Q_SLOTS:
             QTest::newRow(name) << QString::fromLatin1(scenario) << limit << message << isStopped;
         };
         const Limit attempt = &OvpnLimits::attempt;
-        row("success", "prints-at-once-success", &OvpnLimits::poll, {}, false);
         row("silence", "silent", &OvpnLimits::firstOutput, kNoResponse, false);
         row("closed output", "only-empty", &OvpnLimits::firstOutput, kNoResponse, false);
         row("undecided output", "chatty", attempt, kTimeOut, false);
@@ -251,6 +250,42 @@ private Q_SLOTS:
         QCOMPARE(m_log->count(kRequestIsOver), isStopped ? 1 : 0);
         QCOMPARE(standins::runningOpenvpns(), isStopped ? 0 : 1);
         QCOMPARE(filesIn(QStringLiteral("/tmp")), QStringList());
+    }
+
+    void onlySuccessEndsAPassEarly_data()
+    {
+        QTest::addColumn<bool>("isEarly");
+        QTest::newRow("prints-at-once-success") << true;
+        QTest::newRow("split-marker") << true;
+        QTest::newRow("success-and-error") << true;
+        QTest::newRow("error") << false; // a line that excuses it may follow
+        QTest::newRow("exits-at-once") << false;
+    }
+
+    void onlySuccessEndsAPassEarly()
+    {
+        QFETCH(bool, isEarly);
+        OvpnLimits limits = patient();
+        limits.poll = 400ms;
+        use(limits);
+        QElapsedTimer timer;
+        timer.start();
+        bool retry = false;
+        const OperationResult result = m_connection->tryConnectOneTime(
+            configTextFor(QString::fromLatin1(QTest::currentDataTag())), kUdp, retry);
+        QCOMPARE(result.success, isEarly);
+        QVERIFY2((timer.elapsed() < 400) == isEarly, qPrintable(QString::number(timer.elapsed())));
+        QCOMPARE(m_log->count(QStringLiteral("openvpn state:  QProcess::Running")), 1);
+    }
+
+    void silentAttemptTakesAllItsPasses()
+    {
+        OvpnLimits limits = patient();
+        limits.poll = 50ms;
+        limits.firstOutput = 480ms;
+        use(limits);
+        QCOMPARE(connectTo(QStringLiteral("silent")).message, kNoResponse);
+        QCOMPARE(m_log->count(QStringLiteral("openvpn state:  QProcess::Running")), 10);
     }
 
     /// Each row is about what has come about when the first wait is over.
@@ -708,6 +743,32 @@ private Q_SLOTS:
         const QStringList lines = m_log->lines();
         QVERIFY(lines.first().startsWith(QStringLiteral("\"Still closing, second 0\\n")));
         QCOMPARE(lines.indexOf(kDnsRestored), lines.size() - 1);
+    }
+
+    void tunnelThatEndsByItselfGivesDnsBackOnce()
+    {
+        QVERIFY(connectTo(QStringLiteral("prints-at-once-success")).success);
+        standins::writeBackup(QStringLiteral("TalvexFreeVPN_dns_Wi-Fi"), "192.0.2.1\n");
+        m_log->clear();
+        QCOMPARE(::kill(pid_t(standins::openvpnStarts().last().pid), SIGKILL), 0);
+        QTRY_COMPARE(m_log->count(kDnsRestored), 1);
+        QCOMPARE(m_log->lines().first(),
+                 QStringLiteral("The tunnel has ended by itself, the DNS settings are given back"));
+        QCOMPARE(standins::dnsServers(QStringLiteral("Wi-Fi")),
+                 QStringList{QStringLiteral("192.0.2.1")});
+        QCOMPARE(standins::backupFiles(), QStringList());
+        // The next command finds an openvpn that has ended, as after an attempt.
+        QVERIFY(m_connection->hasProcess());
+        QVERIFY(m_connection->disconnect().success);
+        QCOMPARE(m_log->count(kDnsRestored), 2);
+    }
+
+    void tunnelThatIsTakenDownGivesDnsBackOnce()
+    {
+        QVERIFY(connectTo(QStringLiteral("prints-at-once-success")).success);
+        QVERIFY(m_connection->disconnect().success);
+        QCOMPARE(m_log->count(kDnsRestored), 1);
+        QVERIFY(!hasLogged(QStringLiteral("by itself")));
     }
 
     void processThatDoesNotEndIsKilledAtTheLimit_data()
