@@ -4,8 +4,8 @@
 /// Input: transport (1 byte), port (4 bytes), then host, ca, cert and key in UTF-8, each ended by a
 /// zero byte. In the texts, the two bytes ff 00 stand for a zero character.
 
-#include "fuzzsupport.h"
 #include "configtext.h"
+#include "fuzzsupport.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "vpnserverinformation.h"
 #include "ovpnconnection.h"
+#include "vpnserverinformation.h"
 
 #include <QtCore/QByteArray>
 #include <QtCore/QString>
