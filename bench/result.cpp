@@ -72,6 +72,14 @@ Result &Result::mustBeAtMostBaselinePlus(double value)
                   QStringLiteral("<= baseline + %1 %2").arg(value).arg(unit));
 }
 
+Result &Result::mustBeAtMostBaselinePlus(double value, double worst)
+{
+    mustBeAtMostBaselinePlus(value);
+    return setBar(
+        measured <= baseline.value() + value && m_worst <= m_worstBaseline + worst,
+        QStringLiteral("<= baseline + %1 %3, worst + %2 %3").arg(value).arg(worst).arg(unit));
+}
+
 Result &Result::ratioMustBeAtMost(double value)
 {
     return setBar(ratio.value() <= value, QStringLiteral("ratio <= %1").arg(value));

@@ -41,6 +41,8 @@ public:
     /// in the row's unit; the ratio is of the measured value to the baseline.
     Result &mustBeAtMost(double value);
     Result &mustBeAtMostBaselinePlus(double value); ///< and the remark tells the worst rounds
+    /// The same, and the worst round at most the baseline's worst plus @p worst.
+    Result &mustBeAtMostBaselinePlus(double value, double worst);
     Result &ratioMustBeAtMost(double value);
     Result &ratioMustBeAtLeast(double value);
 

@@ -1,6 +1,7 @@
 #include "vpnsession.h"
 
 #include "guardlimits.h"
+#include "peeruser.h"
 #include "ipcurls.h"
 #include "rep_ipcinterface_replica.h"
 #include "rep_serviceinterface_replica.h"
@@ -96,6 +97,20 @@ Problem foreignInterface()
 {
     return noDaemon(QStringLiteral("What listens on the daemon's socket speaks another interface."),
                     QStringLiteral("Use the vpnctl that came with the daemon."));
+}
+
+/// Whoever has the name of a socket could take a private key for himself.
+std::optional<Problem> peerProblem(const QLocalSocket &socket)
+{
+    constexpr quint32 kRoot = 0;
+    const quint32 user = userOfPeer(static_cast<int>(socket.socketDescriptor()));
+    if (user == kRoot)
+        return {};
+    return noDaemon(QStringLiteral("The program at the other end of %1 is not root's, but that of "
+                                   "user %2. Nothing was sent.")
+                        .arg(socket.fullServerName())
+                        .arg(user),
+                    QStringLiteral("That is not the daemon. Tell who administers this computer."));
 }
 
 /// Connects to the main socket only to see whether somebody listens there.
@@ -213,6 +228,8 @@ void VpnSession::connectMainSocket(void (VpnSession::*next)())
     m_phase = Phase::Reaching;
     m_limit.start(m_limits.handshake);
     connect(&m_mainSocket, &QLocalSocket::connected, this, [this, next] {
+        if (const auto problem = peerProblem(m_mainSocket))
+            return fail(*problem);
         m_mainNode.addClientSideConnection(&m_mainSocket);
         m_main.reset(m_mainNode.acquire<IpcInterfaceReplica>());
         connect(m_main.data(), &QRemoteObjectReplica::stateChanged, this,
@@ -263,6 +280,8 @@ void VpnSession::connectEndpointSocket(int endpoint)
     m_phase = Phase::Opening;
     m_limit.start(m_limits.handshake);
     connect(&m_endpointSocket, &QLocalSocket::connected, this, [this] {
+        if (const auto problem = peerProblem(m_endpointSocket))
+            return fail(*problem);
         m_endpointNode.addClientSideConnection(&m_endpointSocket);
         m_service.reset(m_endpointNode.acquire<ServiceInterfaceReplica>());
         connect(m_service.data(), &ServiceInterfaceReplica::vpn_cmd_result, this,
