@@ -4,6 +4,7 @@
 ///     minimal_client HOST UDP-PORT CA-FILE CERT-FILE KEY-FILE
 
 #include "ipcurls.h"
+#include "peeruser.h"
 #include "rep_ipcinterface_replica.h"
 #include "rep_serviceinterface_replica.h"
 
@@ -34,25 +35,35 @@ int main(int argc, char **argv)
         *texts[i] = QString::fromLatin1(file.readAll());
     }
 
+    // Anybody may be faster than the daemon, and would be told the private key.
+    const auto reachRoot = [](QLocalSocket &socket, const QString &name) -> const char * {
+        socket.connectToServer(name);
+        if (!socket.waitForConnected())
+            return "the daemon is not running";
+        return userOfPeer(int(socket.socketDescriptor())) == 0 ? nullptr
+                                                               : "the socket is not root's";
+    };
     // The daemon's main socket has one operation: make an endpoint for this client.
     QLocalSocket mainSocket;
-    mainSocket.connectToServer(shared::getIpcServiceUrl());
+    if (const char *problem = reachRoot(mainSocket, shared::getIpcServiceUrl()))
+        return fail(problem);
     QRemoteObjectNode mainNode;
     mainNode.addClientSideConnection(&mainSocket);
     const QScopedPointer<IpcInterfaceReplica> ipc(mainNode.acquire<IpcInterfaceReplica>());
-    if (!mainSocket.waitForConnected() || !ipc->waitForSource(5'000))
-        return fail("the daemon is not running");
+    if (!ipc->waitForSource(5'000))
+        return fail("the daemon does not answer");
     QRemoteObjectPendingReply<int> endpoint = ipc->createPrivilegedProcess();
     if (!endpoint.waitForFinished(5'000) || endpoint.returnValue() < 0)
         return fail("the daemon makes no endpoint");
 
     // Everything else happens there.
     QLocalSocket socket;
-    socket.connectToServer(shared::getIpcProcessUrl(endpoint.returnValue()));
+    if (const char *problem = reachRoot(socket, shared::getIpcProcessUrl(endpoint.returnValue())))
+        return fail(problem);
     QRemoteObjectNode node;
     node.addClientSideConnection(&socket);
     const QScopedPointer<ServiceInterfaceReplica> vpn(node.acquire<ServiceInterfaceReplica>());
-    if (!socket.waitForConnected() || !vpn->waitForSource(5'000))
+    if (!vpn->waitForSource(5'000))
         return fail("the endpoint does not answer");
 
     QObject::connect(&socket, &QLocalSocket::disconnected, vpn.data(),

@@ -1,3 +1,4 @@
+#include "asuser.h"
 #include "client.h"
 #include "daemonprocess.h"
 #include "ipcurls.h"
@@ -179,6 +180,32 @@ private Q_SLOTS:
             QCOMPARE(vpnctl.errorLines().mid(vpnctl.errorLines().size() - 2), lines);
             QCOMPARE(problemsIn(vpnctl.errorLines()).size(), 1);
         }
+    }
+
+    /// Whoever is faster than the daemon can make a socket of its name.
+    void programOfAnotherUserIsSentNothing()
+    {
+        m_daemon->kill();
+        QFile::remove(shared::getIpcServiceUrl());
+        QLocalServer server;
+        {
+            const lab::AsUser as(501);
+            if (!as.isActive())
+                QSKIP("an ordinary user's private root has only root");
+            QVERIFY(server.listen(shared::getIpcServiceUrl()));
+        }
+        VpnctlProcess vpnctl;
+        vpnctl.begin(connectTo(QStringLiteral("connects")));
+        QTRY_VERIFY(server.hasPendingConnections());
+        QLocalSocket *connection = server.nextPendingConnection();
+        QCOMPARE(vpnctl.exitCodeWithin(), kNoDaemon);
+        QCOMPARE(problemsIn(vpnctl.errorLines()),
+                 QStringList{QStringLiteral(
+                     "vpnctl: The program at the other end of "
+                     "/tmp/local:TalvexFreeVpnIpcInterface is not root's, but that of user 501. "
+                     "Nothing was sent.")});
+        QTRY_COMPARE(connection->state(), QLocalSocket::UnconnectedState);
+        QCOMPARE(connection->readAll(), QByteArray());
     }
 
     void daemonThatStopsListeningAndClosesTheConnectionHasGone()

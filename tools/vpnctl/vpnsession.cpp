@@ -1,8 +1,8 @@
 #include "vpnsession.h"
 
 #include "guardlimits.h"
-#include "peeruser.h"
 #include "ipcurls.h"
+#include "peeruser.h"
 #include "rep_ipcinterface_replica.h"
 #include "rep_serviceinterface_replica.h"
 
