@@ -51,7 +51,7 @@ endTunnels() {
     [[ -n $daemon ]] || return 0
     while read -r parent process name; do
         [[ $parent != "$daemon" || ${name##*/} != openvpn ]] || openvpns+=("$process")
-    done < <(ps -axo ppid=,pid=,comm=)
+    done < <(ps -axo ppid= -o pid= -o comm=)
     ((${#openvpns[@]})) || return 0
     kill "${openvpns[@]}" 2>/dev/null || true
     while ((tries-- > 0)) && kill -0 "${openvpns[@]}" 2>/dev/null; do sleep 0.2; done
