@@ -25,6 +25,8 @@ int main(int argc, char **argv)
 {
     keepLogWithin();
     QCoreApplication application(argc, argv);
+    // The folder of the settings has this name. Within a bundle, macOS would give the client's.
+    QCoreApplication::setApplicationName(QStringLiteral("talvexvpnd"));
     // The answer is not used, and that is wanted: a call left over from earlier days, without harm.
     QStandardPaths::writableLocation(QStandardPaths::DownloadLocation);
     createDataFolder();

@@ -48,18 +48,11 @@ QVariant readValue(QXmlStreamReader &xml)
     return type == QLatin1String("true");
 }
 
-QVariantMap readPropertyList()
+void installProgram(const QString &from, const QString &to)
 {
-    QFile file(QStringLiteral(TALVEX_PACKAGING "/TalvexVpnd.plist"));
-    if (!file.open(QIODevice::ReadOnly))
-        qFatal("cannot read %s", qPrintable(file.fileName()));
-    QXmlStreamReader xml(&file);
-    xml.readNextStartElement(); // plist
-    xml.readNextStartElement();
-    const QVariantMap properties = readValue(xml).toMap();
-    if (xml.hasError())
-        qFatal("%s: %s", qPrintable(file.fileName()), qPrintable(xml.errorString()));
-    return properties;
+    QFile::remove(to);
+    if (!QFile::copy(from, to))
+        qFatal("cannot copy %s to %s", qPrintable(from), qPrintable(to));
 }
 
 bool isServing()
@@ -71,11 +64,31 @@ bool isServing()
 
 } // namespace
 
+QVariantMap LaunchdJob::propertiesIn(const QString &name)
+{
+    QFile file(QStringLiteral(TALVEX_PACKAGING "/") + name);
+    if (!file.open(QIODevice::ReadOnly))
+        qFatal("cannot read %s", qPrintable(file.fileName()));
+    QXmlStreamReader xml(&file);
+    xml.readNextStartElement(); // plist
+    xml.readNextStartElement();
+    const QVariantMap properties = readValue(xml).toMap();
+    if (xml.hasError())
+        qFatal("%s: %s", qPrintable(file.fileName()), qPrintable(xml.errorString()));
+    return properties;
+}
+
 LaunchdJob::LaunchdJob()
-    : m_properties(readPropertyList())
+    : m_properties(propertiesIn(QStringLiteral("TalvexVpnd.plist")))
 {
     const DaemonProcess installed; // which is not started, but lies in its place
     QDir().mkpath(QStringLiteral("/var/log"));
+    const QString support = QStringLiteral("/Library/Application Support/Talvex VPN Service/");
+    QDir().mkpath(support);
+    installProgram(QStringLiteral(TALVEX_PACKAGING "/launcher"),
+                   support + QStringLiteral("Talvex VPN Service"));
+    installProgram(QStringLiteral(TALVEX_RESOURCES "/update_conf_down"),
+                   support + QStringLiteral("update_conf_down"));
 
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     environment.remove(QStringLiteral("HOME"));

@@ -14,11 +14,14 @@ public:
     /// What becomes of the processes that a dead daemon leaves.
     enum class Survivors { AreEnded, StayAlive };
 
-    /// Puts the bundle in its place and reads packaging/macos/TalvexVpnd.plist.
+    /// Puts bundle and launcher in their places and reads packaging/macos/TalvexVpnd.plist.
     LaunchdJob();
     ~LaunchdJob() override;
 
     const QVariantMap &properties() const { return m_properties; }
+
+    /// @return what a property list of packaging/macos holds.
+    static QVariantMap propertiesIn(const QString &name);
 
     /// Starts the daemon and waits until it accepts clients.
     /// @return false when it does not within some seconds.

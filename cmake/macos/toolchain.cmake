@@ -32,5 +32,6 @@ set(CMAKE_EXE_LINKER_FLAGS_INIT "-fuse-ld=lld -B${llvm}")
 set(CMAKE_AR "${llvm}/llvm-ar")
 set(CMAKE_RANLIB "${llvm}/llvm-ranlib")
 set(CMAKE_INSTALL_NAME_TOOL "${llvm}/llvm-install-name-tool")
+set(CMAKE_OTOOL "${llvm}/llvm-otool")
 
 set(Qt5_DIR "${CMAKE_CURRENT_LIST_DIR}/Qt5")

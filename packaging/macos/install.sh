@@ -5,37 +5,24 @@
 #
 # STAGE is where "cmake --install BUILD --component daemon --prefix STAGE" has put the bundle. Libraries
 # that have been added in its Contents/Frameworks are installed with it.
+#
+# Everything is copied beside what is there before the daemon is stopped, and only renamed afterwards. When
+# something fails, what was there comes back, and runs.
 # Written for bash 3.2, which macOS has.
 
 set -euo pipefail
 shopt -s nullglob
 
-readonly app="/Applications/Talvex VPN.app"
-readonly frameworks="$app/Contents/Frameworks"
-# The names in Frameworks that come from here and not from the application, one a line.
-readonly frameworksList="$app/Contents/Resources/talvexvpnd.frameworks"
-readonly job=system/com.talvex.talvexvpnd
-readonly plist=/Library/LaunchDaemons/TalvexVpnd.plist
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+# shellcheck source=packaging/macos/installation.bash
+source "$here/installation.bash"
 
-fail() { echo "install.sh: $1" >&2; exit 1; }
-
-# bootout may come back before the job has ended.
-stopJob() {
-    local tries=150
-    while launchctl print "$job" >/dev/null 2>&1; do
-        launchctl bootout "$job" 2>/dev/null || sleep 0.2
-        ((tries-- > 0)) || fail "$job does not end"
-    done
-}
-
-# failIfWritable PATH [OPTION-OF-FIND]...: of what find finds, nothing may be for others to change.
-failIfWritable() {
-    local found
-    found=$(find "$@" \( ! -user 0 -o ! -type l \( -perm -020 -o -perm -002 \) \))
-    [[ -z $found ]] ||
-        fail "others than root may write to ${found%%$'\n'*}; see: sudo chown -R root:wheel, chmod -R go-w"
-}
+targets=()   # what is replaced, or removed where it has no successor
+swapped=0    # how many of them have been set aside
+folders=()   # those that were made for it
+jobs=()      # what ran before, "JOB PROPERTY-LIST"
+isStopping=
+isDone=
 
 # A library must lie where it is looked for: a link could lead to a folder that is somebody else's.
 failIfLinksLeave() {
@@ -49,22 +36,117 @@ failIfLinksLeave() {
 
 isListed() { grep -Fqx -e "$1" "$frameworksList" 2>/dev/null; }
 
-installFrameworks() {
-    local name library
-    if [[ -e $frameworksList ]]; then
-        while IFS= read -r name; do
-            rm -rf "${frameworks:?}/${name:?}"
-        done <"$frameworksList"
-        rm "$frameworksList"
+# The programs look for libraries there, whoever brought them.
+checkFrameworks() {
+    local library
+    if [[ -d $frameworks ]]; then
+        failIfWritable "$frameworks"
+        failIfLinksLeave "$frameworks"
     fi
     [[ -d $staged/Frameworks ]] || return 0
-    install -o 0 -g 0 -m 644 /dev/null "$frameworksList"
+    failIfLinksLeave "$staged/Frameworks"
     for library in "$staged"/Frameworks/*; do
-        # The name goes first, so that what is half installed can be removed.
-        echo "${library##*/}" >>"$frameworksList"
-        cp -RP "$library" "$frameworks/"
-        chmod -R u=rwX,go=rX "$frameworks/${library##*/}"
+        [[ ! -e $frameworks/${library##*/} ]] || isListed "${library##*/}" ||
+            fail "the application has a ${library##*/} of its own; take yours out of $staged/Frameworks"
     done
+}
+
+makeFolder() {
+    [[ ! -d $1 ]] || return 0
+    makeFolder "${1%/*}"
+    folders+=("$1")
+    install -d -o 0 -g 0 -m 755 "$1"
+}
+
+# prepare TARGET [MODE SOURCE]: puts the target's successor beside it.
+prepare() {
+    # What an installation has left that was cut off in the middle.
+    rm -rf "$1$new"
+    if isThere "$1"; then
+        rm -rf "$1$old"
+    elif isThere "$1$old"; then
+        mv "$1$old" "$1"
+    fi
+    targets+=("$1")
+    [[ $# -eq 1 ]] || install -o 0 -g 0 -m "$2" "$3" "$1$new"
+}
+
+prepareFrameworks() {
+    local name library
+    # The list goes first, so that what is half installed can be removed.
+    prepare "$frameworksList"
+    for name in ${listed[@]+"${listed[@]}"}; do
+        [[ -e $staged/Frameworks/$name ]] || prepare "$frameworks/$name"
+    done
+    [[ -d $staged/Frameworks ]] || return 0
+    makeFolder "$frameworks"
+    install -o 0 -g 0 -m 644 /dev/null "$frameworksList$new"
+    for library in "$staged"/Frameworks/*; do
+        name=${library##*/}
+        echo "$name" >>"$frameworksList$new"
+        prepare "$frameworks/$name"
+        cp -RP "$library" "$frameworks/$name$new"
+        chmod -R u=rwX,go=rX "$frameworks/$name$new"
+    done
+}
+
+prepareAll() {
+    local program folder
+    for folder in "$contents/MacOS" "$contents/Resources" "$support" "$data" /var/log; do
+        makeFolder "$folder"
+    done
+    for program in "${programs[@]}"; do prepare "$contents/$program" 755 "$staged/$program"; done
+    prepareFrameworks
+    prepare "$launcher" 755 "$here/launcher"
+    prepare "$support/update_conf_down" 755 "$staged/Resources/update_conf_down"
+    prepare "$support/uninstall.sh" 755 "$here/uninstall.sh"
+    prepare "$support/installation.bash" 644 "$here/installation.bash"
+    prepare "$daemonPlist" 644 "$here/TalvexVpnd.plist"
+    prepare "$restorePlist" 644 "$here/TalvexRestore.plist"
+    [[ -e $log ]] || prepare "$log" 640 /dev/null
+}
+
+swap() {
+    local target
+    for target in "${targets[@]}"; do
+        if isThere "$target"; then mv "$target" "$target$old"; fi
+        swapped=$((swapped + 1))
+        if isThere "$target$new"; then mv "$target$new" "$target"; fi
+    done
+}
+
+putBack() {
+    local target index
+    for ((index = 0; index < swapped; index++)); do
+        target=${targets[index]}
+        if isThere "$target$old"; then
+            rm -rf "$target"
+            mv "$target$old" "$target"
+        elif ! isThere "$target$new"; then
+            rm -rf "$target"
+        fi
+    done
+    for target in ${targets[@]+"${targets[@]}"}; do rm -rf "$target$new"; done
+    for ((index = ${#folders[@]} - 1; index >= 0; index--)); do rmdir "${folders[index]}"; done
+}
+
+finish() {
+    local entry
+    trap - EXIT
+    set +e
+    [[ -z $isDone ]] || exit 0
+    if [[ -n $isStopping ]]; then
+        stopJob "$restoreJob"
+        stopJob "$job"
+    fi
+    putBack
+    if [[ -n $isStopping ]]; then
+        for entry in ${jobs[@]+"${jobs[@]}"}; do
+            isLoaded "${entry%% *}" || startJob "${entry%% *}" "${entry#* }"
+        done
+        echo "install.sh: nothing was installed; what was there is back" >&2
+    fi
+    exit 1
 }
 
 [[ $# -eq 1 ]] || fail "usage: install.sh STAGE"
@@ -74,37 +156,24 @@ readonly programs=(MacOS/talvexvpnd MacOS/openvpn Resources/update_conf_up Resou
 for program in "${programs[@]}"; do
     [[ -x $staged/$program ]] || fail "there is no program $staged/$program"
 done
+checkFolders
+readFrameworksList
+checkFrameworks
 
-# What root runs must not be for ordinary users to replace. (Administrators may write to /Applications, so
-# they can put another bundle there; but they may become root anyway.)
-folders=("$app" "$app/Contents" "$app/Contents/MacOS" "$app/Contents/Resources")
-[[ ! -d $staged/Frameworks ]] || folders+=("$frameworks")
-for folder in "${folders[@]}"; do
-    [[ ! -L $folder ]] || fail "$folder is a link and not a folder"
-    [[ -d $folder ]] || install -d -o 0 -g 0 -m 755 "$folder"
-    failIfWritable "$folder" -prune
-done
+trap finish EXIT
+trap 'exit 1' HUP INT TERM
+prepareAll
+if isLoaded "$job"; then jobs+=("$job $daemonPlist"); fi
+if isLoaded "$restoreJob"; then jobs+=("$restoreJob $restorePlist"); fi
 
-# The programs look for libraries there, whoever brought them.
-if [[ -e $frameworks || -L $frameworks ]]; then
-    [[ ! -L $frameworks ]] || fail "$frameworks is a link and not a folder"
-    failIfWritable "$frameworks"
-    failIfLinksLeave "$frameworks"
-fi
-if [[ -d $staged/Frameworks ]]; then
-    failIfLinksLeave "$staged/Frameworks"
-    for library in "$staged"/Frameworks/*; do
-        [[ ! -e $frameworks/${library##*/} ]] || isListed "${library##*/}" ||
-            fail "the application has a ${library##*/} of its own; take yours out of $staged/Frameworks"
-    done
-fi
-
-stopJob
-for program in "${programs[@]}"; do
-    install -o 0 -g 0 -m 755 "$staged/$program" "$app/Contents/$program"
-done
-installFrameworks
-install -o 0 -g 0 -m 644 "$here/TalvexVpnd.plist" "$plist"
-[[ -e /var/log/talvexvpnd.log ]] || install -o 0 -g 0 -m 640 /dev/null /var/log/talvexvpnd.log
-launchctl bootstrap system "$plist"
-echo "Installed and started. The log is /var/log/talvexvpnd.log."
+# The new daemon's start gives back what openvpn may have left of the DNS settings.
+isStopping=yes
+endTunnels
+stopJob "$restoreJob"
+stopJob "$job"
+swap
+startJob "$job" "$daemonPlist"
+startJob "$restoreJob" "$restorePlist"
+isDone=yes
+for target in "${targets[@]}"; do rm -rf "$target$old"; done
+echo "Installed and started. The log is $log."

@@ -3,52 +3,64 @@
 # log and its data included. The rest of the application stays. Needs root.
 #
 # Usage: sudo packaging/macos/uninstall.sh
+#    or: sudo "/Library/Application Support/Talvex VPN Service/uninstall.sh"
 #
 # Written for bash 3.2, which macOS has.
 
 set -euo pipefail
 
-readonly contents="/Applications/Talvex VPN.app/Contents"
-readonly frameworksList="$contents/Resources/talvexvpnd.frameworks"
-readonly data=/var/root/Library/Preferences/talvexvpnd/data
-readonly job=system/com.talvex.talvexvpnd
+here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+# shellcheck source=packaging/macos/installation.bash
+source "$here/installation.bash"
 
-fail() { echo "uninstall.sh: $1" >&2; exit 1; }
+# Files of ".saving_" hold nothing that a service has lost.
+backups() { find "$data" -type f ! -name '.saving_*' 2>/dev/null || true; }
 
-# bootout may come back before the job has ended.
-stopJob() {
-    local tries=150
-    while launchctl print "$job" >/dev/null 2>&1; do
-        launchctl bootout "$job" 2>/dev/null || sleep 0.2
-        ((tries-- > 0)) || fail "$job does not end"
-    done
-}
-
-[[ $# -eq 0 ]] || fail "usage: uninstall.sh"
-((EUID == 0)) || fail "this needs root: sudo $0"
-
-stopJob
 # In case that openvpn came to no orderly end. The backup files are the only record of the settings, so
 # nothing goes before they are applied.
-if [[ -x $contents/Resources/update_conf_down && -n $(find "$data" -type f 2>/dev/null) ]]; then
-    "$contents/Resources/update_conf_down" ||
-        fail "the DNS settings cannot be given back; the daemon is stopped, and nothing was removed. \
-Put them right by hand, remove the files in $data, and start this again"
-fi
+giveDnsBack() {
+    local script=$support/update_conf_down
+    [[ -n $(backups) ]] || return 0
+    [[ -e $script ]] || script=$contents/Resources/update_conf_down
+    if [[ -x $script ]]; then
+        failIfWritable "$script"
+        "$script" || true
+    fi
+    [[ -z $(backups) ]] || fail "the DNS settings cannot be given back; the daemon is stopped, and nothing \
+was removed. Put them right by hand, remove the files in $data, and start this again"
+}
 
-rm -f /Library/LaunchDaemons/TalvexVpnd.plist
-rm -f "$contents/MacOS/talvexvpnd" "$contents/MacOS/openvpn"
-rm -f "$contents/Resources/update_conf_up" "$contents/Resources/update_conf_down"
-if [[ -e $frameworksList ]]; then
-    while IFS= read -r name; do
-        rm -rf "${contents:?}/Frameworks/${name:?}"
-    done <"$frameworksList"
-    rm -f "$frameworksList"
-fi
-rm -f /var/log/talvexvpnd.log
-rm -rf /tmp/local:TalvexFreeVpnIpcInterface /tmp/local:TalvexFreeVpnIpcInterface_*
-rm -rf /var/root/Library/Preferences/talvexvpnd
-# Only where nothing else is in them.
-rmdir "$contents/MacOS" "$contents/Resources" "$contents/Frameworks" 2>/dev/null || true
-rmdir "$contents" "${contents%/Contents}" 2>/dev/null || true
-echo "Uninstalled."
+removeAll() {
+    local path name
+    for name in ${listed[@]+"${listed[@]}"}; do
+        rm -rf "${frameworks:?}/${name:?}" "${frameworks:?}/$name$new" "${frameworks:?}/$name$old"
+    done
+    for path in "$daemonPlist" "$restorePlist" "$log" "$frameworksList" \
+        "$contents"/MacOS/{talvexvpnd,openvpn} "$contents"/Resources/update_conf_{up,down} \
+        "$launcher" "$support"/{update_conf_down,uninstall.sh,installation.bash}; do
+        rm -f "$path" "$path$new" "$path$old"
+    done
+    find /tmp/ -maxdepth 1 \( -name local:TalvexFreeVpnIpcInterface -o \
+        -name 'local:TalvexFreeVpnIpcInterface_*' \) -exec rm -rf {} +
+    rm -rf "${data%/*}"
+    # Only where nothing else is in them.
+    rmdir "$contents/MacOS" "$contents/Resources" "$frameworks" "$support" 2>/dev/null || true
+    rmdir "$contents" "$app" 2>/dev/null || true
+}
+
+# In one piece, since the file itself goes meanwhile.
+main() {
+    [[ $# -eq 0 ]] || fail "usage: uninstall.sh"
+    ((EUID == 0)) || fail "this needs root: sudo $0"
+    checkFolders
+    readFrameworksList
+    endTunnels
+    stopJob "$restoreJob"
+    stopJob "$job"
+    giveDnsBack
+    removeAll
+    echo "Uninstalled."
+    exit
+}
+
+main "$@"

@@ -145,12 +145,16 @@ private Q_SLOTS:
         QCOMPARE(inodeOfTheSocket(), inode);
     }
 
-    void argumentsAreNotRead()
+    void neitherArgumentsNorTheNameOfTheProgramMatter()
     {
+        // Within a bundle, macOS would have the daemon's name from the client.
         DaemonProcess daemon;
         daemon.setWrapper({QStringLiteral("/bin/bash"), QStringLiteral("-c"),
-                           QStringLiteral("exec \"$0\" --help --version nonsense")});
-        QVERIFY(daemon.start());
+                           QStringLiteral("exec -a Client \"$0\" --help --version nonsense")});
+        QVERIFY(daemon.startOnly());
+        QTRY_COMPARE(daemon.log().value(0),
+                     QStringLiteral("\"/var/root/Library/Preferences/talvexvpnd/data\""));
+        QTRY_VERIFY(inodeOfTheSocket() != 0);
     }
 };
 

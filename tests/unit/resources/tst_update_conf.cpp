@@ -3,6 +3,8 @@
 
 #include <QtTest/QtTest>
 
+#include <utility>
+
 namespace {
 
 const QString kNetworksetup = QStringLiteral("/sbin/networksetup");
@@ -74,25 +76,40 @@ private:
     }
 
     int up(const QStringList &pushed) { return run(QStringLiteral("update_conf_up"), pushed); }
+    int upWithAServer() { return up(kPushedServer); }
     int down() { return run(QStringLiteral("update_conf_down")); }
+
+    void writeTool(const QString &path, const QByteArray &script)
+    {
+        QFile file(path);
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        file.write("#!/bin/bash\n" + script);
+        QVERIFY(file.setPermissions(QFile::ReadOwner | QFile::ExeOwner));
+    }
 
     /// Puts a script in the place of networksetup; $standIn in it is the stand-in.
     void replaceNetworksetup(const QByteArray &script)
     {
         QVERIFY(QFile::remove(kNetworksetup));
-        QFile file(kNetworksetup);
-        QVERIFY(file.open(QIODevice::WriteOnly));
-        file.write("#!/bin/bash\nstandIn='" + m_standIn.toUtf8() + "'\n" + script);
-        QVERIFY(file.setPermissions(QFile::ReadOwner | QFile::ExeOwner));
+        writeTool(kNetworksetup, "standIn='" + m_standIn.toUtf8() + "'\n" + script);
+    }
+
+    /// @return how often a script has called networksetup since the last time.
+    int newCalls()
+    {
+        const int calls = standins::networksetupCalls().size();
+        return calls - std::exchange(m_calls, calls);
     }
 
     const QString m_standIn = QFile::symLinkTarget(kNetworksetup);
     QString m_output;
+    int m_calls = 0;
 
 private Q_SLOTS:
     void init()
     {
         lab::resetPrivateRoot();
+        m_calls = 0;
         standins::setDns(kWifi, {QStringLiteral("192.0.2.2"), QStringLiteral("192.0.2.1")},
                          {QStringLiteral("Empty")});
         standins::setDns(kUsb, {QStringLiteral("Empty")},
@@ -107,6 +124,7 @@ private Q_SLOTS:
     {
         QFile::remove(kNetworksetup);
         QVERIFY(QFile::link(m_standIn, kNetworksetup));
+        QFile::remove(QStringLiteral("/sbin/dscacheutil"));
     }
 
     void upSavesEveryEnabledServicesSettings()
@@ -176,13 +194,116 @@ private Q_SLOTS:
         QCOMPARE(m_output, QString());
     }
 
-    void downRemovesABackupThatCannotBeApplied()
+    void downRemovesABackupThatHoldsNothing()
     {
         standins::writeBackup(QStringLiteral("TalvexFreeVPN_dns_Wi-Fi"), "\n");
         const QVector<QStringList> before = settings();
         QCOMPARE(down(), 0);
         QCOMPARE(settings(), before);
         QCOMPARE(backups(), QStringList());
+    }
+
+    void downKeepsABackupThatIsRefused()
+    {
+        QCOMPARE(up(kPushedServer), 0);
+        replaceNetworksetup("[[ $1$2 == -setdnsserversWi-Fi ]] && { echo no; exit 4; }\n"
+                            "exec \"$standIn\" \"$@\"\n");
+        QCOMPARE(down(), 0);
+        QCOMPARE(
+            m_output,
+            QStringLiteral("no\nupdate_conf_down: Wi-Fi does not take its DNS settings back\n"));
+        QCOMPARE(backups(),
+                 QStringList{QStringLiteral("TalvexFreeVPN_dns_Wi-Fi=192.0.2.2 192.0.2.1\n")});
+    }
+
+    void downRestoresAServiceThatWasSwitchedOffMeanwhile()
+    {
+        const QVector<QStringList> before = settings();
+        QCOMPARE(up(kPushedServer), 0);
+        standins::setState(QStringLiteral("networksetup/services"),
+                           "*Wi-Fi\nThunderbolt Bridge\niPhone USB\n*USB 10/100/1000 LAN\n");
+        QCOMPARE(down(), 0);
+        QCOMPARE(settings(), before);
+        QVERIFY(QDir(standins::dataFolder()).isEmpty());
+    }
+
+    void tenServicesTakeAsFewCallsAsCanBe()
+    {
+        // At 0.3 s a call, up has to end within 16 s, and down within 10 s.
+        QByteArray services;
+        for (int i = 0; i < 10; ++i)
+            services += "Service " + QByteArray::number(i) + '\n';
+        standins::setState(QStringLiteral("networksetup/services"), services);
+        const QStringList domain{QStringLiteral("dhcp-option DOMAIN tunnel.test")};
+        newCalls();
+        QCOMPARE(up(kPushedServer + domain), 0);
+        QCOMPARE(newCalls(), 1 + 10 * 4);
+        QCOMPARE(up(kPushedServer + domain), 0);
+        QCOMPARE(newCalls(), 1 + 10 * 2);
+        QCOMPARE(down(), 0);
+        QCOMPARE(newCalls(), 1 + 10 * 2);
+        QCOMPARE(up(kPushedServer), 0);
+        QCOMPARE(newCalls(), 1 + 10 * 3);
+    }
+
+    void bothFlushTheCacheWhereItIs()
+    {
+        writeTool(QStringLiteral("/sbin/dscacheutil"), "echo \"$@\" >>/tmp/flushes\n");
+        QVERIFY(
+            QFile::copy(QStringLiteral("/usr/bin/sleep"), QStringLiteral("/tmp/mDNSResponder")));
+        const auto flushes = [this](int (UpdateConf::*script)()) {
+            QProcess resolver; // which ends at the signal that makes the real one forget
+            resolver.start(QStringLiteral("/tmp/mDNSResponder"), {QStringLiteral("60")});
+            const bool isStarted = resolver.waitForStarted();
+            QFile::remove(QStringLiteral("/tmp/flushes"));
+            const bool isDone = (this->*script)() == 0;
+            const bool isFlushed =
+                contentOf(QStringLiteral("/tmp/flushes")) == QLatin1String("-flushcache\n");
+            const bool isSignalled = isFlushed && resolver.waitForFinished(2'000);
+            resolver.kill();
+            resolver.waitForFinished();
+            return isStarted && isDone && isSignalled;
+        };
+        QVERIFY(flushes(&UpdateConf::upWithAServer));
+        QVERIFY(flushes(&UpdateConf::down));
+        QVERIFY(!flushes(&UpdateConf::down)); // which has nothing to restore
+    }
+
+    void upStopsAndTakesItsChangeBackWhenItsOpenvpnHasEnded_data()
+    {
+        QTest::addColumn<QByteArray>("call");
+        QTest::addColumn<QStringList>("saved");
+        QTest::newRow("before it saves") << QByteArray("-getsearchdomains") << QStringList();
+        QTest::newRow("while it sets")
+            << QByteArray("-setdnsservers")
+            << QStringList{QStringLiteral("TalvexFreeVPN_dns_Wi-Fi=192.0.2.2 192.0.2.1\n"),
+                           QStringLiteral("TalvexFreeVPN_domain_Wi-Fi=Empty\n")};
+    }
+
+    void upStopsAndTakesItsChangeBackWhenItsOpenvpnHasEnded()
+    {
+        QFETCH(QByteArray, call);
+        QFETCH(QStringList, saved);
+        const QVector<QStringList> before = settings();
+        replaceNetworksetup("if [[ $1 == " + call + R"sh( && ! -e /tmp/script ]]; then
+                kill -KILL "$(</tmp/openvpn)"
+                while [[ -d /proc/$(</tmp/openvpn) ]]; do sleep 0.01; done
+                echo "$PPID" >/tmp/script
+            fi
+            exec "$standIn" "$@")sh");
+        QProcess openvpn;
+        openvpn.start(QStringLiteral("/bin/bash"),
+                      {QStringLiteral("-c"),
+                       QStringLiteral("echo $$ >/tmp/openvpn\n"
+                                      "foreign_option_1='dhcp-option DNS 10.8.0.1' \"$0\"\n:"),
+                       QCoreApplication::applicationDirPath()
+                           + QStringLiteral("/../Resources/update_conf_up")});
+        QVERIFY(openvpn.waitForFinished());
+        QTRY_VERIFY(!contentOf(QStringLiteral("/tmp/script")).isEmpty());
+        const qint64 script = contentOf(QStringLiteral("/tmp/script")).trimmed().toLongLong();
+        QTRY_VERIFY(!standins::isAlive(script));
+        QCOMPARE(settings(), before);
+        QCOMPARE(backups(), saved);
     }
 
     void withoutAnythingToDoNothingIsDone()
@@ -211,6 +332,44 @@ private Q_SLOTS:
                  (QStringList{QStringLiteral("a.test"), QStringLiteral("b.test")}));
         // The daemon searches what openvpn prints, and this is part of it.
         QCOMPARE(m_output, QString());
+    }
+
+    void onlyAddressesAreTaken()
+    {
+        const QStringList good{QStringLiteral("192.0.2.255"),
+                               QStringLiteral("::1"),
+                               QStringLiteral("fd00::"),
+                               QStringLiteral("1:2:3:4:5:6:7:8"),
+                               QStringLiteral("1::3:4:5:6:7:abCD"),
+                               QStringLiteral("::ffff:192.0.2.1"),
+                               QStringLiteral("64:ff9b::192.0.2.33")};
+        QStringList pushed;
+        for (const QString &address : good)
+            pushed.append(QStringLiteral("dhcp-option DNS ") + address);
+        for (const char *bad :
+             {"192.0.2.256", "192.0.2", "192.0.2.1.1", "192.0.02.1", ".192.0.2.1", "1:2:3:4:5:6:7",
+              "1:2:3:4:5:6:7:8:9", "1::2::3", ":::", ":1::2", "1::2:", "12345::", "fg::", "1:2",
+              "::192.0.2.256", "::192.0.2", "1:2:3:4:5:6:7:192.0.2.1", "1::2:3:4:5:6:7:8", ":"})
+            pushed.append(QStringLiteral("dhcp-option DNS6 ") + QString::fromLatin1(bad));
+        QCOMPARE(up(pushed), 0);
+        QCOMPARE(standins::dnsServers(kWifi), good);
+    }
+
+    void serversThatAreRefusedAreNoticed()
+    {
+        replaceNetworksetup("[[ $1$2 == -setdnsservers$(cat /tmp/refuses) ]] && exit 4\n"
+                            "exec \"$standIn\" \"$@\"\n");
+        QProcess::execute(QStringLiteral("/bin/bash"),
+                          {QStringLiteral("-c"), QStringLiteral("echo Wi-Fi >/tmp/refuses")});
+        QCOMPARE(up(kPushedServer), 0);
+        QCOMPARE(m_output,
+                 QStringLiteral("update_conf_up: Wi-Fi does not take the tunnel's DNS servers\n"));
+        QCOMPARE(standins::dnsServers(kUsb), kTunnelsServer);
+
+        standins::setState(QStringLiteral("networksetup/services"), "Wi-Fi\n*iPhone USB\n");
+        QCOMPARE(up(kPushedServer), 1);
+        QVERIFY(m_output.endsWith(
+            QLatin1String("\nupdate_conf_up: no service takes the tunnel's DNS servers\n")));
     }
 
     void upFailsAndChangesNothingWhenSettingsCannotBeSaved()

@@ -1,0 +1,89 @@
+# shellcheck shell=bash disable=SC2034
+# What install.sh and uninstall.sh have in common. Both source it; it lies beside them.
+#
+# Written for bash 3.2, which macOS has.
+
+readonly app="/Applications/Talvex VPN.app"
+readonly contents="$app/Contents"
+readonly frameworks="$contents/Frameworks"
+# The names in Frameworks that come from here and not from the application, one a line.
+readonly frameworksList="$contents/Resources/talvexvpnd.frameworks"
+# Outside the application, so that it is there when the application has gone.
+readonly support="/Library/Application Support/Talvex VPN Service"
+readonly launcher="$support/Talvex VPN Service"
+readonly data=/var/root/Library/Preferences/talvexvpnd/data
+readonly daemonPlist=/Library/LaunchDaemons/TalvexVpnd.plist
+readonly restorePlist=/Library/LaunchDaemons/TalvexRestore.plist
+readonly log=/var/log/talvexvpnd.log
+readonly job=system/com.talvex.talvexvpnd
+readonly restoreJob=system/com.talvex.restore
+# What an installation puts beside a file: its successor, and while it goes on, the file itself.
+readonly new=.talvex-new
+readonly old=.talvex-old
+
+fail() { echo "${0##*/}: $1" >&2; exit 1; }
+
+isThere() { [[ -e $1 || -L $1 ]]; }
+
+isLoaded() { launchctl print "$1" >/dev/null 2>&1; }
+
+# bootout may come back before the job has ended.
+stopJob() {
+    local tries=150
+    while isLoaded "$1"; do
+        launchctl bootout "$1" 2>/dev/null || sleep 0.2
+        if ((tries-- <= 0)); then
+            echo "${0##*/}: $1 does not end" >&2
+            return 1
+        fi
+    done
+}
+
+# launchd starts no job that somebody has switched off.
+startJob() { launchctl enable "$1" && launchctl bootstrap system "$2"; }
+
+# Ends the openvpn of the daemon as a disconnect does, so that it gives the DNS settings back. What has
+# not ended then, launchd ends with the job.
+endTunnels() {
+    local daemon parent process name tries=75 openvpns=()
+    daemon=$(launchctl print "$job" 2>/dev/null | sed -n 's/^[[:space:]]*pid = //p') || return 0
+    daemon=${daemon%%$'\n'*}
+    [[ -n $daemon ]] || return 0
+    while read -r parent process name; do
+        [[ $parent != "$daemon" || ${name##*/} != openvpn ]] || openvpns+=("$process")
+    done < <(ps -axo ppid= -o pid= -o comm=)
+    ((${#openvpns[@]})) || return 0
+    kill "${openvpns[@]}" 2>/dev/null || true
+    while ((tries-- > 0)) && kill -0 "${openvpns[@]}" 2>/dev/null; do sleep 0.2; done
+}
+
+# failIfWritable PATH [OPTION-OF-FIND]...: of what find finds, nothing may be for others to change.
+failIfWritable() {
+    local found
+    found=$(find "$@" \( ! -user 0 -o ! -type l \( -perm -020 -o -perm -002 \) \))
+    [[ -z $found ]] || fail "others than root may write to ${found%%$'\n'*}, and who may change what root \
+runs is root. To make the application root's: sudo chown -R root:wheel \"$app\"; sudo chmod -R go-w \"$app\""
+}
+
+# What root runs or removes must not be for ordinary users to replace. (Administrators may write to
+# /Applications, so they can put another bundle there; but they may become root anyway.)
+checkFolders() {
+    local folder
+    for folder in "$app" "$contents" "$contents/MacOS" "$contents/Resources" "$frameworks" "$support"; do
+        [[ ! -L $folder ]] || fail "$folder is a link and not a folder"
+        [[ ! -d $folder ]] || failIfWritable "$folder" -prune
+    done
+}
+
+# Sets the array "listed" to the names in Frameworks that come from an earlier installation.
+readFrameworksList() {
+    local name
+    listed=()
+    [[ -e $frameworksList ]] || return 0
+    while IFS= read -r name; do
+        case $name in
+            "" | . | .. | */*) fail "\"$name\" in $frameworksList is no name; remove the line" ;;
+        esac
+        listed+=("$name")
+    done <"$frameworksList"
+}
