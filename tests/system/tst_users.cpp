@@ -88,9 +88,9 @@ private Q_SLOTS:
         }
         QTRY_COMPARE(m_daemon->count(QStringLiteral("IpcServer new connection")), 2);
         QTRY_COMPARE(closedByPeer(visit), isServed ? 0 : 1);
-        QTRY_COMPARE(m_daemon->count(
-                     QStringLiteral("Connection refused: the endpoint belongs to another user")),
-                 isServed ? 0 : 1);
+        QTRY_COMPARE(m_daemon->count(QStringLiteral(
+                         "Connection refused: the endpoint belongs to another user")),
+                     isServed ? 0 : 1);
         client->connectUdp(serverFor(QStringLiteral("connects")));
         QTRY_COMPARE(client->outcome(), kSuccess);
     }
