@@ -1,6 +1,9 @@
 #include "boundedlog.h"
 #include "checkdns.h"
+#include "ipcurls.h"
 #include "localserver.h"
+#include "ovpnconnection.h"
+#include "socketname.h"
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QDebug>
@@ -31,6 +34,9 @@ int main(int argc, char **argv)
     QStandardPaths::writableLocation(QStandardPaths::DownloadLocation);
     createDataFolder();
     checkDNS();
+    // A daemon that lives may be in the middle of an attempt.
+    if (!socketname::isTakenByOwnUser(shared::getIpcServiceUrl()))
+        vpncore::OvpnConnection::removeLeftConfigFiles();
     LocalServer server;
     return QCoreApplication::exec();
 }

@@ -11,6 +11,7 @@
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QDebug>
+#include <QtCore/QDir>
 #include <QtCore/QElapsedTimer>
 #include <QtCore/QFile>
 #include <QtCore/QProcess>
@@ -18,6 +19,8 @@
 
 #include <algorithm>
 #include <chrono>
+
+#include <unistd.h>
 
 namespace vpncore {
 
@@ -368,6 +371,18 @@ void OvpnConnection::correctConnectionTypeInConfigText(QString &configText,
     } else if (connectionType == Udp && configText.contains(tcp)) {
         qDebug() << "UDP";
         configText.replace(tcp, udp);
+    }
+}
+
+void OvpnConnection::removeLeftConfigFiles()
+{
+    // The names that QTemporaryFile makes by default.
+    const QString names = QCoreApplication::applicationName() + QStringLiteral(".??????");
+    const auto files = QDir::temp().entryInfoList(
+        {names}, QDir::Files | QDir::Hidden | QDir::System | QDir::NoSymLinks);
+    for (const QFileInfo &file : files) {
+        if (file.ownerId() == ::geteuid())
+            QFile::remove(file.filePath());
     }
 }
 

@@ -106,6 +106,10 @@ public:
     static void correctConnectionTypeInConfigText(QString &configText,
                                                   ConnectionType connectionType);
 
+    /// Removes the configuration files, with the keys in them, that daemons left which were killed
+    /// in an attempt. Must not be called while another daemon of the same user runs.
+    static void removeLeftConfigFiles();
+
     /// Removes the configuration file of the latest attempt, if there is one left.
     void deleteConfigFile();
 

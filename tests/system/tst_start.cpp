@@ -94,6 +94,34 @@ private Q_SLOTS:
         QVERIFY(QFile::rename(tool + QStringLiteral(".kept"), tool));
     }
 
+    void configurationFilesThatAKillLeftAreRemoved_data()
+    {
+        QTest::addColumn<bool>("isNameTaken");
+        QTest::newRow("no daemon lives") << false;
+        QTest::newRow("one may live") << true;
+    }
+
+    void configurationFilesThatAKillLeftAreRemoved()
+    {
+        QFETCH(bool, isNameTaken);
+        const QStringList left{QStringLiteral("/tmp/talvexvpnd.AbCdEf")};
+        const QStringList others{QStringLiteral("/tmp/talvexvpnd.AbCdEfG"),
+                                 QStringLiteral("/tmp/another.AbCdEf")};
+        for (const QString &path : left + others) {
+            QFile file(path);
+            QVERIFY(file.open(QIODevice::WriteOnly));
+        }
+        if (isNameTaken)
+            QVERIFY(QFile::link(QStringLiteral("/nothing"), shared::getIpcServiceUrl()));
+        DaemonProcess daemon;
+        QVERIFY(isNameTaken ? daemon.startOnly() : daemon.start());
+        QTRY_VERIFY(!isNameTaken
+                    || !daemon.linesWith(QStringLiteral("\"Unable to start")).isEmpty());
+        QCOMPARE(QFile::exists(left.first()), isNameTaken);
+        for (const QString &path : others)
+            QVERIFY(QFile::exists(path));
+    }
+
     void secondDaemonLogsAndIdlesWhileTheFirstServesOn()
     {
         DaemonProcess first;

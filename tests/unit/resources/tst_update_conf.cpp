@@ -372,11 +372,22 @@ private Q_SLOTS:
             QLatin1String("\nupdate_conf_up: no service takes the tunnel's DNS servers\n")));
     }
 
+    void upFailsAndChangesNothingWhenSettingsCannotBeSaved_data()
+    {
+        QTest::addColumn<QString>("obstacle");
+        QTest::newRow("no folder") << QStringLiteral("rmdir \"$0\"; : >\"$0\"");
+        QTest::newRow("a link") << QStringLiteral(
+            ": >/var/root/elsewhere; ln -s /var/root/elsewhere \"$0/TalvexFreeVPN_dns_Wi-Fi\"");
+        QTest::newRow("a folder") << QStringLiteral("mkdir \"$0/TalvexFreeVPN_dns_Wi-Fi\"");
+    }
+
     void upFailsAndChangesNothingWhenSettingsCannotBeSaved()
     {
-        QVERIFY(QDir().mkpath(QFileInfo(standins::dataFolder()).path()));
-        QFile inTheWay(standins::dataFolder());
-        QVERIFY(inTheWay.open(QIODevice::WriteOnly));
+        QFETCH(QString, obstacle);
+        QVERIFY(QDir().mkpath(standins::dataFolder()));
+        QCOMPARE(QProcess::execute(QStringLiteral("/bin/bash"),
+                                   {QStringLiteral("-c"), obstacle, standins::dataFolder()}),
+                 0);
         const QVector<QStringList> before = settings();
         QCOMPARE(up(kPushedServer), 1);
         QVERIFY2(m_output.endsWith(

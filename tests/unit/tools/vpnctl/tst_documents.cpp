@@ -110,7 +110,8 @@ private Q_SLOTS:
     {
         const QString job = contentOf("packaging/macos/TalvexVpnd.plist");
         QVERIFY(job.contains(QStringLiteral("<string>com.talvex.talvexvpnd</string>")));
-        QVERIFY(job.contains(QStringLiteral("/tmp/local:TalvexFreeVpnIpcInterface")));
+        QVERIFY(contentOf("packaging/macos/launcher")
+                    .contains(QStringLiteral("local:TalvexFreeVpnIpcInterface")));
         for (const QString &text : {manualPage(), contentOf("tools/vpnctl/vpnsession.cpp")}) {
             QVERIFY(text.contains(QStringLiteral("system/com.talvex.talvexvpnd")));
             QVERIFY(text.contains(QStringLiteral("/Library/LaunchDaemons/TalvexVpnd.plist")));
