@@ -9,8 +9,8 @@ namespace {
 /// What fgets(3) puts into a buffer of 257 bytes. A line that fills it is refused.
 constexpr int kLineLimit = 256;
 constexpr int kBlockPieceBytes = 255; ///< within inline blocks, where nothing is refused
-constexpr int kLongestWord = 255;
-constexpr int kMostWords = 16;
+constexpr int kMaxWord = 255;
+constexpr int kMaxWords = 16;
 
 const char kUnreadable[] = "unreadable";
 
@@ -58,7 +58,7 @@ public:
     explicit Words(const QByteArray &line)
     {
         for (const char c : line) {
-            if (m_isComment || m_words.size() >= kMostWords)
+            if (m_isComment || m_words.size() >= kMaxWords)
                 break;
             take(c);
         }
@@ -123,7 +123,7 @@ private:
         if (isEscaped && c != '\\' && c != '"' && !isSpace(c))
             m_isReadable = false;
         m_word += c;
-        if (m_word.size() > kLongestWord)
+        if (m_word.size() > kMaxWord)
             m_isReadable = false;
     }
 

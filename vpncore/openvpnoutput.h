@@ -40,8 +40,7 @@ public:
     QString endPass();
 
     /// @return a text in which the same markers stand as in everything so far, but for the names
-    /// that
-    ///         a server chose.
+    ///         that a server chose.
     QString judgedText() const { return m_found + judged(m_line); }
 
 private:

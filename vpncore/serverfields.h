@@ -24,8 +24,7 @@ bool fitsRemoteLine(const QString &host, int port);
 
 /// @param tag the name of the block: "ca", "cert" or "key".
 /// @return whether @p text can stand in the inline block: it has neither the block's closing tag
-/// nor
-///         a zero character. True for an empty text.
+///         nor a zero character. True for an empty text.
 bool fitsInlineBlock(const QString &text, QLatin1String tag);
 
 } // namespace vpncore
