@@ -54,7 +54,7 @@ using std::chrono::milliseconds;
 
 constexpr auto kBanner = "OpenVPN 2.6.14 stand-in\n"sv;
 constexpr auto kSuccess = "Initialization Sequence Completed\n"sv;
-constexpr std::size_t kFloodBytes = 64 * 1024 * 1024;
+constexpr std::size_t kFloodBytes = 64 * 1024 * 1024; ///< of a tunnel; thrice that in an attempt
 constexpr auto kChildTime = 60s;
 
 /// SIGTERM has come; what happens then is the scenario's business.
@@ -501,7 +501,8 @@ void printVeryMuch(Tunnel &tunnel)
 
 void flood(Tunnel &tunnel)
 {
-    printVeryMuch(tunnel);
+    for (int i = 0; i < 3; ++i)
+        printVeryMuch(tunnel);
     tunnel.print(kSuccess);
 }
 

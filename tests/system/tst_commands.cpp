@@ -1,5 +1,6 @@
 #include "client.h"
 #include "daemonprocess.h"
+#include "measures.h"
 #include "privateroot.h"
 #include "standins.h"
 
@@ -92,6 +93,18 @@ private Q_SLOTS:
         QCOMPARE(m_client->answers().size(), 1); // nobody is told
         m_client->disconnectTunnel();
         QTRY_COMPARE(m_client->outcome(1), kSuccess);
+    }
+
+    /// 200 MB before the success line, as rejected packets may bring them about.
+    void attemptThatPrintsVeryMuchCostsLittleMemory()
+    {
+        const qint64 before = measures::statusOf(m_daemon->pid(), "VmHWM");
+        m_client->connectUdp(serverFor(QStringLiteral("flood")));
+        QTRY_COMPARE_WITH_TIMEOUT(m_client->outcome(), kSuccess, 20'000);
+        const qint64 growth = measures::statusOf(m_daemon->pid(), "VmHWM") - before;
+        qInfo("grown by %lld KiB at its peak", growth);
+        if (measures::kResidentMemoryCounts)
+            QVERIFY(before > 0 && growth < 64 * 1024);
     }
 
     void conversationIsLogged()
