@@ -24,9 +24,8 @@ void OpenvpnOutput::add(const QByteArray &bytes)
 {
     if (m_isPassCut)
         return;
-    const int zero = bytes.indexOf('\0');
-    m_isPassCut = zero >= 0;
-    const QByteArray arrived = m_isPassCut ? bytes.left(zero) : bytes;
+    m_isPassCut = bytes.contains('\0');
+    const QByteArray arrived(bytes.constData()); // up to the zero byte
     m_pass += arrived.left(kMaxLoggedBytes - m_pass.size());
 
     m_line += QString::fromLatin1(arrived);
