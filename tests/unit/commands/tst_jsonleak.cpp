@@ -28,7 +28,7 @@ private Q_SLOTS:
         row(false, "{'a':{'a':1},'b':{'a':1}}");
         row(false, "{'a':{'b':1},'b':1}");
         row(false, "{'a':[1,'a',2],'b':'a'}");
-        row(false, "['a',['a'],'a',['a']]");
+        row(false, "['a',['a'],'a',['a'],'a']");
         row(false, "{'a':'{','b':'\\'a\\':[','a':1}");
         row(false, "{'a':[1],'\\u0062':1}");
         row(false, "}],'a':[1],'a':1");
