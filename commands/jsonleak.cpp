@@ -34,6 +34,8 @@ QString unescaped(const QByteArray &text)
 
 bool losesMemory(const QByteArray &json)
 {
+    if (json.count('{') + json.count('[') < 2) // as in every command; there is nothing to lose
+        return false;
     std::vector<Level> levels;
     bool isKeyNext = false;
     for (int i = 0; i < json.size(); ++i) {

@@ -18,6 +18,7 @@ constexpr qint64 kNoticeLength = sizeof(kNotice) - 1;
 
 LogLimits logLimits;
 QtMessageHandler writeMessage = nullptr;
+qint64 unseenBytes = 0; ///< written since the last look at the file's size, at most
 int logFile = -1; ///< the file behind standard error, to read and to write anywhere in it
 
 /// @return a descriptor of its own, since the one that is there may only append; or -1.
@@ -72,13 +73,20 @@ qint64 copyNewestToTheFront(qint64 size)
     return to;
 }
 
-/// Makes room for @p bytes more.
+/// How much may be written before the file's size is looked at again, which would be a fifth of
+/// what a short line costs.
+qint64 mostUnseenBytes()
+{
+    return logLimits.maxBytes / 256;
+}
+
+/// Makes room for @p bytes more, and for what is written before the next look.
 void makeRoom(qint64 bytes)
 {
     struct stat status = {};
     if (::fstat(STDERR_FILENO, &status) != 0
         || status.st_size <= logLimits.keptBytes + kNoticeLength // no older lines worth the copy
-        || status.st_size + bytes <= logLimits.maxBytes)
+        || status.st_size + bytes + mostUnseenBytes() <= logLimits.maxBytes)
         return;
     const qint64 kept = copyNewestToTheFront(status.st_size);
     if (::ftruncate(STDERR_FILENO, kept) == 0 && kept == 0)
@@ -87,9 +95,17 @@ void makeRoom(qint64 bytes)
 
 void writeWithinLimits(QtMsgType type, const QMessageLogContext &context, const QString &message)
 {
-    makeRoom(qint64{3} * message.size()); // a UTF-16 unit has three bytes at most
+    constexpr qint64 kFrameOfALine = 256; // time, category and line feed, as a pattern may ask for
+    const qint64 bytes = qint64{3} * message.size(); // a UTF-16 unit has three bytes at most
+    unseenBytes += bytes + kFrameOfALine;
+    const bool isDue = unseenBytes > mostUnseenBytes();
+    if (isDue)
+        makeRoom(bytes);
     writeMessage(type, context, message);
-    makeRoom(0);
+    if (isDue) {
+        makeRoom(0);
+        unseenBytes = 0;
+    }
 }
 
 } // namespace
@@ -102,6 +118,7 @@ bool keepLogWithin(const LogLimits &limits)
     // Else the next message would come where the end was before, behind a hole.
     ::fcntl(STDERR_FILENO, F_SETFL, ::fcntl(STDERR_FILENO, F_GETFL) | O_APPEND);
     logLimits = limits;
+    unseenBytes = mostUnseenBytes(); // the first message is due
     logFile = reopenStandardError();
     writeMessage = qInstallMessageHandler(writeWithinLimits);
     return true;

@@ -2,6 +2,7 @@
 
 #include <QtCore/QByteArray>
 #include <QtCore/QString>
+#include <QtCore/QVector>
 
 class QDataStream;
 struct QMetaObject;
@@ -37,8 +38,9 @@ private:
     QString problemOf(quint16 type, QDataStream &stream);
     QString problemOfInvoke(QDataStream &stream) const;
 
-    const QMetaObject &m_source;
     QString m_name;
+    QVector<QVector<int>> m_slots; ///< the types of their arguments, by the calls' indices
+    QByteArray m_usual; ///< the last short call that passed; clients send the same again and again
     QByteArray m_unfinished;
     QString m_violation;
     bool m_isAttached = false;

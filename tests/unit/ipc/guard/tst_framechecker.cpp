@@ -308,6 +308,21 @@ private Q_SLOTS:
         }
     }
 
+    /// The same call again is not looked at anew, anything else is.
+    void callThatComesAgainPassesAndNothingElseInItsPlace()
+    {
+        const QByteArray call = frames::serverSlot(true);
+        for (int i = 4; i < call.size(); ++i) {
+            FrameChecker checker = serviceChecker();
+            QCOMPARE(checker.check(call), call);
+            QCOMPARE(checker.check(call), call);
+            QByteArray other = call;
+            other[i] = char(~other.at(i));
+            QCOMPARE(checker.check(other).isEmpty(),
+                     !violationOf(serviceChecker(), other).isEmpty());
+        }
+    }
+
     void everyFrameCutShortIsRefused()
     {
         const QByteArray frame = frames::vpnCommand(QStringLiteral("{}"), server());
