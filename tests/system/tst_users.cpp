@@ -124,6 +124,8 @@ private Q_SLOTS:
         flood.clear();
         auto after = clientOf(kUser);
         QVERIFY(after);
+        // Endpoints stay, but what his connections took he has again.
+        QTRY_VERIFY(clientOf(kHostileUser));
         during->disconnectTunnel();
         QTRY_COMPARE_WITH_TIMEOUT(during->answers().size(), 2, 30'000);
     }
