@@ -252,6 +252,17 @@ private Q_SLOTS:
         QCOMPARE(filesIn(QStringLiteral("/tmp")), QStringList());
     }
 
+    void requestWhoseTimeIsOverStopsOpenvpn()
+    {
+        OvpnLimits limits = patient();
+        limits.request = 50ms;
+        limits.firstOutput = 100ms;
+        use(limits);
+        QCOMPARE(connectTo(QStringLiteral("silent")).message, kTimeOut);
+        QCOMPARE(m_log->count(kRequestIsOver), 1);
+        QCOMPARE(standins::runningOpenvpns(), 0);
+    }
+
     void onlySuccessEndsAPassEarly_data()
     {
         QTest::addColumn<bool>("isEarly");
@@ -915,6 +926,20 @@ private Q_SLOTS:
         // Once for each process that has ended, also when two operations have ended it.
         QCOMPARE(m_log->count(kDnsRestored), starts - (isConnected ? 1 : 0));
         QCOMPARE(m_log->count(kRequestIsOver), 0);
+    }
+
+    void attemptOvertakenInItsFirstStepStartsNothing()
+    {
+        QVERIFY(connectTo(QStringLiteral("slow-to-stop")).success);
+        const QString told =
+            QStringLiteral("%1 is told to end").arg(standins::openvpnStarts().first().pid);
+        when(
+            [told] {
+                return standins::stateLines(QStringLiteral("openvpn/journal")).contains(told);
+            },
+            [this] { m_connection->disconnect(); });
+        QCOMPARE(connectTo(QStringLiteral("prints-at-once-success")).message, kAttemptFailed);
+        QCOMPARE(standins::openvpnStarts().size(), 1);
     }
 
     void eachOvertakenAttemptGivesUp()
