@@ -939,6 +939,7 @@ private Q_SLOTS:
             },
             [this] { m_connection->disconnect(); });
         QCOMPARE(connectTo(QStringLiteral("prints-at-once-success")).message, kAttemptFailed);
+        QVERIFY(!m_connection->hasProcess());
         QCOMPARE(standins::openvpnStarts().size(), 1);
     }
 
