@@ -34,4 +34,5 @@ set(CMAKE_RANLIB "${llvm}/llvm-ranlib")
 set(CMAKE_INSTALL_NAME_TOOL "${llvm}/llvm-install-name-tool")
 set(CMAKE_OTOOL "${llvm}/llvm-otool")
 
+set(CLI11_INCLUDE_DIR "${TALVEX_MACOS_PARTS}/sdk/usr/include")
 set(Qt5_DIR "${CMAKE_CURRENT_LIST_DIR}/Qt5")

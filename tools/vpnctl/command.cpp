@@ -1,10 +1,7 @@
 #include "command.h"
 
 #include "connectcommand.h"
-#include "disconnectcommand.h"
-#include "pingcommand.h"
-#include "rawcommand.h"
-#include "watchcommand.h"
+#include "smallcommands.h"
 
 namespace vpnctl {
 
@@ -19,19 +16,9 @@ constexpr auto kLinePeriod = 5s;
 
 std::unique_ptr<Command> Command::create(const Options &options, Report &report)
 {
-    switch (options.command) {
-    case Options::Command::Connect:
+    if (options.command == Options::Command::Connect)
         return std::make_unique<ConnectCommand>(options, report);
-    case Options::Command::Disconnect:
-        return std::make_unique<DisconnectCommand>(options, report);
-    case Options::Command::Ping:
-        return std::make_unique<PingCommand>(options, report);
-    case Options::Command::Watch:
-        return std::make_unique<WatchCommand>(options, report);
-    case Options::Command::Raw:
-        break;
-    }
-    return std::make_unique<RawCommand>(options, report);
+    return createSmallCommand(options, report);
 }
 
 Command::Command(const Options &options, Report &report)

@@ -2,6 +2,7 @@
 #include "options.h"
 #include "report.h"
 #include "stoprequests.h"
+#include "textlayout.h"
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QLoggingCategory>
@@ -68,17 +69,17 @@ int main(int argc, char **argv)
     QCoreApplication application(argc, argv);
     qRegisterMetaType<vpnctl::ExitCode>();
 
-    const CommandLine line = parseCommandLine(QCoreApplication::arguments());
-    Report report(line.json ? Report::Form::Json : Report::Form::Text);
-    if (line.isError) {
-        report.problem({ExitCode::WrongUse, line.text,
-                        QStringLiteral("\"vpnctl --help\" lists the commands, and "
-                                       "\"vpnctl COMMAND --help\" what each takes.")});
-        return exitStatus(ExitCode::WrongUse);
-    }
-    if (!line.options) {
-        QTextStream(stdout) << line.text;
+    const QStringList arguments = QCoreApplication::arguments();
+    Report report(arguments.contains(QStringLiteral("--json")) ? Report::Form::Json
+                                                               : Report::Form::Text);
+    try {
+        const auto line = readCommandLine(arguments, terminalWidth(STDOUT_FILENO));
+        if (const auto *options = std::get_if<Options>(&line))
+            return run(*options, report);
+        QTextStream(stdout) << std::get<QString>(line);
         return exitStatus(ExitCode::Done);
+    } catch (const Problem &problem) {
+        report.problem(problem);
+        return exitStatus(problem.exitCode);
     }
-    return run(*line.options, report);
 }

@@ -1,10 +1,17 @@
 #include "options.h"
 
+#include "endpoints.h"
 #include "host.h"
+#include "problem.h"
+#include "textlayout.h"
 
-#include <QtCore/QCommandLineParser>
+#include <QtCore/QRegularExpression>
+
+#include <CLI/CLI.hpp>
 
 #include <limits>
+#include <set>
+#include <type_traits>
 
 namespace vpnctl {
 
@@ -12,402 +19,360 @@ namespace {
 
 using Command = Options::Command;
 
-struct CommandHelp
+// Help, completion and the manual's lists are made from these two tables.
+
+struct CommandRow
 {
     Command command;
     const char *name;
-    const char *summary;
-    const char *usage; ///< what follows "vpnctl"
-    const char *description;
+    const char *description; ///< whose first sentence tells what the command is for
     const char *examples;
 };
 
-constexpr CommandHelp kCommands[] = {
-    {Command::Connect, "connect", "bring a tunnel up and hold it",
-     "connect (--config FILE | --server FILE | --host HOST --ca FILE ...) [options]",
-     "Brings a tunnel up and holds it until Ctrl-C, SIGTERM or the end of the standard input, "
-     "then\n"
-     "takes it down and exits.",
-     "  vpnctl connect --config office.ovpn\n"
+constexpr CommandRow kCommands[] = {
+    {Command::Connect, "connect",
+     "Bring a tunnel up and hold it. Ctrl-C, SIGTERM and the end of the standard input take it "
+     "down.",
+     "  vpnctl connect office.ovpn\n"
      "  vpnctl connect --server record.json --tcp\n"
-     "  vpnctl connect --host vpn.example.net --port 1194 --ca ca.crt --cert me.crt --key me.key\n"
-     "  vpnctl connect --config office.ovpn --detach\n"},
-    {Command::Disconnect, "disconnect", "take the tunnel of an endpoint down",
-     "disconnect --endpoint N [options]",
-     "Takes the tunnel of an endpoint down; a vpnctl that holds it ends too.",
-     "  vpnctl disconnect --endpoint 1\n"},
-    {Command::Ping, "ping", "ask whether the daemon is there", "ping [options]",
-     "Asks whether the daemon is there, and measures how long it takes to answer.",
+     "  vpnctl connect --host vpn.example.net --ca ca.crt --cert me.crt --key me.key\n"
+     "  vpnctl connect office.ovpn --detach"},
+    {Command::Disconnect, "disconnect",
+     "Take the tunnel of an endpoint down. A vpnctl that holds it ends, too.",
+     "  vpnctl disconnect --endpoint 1"},
+    {Command::Ping, "ping",
+     "Ask whether the daemon is there. The answer tells how long it took; no endpoint is made.",
      "  vpnctl ping\n"
-     "  vpnctl ping --json\n"},
-    {Command::Watch, "watch", "print the answers on an endpoint as they come",
-     "watch --endpoint N [options]",
-     "Prints every answer of an endpoint as it comes, whoever gave the command, until Ctrl-C.",
-     "  vpnctl watch --endpoint 1\n"},
-    {Command::Raw, "raw", "send a JSON command as it stands", "raw JSON [options]",
-     "Sends a command as it stands and prints the answer. The daemon does not answer what it does\n"
-     "not know. Without --endpoint a new one is made; a tunnel that comes up is left up.",
+     "  vpnctl ping --json"},
+    {Command::Watch, "watch",
+     "Print every answer on an endpoint. It does not matter who gave the command. Ctrl-C ends it.",
+     "  vpnctl watch --endpoint 1"},
+    {Command::Raw, "raw",
+     "Send a JSON text as a command. The first answer is printed. The daemon does not answer what "
+     "it does not know. Without --endpoint, a new endpoint is made. A tunnel that comes up stays "
+     "up, without a heartbeat.",
      "  vpnctl raw '{\"type\":\"connect\",\"cmd\":\"ovpnUdp\"}' --server record.json\n"
-     "  vpnctl raw '{\"type\":\"openvpn\",\"cmd\":\"disconnect\"}' --endpoint 1\n"},
+     "  vpnctl raw '{\"type\":\"openvpn\",\"cmd\":\"disconnect\"}' --endpoint 1"},
 };
 
-const CommandHelp *commandNamed(const QString &name)
+constexpr unsigned only(Command command)
 {
-    for (const CommandHelp &help : kCommands) {
-        if (name == QLatin1String(help.name))
-            return &help;
-    }
-    return nullptr;
+    return 1U << static_cast<unsigned>(command);
 }
 
-const QCommandLineOption &helpOption()
-{
-    static const QCommandLineOption option({QStringLiteral("h"), QStringLiteral("help")},
-                                           QStringLiteral("Print this help."));
-    return option;
-}
+constexpr unsigned kNone = 0;
+constexpr unsigned kEvery = ~0U; ///< and without a command
+constexpr unsigned kConnect = only(Command::Connect);
+constexpr unsigned kDisconnect = only(Command::Disconnect);
+constexpr unsigned kWatch = only(Command::Watch);
+constexpr unsigned kRaw = only(Command::Raw);
 
-const QCommandLineOption &jsonOption()
-{
-    static const QCommandLineOption option(
-        QStringLiteral("json"), QStringLiteral("Print one JSON object a line, for programs."));
-    return option;
-}
+const char kFile[] = "FILE";
+const char kEndpoint[] = "N";
 
-const QCommandLineOption &timeoutOption()
+struct OptionRow
 {
-    static const QCommandLineOption option(
-        QStringLiteral("timeout"),
-        QStringLiteral("Wait so long for the answer to a command (default: 120)."),
-        QStringLiteral("seconds"));
-    return option;
-}
+    const char *names; ///< A name without dashes is that of a positional argument.
+    const char *value; ///< what it takes: kFile and kEndpoint can be completed
+    unsigned commands;
+    unsigned requiredBy;
+    std::variant<bool Options::*, int Options::*, std::chrono::seconds Options::*,
+                 QString Options::*>
+        member;
+    const char *text;
+    int lowest = 0;
+    int highest = 0;
+};
 
-const QCommandLineOption &endpointOption()
+constexpr OptionRow kOptions[] = {
+    {"--json", "", kEvery, kNone, &Options::json, "Print one JSON object a line, for programs."},
+    {"FILE,--config", kFile, kConnect, kNone, &Options::configPath,
+     "Connect with this OpenVPN client profile. It may stand without --config."},
+    {"--server", kFile, kConnect | kRaw, kNone, &Options::recordPath,
+     "Use this server record: JSON with host, ca, cert, key, udpPort and tcpPort."},
+    {"--host", "HOST", kConnect, kNone, &Options::host,
+     "Connect to this name or address, with --ca, --cert and --key."},
+    {"--port", "PORT", kConnect, kNone, &Options::port, "The port of --host; 1194 if not given.",
+     kMinPort, kMaxPort},
+    {"--ca", kFile, kConnect, kNone, &Options::caPath, "The authority's certificate, PEM."},
+    {"--cert", kFile, kConnect, kNone, &Options::certPath, "Your certificate, PEM."},
+    {"--key", kFile, kConnect, kNone, &Options::keyPath, "Your private key, PEM, not encrypted."},
+    {"--udp", "", kConnect, kNone, &Options::udp,
+     "Use UDP. It is the default for --host, and for a record that has udpPort."},
+    {"--tcp", "", kConnect, kNone, &Options::tcp,
+     "Use TCP. With a profile, --udp and --tcp choose the servers of this transport; if there are "
+     "none, all servers are called with it."},
+    {"--accept-weaker", "", kConnect, kNone, &Options::acceptWeaker,
+     "Connect although the daemon does not protect the connection as the profile asks."},
+    {"--detach", "", kConnect, kNone, &Options::detach,
+     "Leave the tunnel up, without a heartbeat, and exit. \"vpnctl disconnect\" takes it down."},
+    {"--endpoint", kEndpoint, kDisconnect | kWatch | kRaw, kDisconnect | kWatch, &Options::endpoint,
+     "The number that \"vpnctl connect\" printed.", 1, std::numeric_limits<int>::max()},
+    {"--timeout", "SECONDS", kConnect | kDisconnect | kRaw, kNone, &Options::answerLimit,
+     "Wait so long for the answer to a command, up to 3600; 120 if not given.", 1, 3600},
+    {"TEXT", "", kRaw, kRaw, &Options::message, "The JSON text to send."},
+};
+
+struct Rule
 {
-    static const QCommandLineOption option(
-        QStringLiteral("endpoint"),
-        QStringLiteral("The number that connect or raw printed as \"Endpoint: N\"."),
-        QStringLiteral("N"));
-    return option;
-}
+    const char *option;
+    const char *other;
+    bool areTogether; ///< Or else they exclude each other.
+};
 
-const QCommandLineOption &configOption()
-{
-    static const QCommandLineOption option(QStringLiteral("config"),
-                                           QStringLiteral("An OpenVPN client profile (.ovpn)."),
-                                           QStringLiteral("file"));
-    return option;
-}
+constexpr Rule kConnectRules[] = {
+    {"--config", "--server", false}, {"--config", "--host", false}, {"--server", "--host", false},
+    {"--udp", "--tcp", false},       {"--host", "--ca", true},      {"--host", "--cert", true},
+    {"--host", "--key", true},       {"--ca", "--host", true},      {"--cert", "--host", true},
+    {"--key", "--host", true},       {"--port", "--host", true},
+};
 
-const QCommandLineOption &serverOption()
-{
-    static const QCommandLineOption option(
-        QStringLiteral("server"),
-        QStringLiteral("A server record: JSON with host, ca, cert, key, udpPort, tcpPort."),
-        QStringLiteral("file"));
-    return option;
-}
-
-const QCommandLineOption &hostOption()
-{
-    static const QCommandLineOption option(QStringLiteral("host"),
-                                           QStringLiteral("The server's name or address."),
-                                           QStringLiteral("host"));
-    return option;
-}
-
-const QCommandLineOption &portOption()
-{
-    static const QCommandLineOption option(QStringLiteral("port"),
-                                           QStringLiteral("With --host: the port (default: 1194)."),
-                                           QStringLiteral("port"));
-    return option;
-}
-
-const QCommandLineOption &caOption()
-{
-    static const QCommandLineOption option(
-        QStringLiteral("ca"), QStringLiteral("With --host: the authority's certificate."),
-        QStringLiteral("file"));
-    return option;
-}
-
-const QCommandLineOption &certOption()
-{
-    static const QCommandLineOption option(QStringLiteral("cert"),
-                                           QStringLiteral("With --host: your certificate."),
-                                           QStringLiteral("file"));
-    return option;
-}
-
-const QCommandLineOption &keyOption()
-{
-    static const QCommandLineOption option(QStringLiteral("key"),
-                                           QStringLiteral("With --host: your private key."),
-                                           QStringLiteral("file"));
-    return option;
-}
-
-const QCommandLineOption &udpOption()
-{
-    static const QCommandLineOption option(QStringLiteral("udp"), QStringLiteral("Use UDP."));
-    return option;
-}
-
-const QCommandLineOption &tcpOption()
-{
-    static const QCommandLineOption option(QStringLiteral("tcp"), QStringLiteral("Use TCP."));
-    return option;
-}
-
-const QCommandLineOption &detachOption()
-{
-    static const QCommandLineOption option(
-        QStringLiteral("detach"),
-        QStringLiteral("Leave the tunnel up and exit; \"vpnctl disconnect\" takes it down."));
-    return option;
-}
-
-QList<QCommandLineOption> optionsOf(Command command)
-{
-    QList<QCommandLineOption> options{helpOption(), jsonOption()};
-    switch (command) {
-    case Command::Connect:
-        options += {configOption(), serverOption(), hostOption(),   portOption(),
-                    caOption(),     certOption(),   keyOption(),    udpOption(),
-                    tcpOption(),    detachOption(), timeoutOption()};
-        break;
-    case Command::Disconnect:
-        options += {endpointOption(), timeoutOption()};
-        break;
-    case Command::Ping:
-        break;
-    case Command::Watch:
-        options += endpointOption();
-        break;
-    case Command::Raw:
-        options += {endpointOption(), serverOption(), timeoutOption()};
-        break;
-    }
-    return options;
-}
-
-CommandLine wrongUse(const QString &text, bool json)
-{
-    CommandLine line;
-    line.isError = true;
-    line.json = json;
-    line.text = text;
-    return line;
-}
-
-QString generalHelp()
-{
-    QString text = QStringLiteral("Usage: vpnctl COMMAND [options]\n\n"
-                                  "Drives the VPN daemon talvexvpnd from the terminal.\n\n"
-                                  "Commands:\n");
-    for (const CommandHelp &help : kCommands) {
-        text += QStringLiteral("  %1 %2\n")
-                    .arg(QLatin1String(help.name), -11)
-                    .arg(QLatin1String(help.summary));
-    }
-    text += QStringLiteral("\nOptions:\n"
-                           "  -h, --help     Print this help; after a command, the command's.\n"
-                           "  -v, --version  Print the version.\n"
-                           "  --json         Print one JSON object a line, for programs.\n"
-                           "\nExamples:\n");
-    for (const CommandHelp &help : kCommands)
-        text += QLatin1String(help.examples);
-    return text
-        + QStringLiteral("\nExit status: 0 done, 1 the daemon answered failure, 2 wrong use, "
-                         "3 no daemon,\n4 no answer in time, 130 interrupted. "
-                         "More: man vpnctl\n");
-}
-
-QString helpFor(const CommandHelp &help, const QCommandLineParser &parser)
-{
-    // QCommandLineParser lays out the options well; its usage line knows nothing of commands.
-    const QString fromParser = parser.helpText();
-    const int options = fromParser.indexOf(QLatin1String("\nOptions:"));
-    return QStringLiteral("Usage: vpnctl %1\n\n%2\n%3\nExamples:\n%4")
-        .arg(QLatin1String(help.usage), QLatin1String(help.description),
-             fromParser.mid(options).section(QLatin1String("\nArguments:"), 0, 0),
-             QLatin1String(help.examples));
-}
-
-/// Finds the command among options and their values, wherever it stands.
-QStringList positionalArguments(const QStringList &arguments)
-{
-    QCommandLineParser parser;
-    QStringList added;
-    for (const CommandHelp &help : kCommands) {
-        for (const QCommandLineOption &option : optionsOf(help.command)) {
-            if (added.contains(option.names().constFirst()))
-                continue;
-            added.append(option.names().constFirst());
-            parser.addOption(option);
-        }
-    }
-    parser.parse(arguments);
-    return parser.positionalArguments();
-}
-
-/// Turns the options of one command into values; the first that is wrong sets the error.
-class OptionReader
+/// CLI11's help, as wide as the terminal.
+class HelpLayout : public CLI::Formatter
 {
 public:
-    /// @param options what the command has: QCommandLineParser warns when asked for others.
-    OptionReader(const QCommandLineParser &parser, const QList<QCommandLineOption> &options)
-        : m_parser(parser)
+    explicit HelpLayout(int width)
+        : m_width(width)
     {
-        for (const QCommandLineOption &option : options)
-            m_known.append(option.names().constFirst());
+        label("Positionals", "Arguments");
+        label("SUBCOMMAND", "COMMAND");
     }
 
-    QString error() const { return m_error; }
-
-    bool isSet(const QCommandLineOption &option) const
+    std::string make_description(const CLI::App *app) const override
     {
-        return m_known.contains(option.names().constFirst()) && m_parser.isSet(option);
+        return laidOut(QString::fromStdString(app->get_description()), 0) + '\n';
     }
 
-    QString value(const QCommandLineOption &option) const
+    std::string make_subcommand(const CLI::App *command) const override
     {
-        return isSet(option) ? m_parser.value(option) : QString();
+        const std::string text = command->get_description();
+        return entry(command->get_name(), text.substr(0, text.find(". ") + 1));
     }
 
-    int number(const QCommandLineOption &option, int standard, int lowest, int highest)
+    std::string make_option(const CLI::Option *option, bool isPositional) const override
     {
-        if (!isSet(option))
-            return standard;
-        bool isNumber = false;
-        const int number = m_parser.value(option).toInt(&isNumber);
-        if (!isNumber || number < lowest || number > highest) {
-            fail(QStringLiteral("--%1 must be a number from %2 to %3, not \"%4\".")
-                     .arg(option.names().constLast())
-                     .arg(lowest)
-                     .arg(highest)
-                     .arg(m_parser.value(option)));
-        }
-        return number;
-    }
-
-    void fail(const QString &text)
-    {
-        if (m_error.isEmpty())
-            m_error = text;
+        std::string name = option->get_name(isPositional, !isPositional);
+        if (!isPositional && !option->get_type_name().empty())
+            name += ' ' + option->get_type_name();
+        return entry(name, option->get_description());
     }
 
 private:
-    const QCommandLineParser &m_parser;
-    QStringList m_known;
-    QString m_error;
+    std::string entry(const std::string &name, const std::string &text) const
+    {
+        constexpr int kColumn = 22;
+        return laidOut(QString::fromStdString("  " + name).leftJustified(kColumn - 1)
+                           + QLatin1Char(' ') + QString::fromStdString(text),
+                       kColumn);
+    }
+
+    std::string laidOut(const QString &text, int indent) const
+    {
+        return wrapped(text, m_width, indent).toStdString() + '\n';
+    }
+
+    int m_width;
 };
 
-void checkConnect(const Options &options, OptionReader &reader)
+CLI::Option *addOption(CLI::App &command, const OptionRow &row, Options &options)
 {
-    const int sources =
-        !options.configPath.isEmpty() + !options.recordPath.isEmpty() + !options.host.isEmpty();
-    if (sources != 1) {
-        reader.fail(QStringLiteral("Say where to connect to, with one of --config, --server and "
-                                   "--host."));
-    }
-    const bool hasHostOptions = options.port != 0 || !options.caPath.isEmpty()
-        || !options.certPath.isEmpty() || !options.keyPath.isEmpty();
-    if (options.host.isEmpty() && hasHostOptions)
-        reader.fail(QStringLiteral("--port, --ca, --cert and --key go with --host only."));
-    if (!options.host.isEmpty() && !isHost(options.host))
-        reader.fail(QStringLiteral("\"%1\" is no host name or address.").arg(options.host));
-    if (!options.host.isEmpty() && options.caPath.isEmpty())
-        reader.fail(QStringLiteral("--host needs --ca, the authority's certificate."));
+    const auto add = [&](auto member) {
+        using Value = std::decay_t<decltype(options.*member)>;
+        if constexpr (std::is_same_v<Value, bool>) {
+            return command.add_flag(row.names, options.*member, row.text);
+        } else if constexpr (std::is_same_v<Value, QString>) {
+            const auto set = [member, &options](const std::string &text) {
+                options.*member = QString::fromStdString(text);
+            };
+            return command.add_option_function<std::string>(row.names, set, row.text);
+        } else {
+            const auto set = [member, &options](int number) { options.*member = Value(number); };
+            return command.add_option_function<int>(row.names, set, row.text)
+                ->check(CLI::Range(row.lowest, row.highest).description(""));
+        }
+    };
+    return std::visit(add, row.member)->type_name(row.value);
 }
 
-Options readOptions(Command command, const QStringList &arguments, OptionReader &reader)
+void addEverything(CLI::App &app, Options &options)
 {
-    Options options;
-    options.command = command;
-    options.json = reader.isSet(jsonOption());
-    options.configPath = reader.value(configOption());
-    options.recordPath = reader.value(serverOption());
-    options.host = reader.value(hostOption());
-    options.caPath = reader.value(caOption());
-    options.certPath = reader.value(certOption());
-    options.keyPath = reader.value(keyOption());
-    options.port = reader.number(portOption(), 0, kMinPort, kMaxPort);
-    options.detach = reader.isSet(detachOption());
-    options.endpoint = reader.number(endpointOption(), 0, 1, std::numeric_limits<int>::max());
-    options.answerLimit = std::chrono::seconds(
-        reader.number(timeoutOption(), static_cast<int>(options.answerLimit.count()), 1, 3600));
-    if (reader.isSet(udpOption()) && reader.isSet(tcpOption()))
-        reader.fail(QStringLiteral("--udp and --tcp exclude each other."));
-    if (reader.isSet(udpOption()))
-        options.transport = Transport::Udp;
-    if (reader.isSet(tcpOption()))
-        options.transport = Transport::Tcp;
-
-    QStringList rest = arguments;
-    if (command == Command::Raw) {
-        if (rest.isEmpty())
-            reader.fail(QStringLiteral("raw needs the JSON text to send."));
-        else
-            options.message = rest.takeFirst();
+    app.require_subcommand(1);
+    app.description("Drive the VPN daemon talvexvpnd from the terminal.");
+    app.footer("\"vpnctl COMMAND --help\" shows what a command takes. \"man vpnctl\" has more.");
+    app.set_help_flag("-h,--help", "Print this help; after a command, the command's.");
+    app.set_version_flag("-v,-V,--version", "vpnctl " TALVEX_VERSION, "Print the version.");
+    for (const OptionRow &row : kOptions) {
+        if (row.commands == kEvery)
+            addOption(app, row, options);
     }
-    if (!rest.isEmpty())
-        reader.fail(QStringLiteral("Do not know what to do with \"%1\".").arg(rest.constFirst()));
+    for (const CommandRow &row : kCommands) {
+        CLI::App *command = app.add_subcommand(row.name, row.description)->group("Commands");
+        command->footer(std::string("Examples:\n") + row.examples);
+        command->callback([&options, &row] { options.command = row.command; });
+        for (const OptionRow &option : kOptions) {
+            if (option.commands & only(row.command)) {
+                addOption(*command, option, options)
+                    ->required((option.requiredBy & only(row.command)) != 0);
+            }
+        }
+    }
+    CLI::App *connect = app.get_subcommand("connect");
+    for (const Rule &rule : kConnectRules) {
+        CLI::Option *option = connect->get_option(rule.option);
+        CLI::Option *other = connect->get_option(rule.other);
+        rule.areTogether ? option->needs(other) : option->excludes(other);
+    }
+}
 
-    if (command == Command::Connect)
-        checkConnect(options, reader);
-    const bool needsEndpoint = command == Command::Disconnect || command == Command::Watch;
-    if (needsEndpoint && options.endpoint == 0)
-        reader.fail(QStringLiteral("Say which endpoint, with --endpoint N."));
-    return options;
+/// Checks what CLI11 cannot know.
+void check(const Options &options)
+{
+    const auto wrongUse = [](const QString &text, const QString &advice = {}) {
+        throw Problem{ExitCode::WrongUse, text, advice};
+    };
+    if (options.command != Command::Connect)
+        return;
+    if (options.configPath.isEmpty() && options.recordPath.isEmpty() && options.host.isEmpty()) {
+        wrongUse(QStringLiteral("Nothing says where to connect to."),
+                 QStringLiteral("Name a profile, as in \"vpnctl connect office.ovpn\", or use "
+                                "--server or --host."));
+    }
+    static const QRegularExpression hostAndPort(
+        QStringLiteral("\\A(\\[[^\\]]*\\]|[^:]*):([0-9]+)\\z"));
+    const QRegularExpressionMatch match = hostAndPort.match(options.host);
+    if (match.hasMatch()) {
+        wrongUse(QStringLiteral("--host takes no port."),
+                 QStringLiteral("Use --host %1 --port %2.")
+                     .arg(match.captured(1).remove(QRegularExpression(QStringLiteral("[][]"))),
+                          match.captured(2)));
+    }
+    if (!options.host.isEmpty() && !isHost(options.host))
+        wrongUse(QStringLiteral("\"%1\" is no host name or address.").arg(options.host));
+}
+
+/// @param words what stands after "vpnctl", up to and with the word that is to be completed.
+/// @return a line each: a word, a tab, and what it means; or kFile where a file may stand.
+QString completions(CLI::App &app, const QStringList &words)
+{
+    CLI::App *command = &app;
+    CLI::Option *option = nullptr; // whose value is to be completed
+    std::set<CLI::Option *> excluded;
+    for (const QString &word : words.mid(0, words.size() - 1)) {
+        const std::string name = word.toStdString();
+        for (CLI::App *candidate : command->get_subcommands({})) {
+            if (candidate->check_name(name))
+                command = candidate;
+        }
+        option = command->get_option_no_throw(name);
+        if (option)
+            excluded.merge(option->get_excludes());
+    }
+    const QString word = words.value(words.size() - 1);
+    QString lines;
+    const auto offer = [&](const QString &name, const std::string &text = {}) {
+        if (name.startsWith(word))
+            lines += name + QLatin1Char('\t') + QString::fromStdString(text) + QLatin1Char('\n');
+    };
+    if (option && option->get_items_expected() > 0) {
+        if (option->get_type_name() == kFile)
+            return QStringLiteral("%1\n").arg(QLatin1String(kFile));
+        for (const int endpoint : endpointsWithSockets()) {
+            if (option->get_type_name() == kEndpoint)
+                offer(QString::number(endpoint));
+        }
+        return lines;
+    }
+    for (CLI::App *candidate : command->get_subcommands({}))
+        offer(QString::fromStdString(candidate->get_name()), candidate->get_description());
+    for (CLI::Option *candidate : command->get_options()) {
+        if (excluded.count(candidate))
+            continue;
+        for (const std::string &name : candidate->get_lnames())
+            offer(QString::fromStdString("--" + name), candidate->get_description());
+        if (candidate->get_positional() && candidate->get_type_name() == kFile
+            && !word.startsWith(QLatin1Char('-')))
+            lines += QLatin1String(kFile) + QLatin1Char('\n');
+    }
+    return lines;
+}
+
+/// @return the lists of the manual page, in Markdown.
+QString manualLists(const CLI::App &app)
+{
+    QString lists;
+    const auto add = [&lists](QString names, const QString &value, const QString &text) {
+        lists += QStringLiteral("**%1**%2\n:   %3\n\n")
+                     .arg(names.replace(QLatin1Char(','), QLatin1String("**, **")), value, text);
+    };
+    lists += QLatin1String("# COMMANDS\n\n");
+    for (const CommandRow &row : kCommands)
+        add(QLatin1String(row.name), {}, QLatin1String(row.description));
+    lists += QLatin1String("# OPTIONS\n\n");
+    for (const CLI::Option *option : {app.get_help_ptr(), app.get_version_ptr()})
+        add(QString::fromStdString(option->get_name(false, true)), {},
+            QString::fromStdString(option->get_description()));
+    for (const OptionRow &row : kOptions) {
+        QStringList commands;
+        for (const CommandRow &command : kCommands) {
+            if (row.commands & only(command.command))
+                commands.append(QLatin1String(command.name));
+        }
+        add(QString::fromLatin1(row.names).section(QLatin1Char(','), -1), // not what is positional
+            *row.value ? QStringLiteral(" *%1*").arg(QLatin1String(row.value)) : QString(),
+            (row.commands == kEvery
+                 ? QString()
+                 : QStringLiteral("With %1: ").arg(commands.join(QLatin1String(", "))))
+                + QLatin1String(row.text));
+    }
+    return lists;
 }
 
 } // namespace
 
-CommandLine parseCommandLine(const QStringList &arguments)
+std::optional<Transport> Options::transport() const
 {
-    const auto isGiven = [&](const QString &word) { return arguments.mid(1).contains(word); };
-    const bool json = isGiven(QStringLiteral("--json"));
-    const bool wantsHelp = isGiven(QStringLiteral("--help")) || isGiven(QStringLiteral("-h"));
-    const QStringList positional = positionalArguments(arguments);
+    if (!udp && !tcp)
+        return {};
+    return tcp ? Transport::Tcp : Transport::Udp;
+}
 
-    if (positional.isEmpty()) {
-        CommandLine line;
-        if (isGiven(QStringLiteral("--version")) || isGiven(QStringLiteral("-v")))
-            line.text = QStringLiteral("vpnctl " TALVEX_VERSION "\n");
-        else if (wantsHelp)
-            line.text = generalHelp();
-        else
-            line = wrongUse(QStringLiteral("Say what to do, for example \"vpnctl ping\"."), json);
-        return line;
+std::variant<Options, QString> readCommandLine(const QStringList &arguments, int width)
+{
+    Options options;
+    CLI::App app;
+    app.name("vpnctl");
+    app.formatter(std::make_shared<HelpLayout>(width));
+    addEverything(app, options);
+
+    QStringList words = arguments.mid(1);
+    const QString first = words.value(0);
+    if (first == QLatin1String("complete"))
+        return completions(app, words.mid(1));
+    if (first == QLatin1String("manual"))
+        return manualLists(app);
+    if (first == QLatin1String("help"))
+        words = words.mid(1) + QStringList{QStringLiteral("--help")};
+
+    std::vector<std::string> reversed; // as CLI11 takes them
+    for (const QString &word : qAsConst(words))
+        reversed.insert(reversed.begin(), word.toStdString());
+    try {
+        app.parse(std::move(reversed));
+    } catch (const CLI::CallForHelp &) {
+        return QString::fromStdString(app.help());
+    } catch (const CLI::CallForVersion &version) {
+        return QLatin1String(version.what()) + QLatin1Char('\n');
+    } catch (const CLI::ParseError &error) {
+        QString text = QString::fromUtf8(error.what()) + QLatin1Char('.');
+        if (app.get_subcommands().empty() && app.remaining_size() > 0)
+            text = QStringLiteral("There is no command \"%1\".")
+                       .arg(QString::fromStdString(app.remaining().front()));
+        throw Problem{ExitCode::WrongUse, text,
+                      QStringLiteral("\"vpnctl --help\" lists the commands, and "
+                                     "\"vpnctl COMMAND --help\" what each takes.")};
     }
-
-    const CommandHelp *help = commandNamed(positional.constFirst());
-    if (!help)
-        return wrongUse(QStringLiteral("There is no command \"%1\".").arg(positional.constFirst()),
-                        json);
-
-    QCommandLineParser parser;
-    const QList<QCommandLineOption> known = optionsOf(help->command);
-    parser.addOptions(known);
-    if (wantsHelp) {
-        CommandLine line;
-        line.text = helpFor(*help, parser);
-        return line;
-    }
-    if (!parser.parse(arguments))
-        return wrongUse(parser.errorText(), json);
-
-    OptionReader reader(parser, known);
-    const Options options = readOptions(help->command, parser.positionalArguments().mid(1), reader);
-    if (!reader.error().isEmpty())
-        return wrongUse(reader.error(), json);
-    CommandLine line;
-    line.options = options;
-    line.json = json;
-    return line;
+    check(options);
+    return options;
 }
 
 } // namespace vpnctl

@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <optional>
+#include <variant>
 
 namespace vpnctl {
 
@@ -27,26 +28,27 @@ struct Options
     QString caPath;
     QString certPath;
     QString keyPath;
-    int port = 0; ///< 0 when not given.
+    int port = kStandardPort;
 
-    std::optional<Transport> transport;
+    bool udp = false;
+    bool tcp = false;
+    bool acceptWeaker = false;
     bool detach = false;
     int endpoint = 0; ///< 0 when not given.
     QString message; ///< For raw: what to send.
     std::chrono::seconds answerLimit{120};
     SessionLimits limits; ///< Not for the command line.
+
+    /// @return the transport that was asked for.
+    std::optional<Transport> transport() const;
 };
 
-/// What became of reading a command line.
-struct CommandLine
-{
-    std::optional<Options> options; ///< Nothing when there is only a text to print.
-    bool isError = false;
-    bool json = false; ///< Whether --json was there, also on an error.
-    QString text; ///< The help or the version, or what is wrong.
-};
-
+/// Reads a command line.
 /// @param arguments the program's name first.
-CommandLine parseCommandLine(const QStringList &arguments);
+/// @param width how many columns a text to print may have.
+/// @return what to do, or a text to print: help, the version, or what completion and the manual are
+///         made from.
+/// @throws Problem when the command line is wrong.
+std::variant<Options, QString> readCommandLine(const QStringList &arguments, int width = 80);
 
 } // namespace vpnctl

@@ -55,7 +55,7 @@ std::optional<TargetList> fromProfile(const Options &options, QString *error)
     TargetList list;
     if (!profile->notCarriedOver.isEmpty())
         list.notes.append(notCarriedOverNote(*profile));
-    for (const OvpnProfile::Remote &remote : remotesFor(profile->remotes, options.transport)) {
+    for (const OvpnProfile::Remote &remote : remotesFor(profile->remotes, options.transport())) {
         Target target;
         target.server.name = QFileInfo(options.configPath).completeBaseName();
         target.server.host = remote.host;
@@ -77,7 +77,7 @@ std::optional<TargetList> fromRecord(const Options &options, QString *error)
     target.server = record->server;
     const Transport standard =
         target.server.udpPort != 0 || target.server.tcpPort == 0 ? Transport::Udp : Transport::Tcp;
-    target.transport = options.transport.value_or(standard);
+    target.transport = options.transport().value_or(standard);
     if (target.port() == 0) {
         *error = QStringLiteral("%1 gives no port for %2: \"%3\" is missing.")
                      .arg(options.recordPath, transportName(target.transport),
@@ -111,8 +111,7 @@ std::optional<TargetList> fromHost(const Options &options, QString *error)
         || !read(PemKind::Key, options.keyPath, &target.server.key)) {
         return {};
     }
-    setPort(target, options.transport.value_or(Transport::Udp),
-            options.port != 0 ? options.port : kStandardPort);
+    setPort(target, options.transport().value_or(Transport::Udp), options.port);
     TargetList list;
     list.targets.append(target);
     return list;

@@ -69,7 +69,7 @@ private Q_SLOTS:
         Options options;
         (content.startsWith('{') ? options.recordPath : options.configPath) = path;
         if (option == QLatin1String("tcp"))
-            options.transport = Transport::Tcp;
+            options.tcp = true;
         QString error;
         const std::optional<TargetList> list = readTargets(options, &error);
         QCOMPARE(list ? linesOf(*list) : QStringList{error},
@@ -81,7 +81,7 @@ private Q_SLOTS:
         QTest::addColumn<int>("port");
         QTest::addColumn<bool>("isTcp");
         QTest::addColumn<QString>("target");
-        QTest::newRow("nothing") << 0 << false << QStringLiteral("a 1194 UDP");
+        QTest::newRow("nothing") << 1194 << false << QStringLiteral("a 1194 UDP");
         QTest::newRow("--port") << 53 << false << QStringLiteral("a 53 UDP");
         QTest::newRow("--tcp --port") << 443 << true << QStringLiteral("a 443 TCP");
     }
@@ -97,7 +97,7 @@ private Q_SLOTS:
         options.caPath = options.certPath = m_folder.filePath(QStringLiteral("c.crt"));
         options.keyPath = m_folder.filePath(QStringLiteral("k.key"));
         if (isTcp)
-            options.transport = Transport::Tcp;
+            options.tcp = true;
         QString error;
         const std::optional<TargetList> list = readTargets(options, &error);
         QVERIFY2(list, qPrintable(error));
