@@ -19,11 +19,12 @@ QByteArray bytesOfThePage(int n)
     QFile page(QStringLiteral(TALVEX_SOURCES "/docs/protocol-frames.md"));
     if (!page.open(QIODevice::ReadOnly))
         qFatal("cannot read %s", qPrintable(page.fileName()));
-    const QString block =
-        QString::fromUtf8(page.readAll()).section(QStringLiteral("```\n"), 2 * n + 1, 2 * n + 1);
+    const QStringList blocks = QString::fromUtf8(page.readAll())
+                                   .split(QStringLiteral("\n```\n"))
+                                   .filter(QRegularExpression(QStringLiteral("^00 ")));
     QByteArray bytes;
-    for (const QString &line : block.split(QLatin1Char('\n')))
-        bytes += QByteArray::fromHex(line.left(48).toLatin1());
+    for (const QString &line : blocks.value(n).split(QLatin1Char('\n')))
+        bytes += QByteArray::fromHex(line.left(47).toLatin1());
     return bytes;
 }
 
@@ -197,6 +198,23 @@ private Q_SLOTS:
         QCOMPARE(client.readAllStandardError(), message);
         QVERIFY(other.waitForFinished());
         QCOMPARE(other.readAllStandardOutput(), QByteArray("b''\n"));
+    }
+
+    void clientsSendTheFramesOfThePage()
+    {
+        QCOMPARE(bytesOfThePage(0).toHex(' '), frames::serverSlot(true).toHex(' '));
+        VpnServerInformation server;
+        server.name = QStringLiteral("Office");
+        server.id = 7;
+        server.host = QStringLiteral("192.0.2.2");
+        server.ca = QStringLiteral("A");
+        server.key = QStringLiteral("K");
+        server.cert = QStringLiteral("C");
+        server.udpPort = 1194;
+        server.tcpPort = 443;
+        QCOMPARE(bytesOfThePage(1).toHex(' '),
+                 frames::vpnCommand(QStringLiteral(R"({"type":"connect","cmd":"ovpnUdp"})"), server)
+                     .toHex(' '));
     }
 
     void daemonSendsTheFramesOfThePage()

@@ -1,51 +1,37 @@
-#include "operationresult.h"
-#include "vpnserverinformation.h"
-
 #include <QtCore/QRegularExpression>
 #include <QtTest/QtTest>
 
 namespace {
 
+const QString kRoot = QStringLiteral(TALVEX_SOURCES "/");
+
 QString contentOf(const QString &path)
 {
-    QFile file(QStringLiteral(TALVEX_SOURCES "/") + path);
+    QFile file(kRoot + path);
     if (!file.open(QIODevice::ReadOnly))
         qFatal("cannot read %s", qPrintable(path));
     return QString::fromUtf8(file.readAll());
 }
 
 /// The files of the repository, relative to it, without what a build leaves.
-QStringList filesOfTheRepository()
+QStringList repositoryFiles()
 {
-    const QDir root(QStringLiteral(TALVEX_SOURCES));
+    static const QRegularExpression left(QStringLiteral("^(build[^/]*|\\.git|\\.cache)/"));
     QStringList files;
-    QDirIterator all(root.path(), QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
+    QDirIterator all(kRoot, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
     while (all.hasNext()) {
-        const QString file = root.relativeFilePath(all.next());
-        static const QRegularExpression left(QStringLiteral("^(build[^/]*|\\.git|\\.cache)/"));
+        const QString file = all.next().mid(kRoot.size());
         if (!file.contains(left))
             files.append(file);
     }
     return files;
 }
 
-/// The C++ sources in a folder and those below it, one after the other.
-QString sourcesIn(const QString &folder)
-{
-    QString text;
-    for (const QString &file : filesOfTheRepository()) {
-        if (file.startsWith(folder + QLatin1Char('/'))
-            && (file.endsWith(QLatin1String(".cpp")) || file.endsWith(QLatin1String(".mm"))))
-            text += contentOf(file);
-    }
-    return text;
-}
-
 /// What the first group captures, for every match.
 QStringList allMatches(const QString &pattern, const QString &text)
 {
     QStringList found;
-    QRegularExpressionMatchIterator matches =
+    auto matches =
         QRegularExpression(pattern, QRegularExpression::MultilineOption).globalMatch(text);
     while (matches.hasNext())
         found.append(matches.next().captured(1));
@@ -55,10 +41,7 @@ QStringList allMatches(const QString &pattern, const QString &text)
 /// A page without its blocks of commands and dumps.
 QString proseOf(QString page)
 {
-    static const QRegularExpression block(QStringLiteral("^```.*?^```$"),
-                                          QRegularExpression::MultilineOption
-                                              | QRegularExpression::DotMatchesEverythingOption);
-    return page.remove(block);
+    return page.remove(QRegularExpression(QStringLiteral("(?ms)^```.*?^```$")));
 }
 
 /// The anchors that the headings of a page get where it is shown.
@@ -74,97 +57,49 @@ QStringList anchorsOf(const QString &page)
 
 /// Links that lead nowhere.
 /// @param name of the page, relative to the repository
-QStringList deadLinksOf(const QString &name, const QString &page)
+QString deadLinksOf(const QString &name, const QString &page)
 {
     QStringList dead;
     for (const QString &link :
          allMatches(QStringLiteral("\\]\\((?![a-z]+:)([^)\\s]+)\\)"), proseOf(page))) {
         const QString path = link.section(QLatin1Char('#'), 0, 0);
+        const QString anchor = link.section(QLatin1Char('#'), 1);
         const QString target = path.isEmpty()
             ? name
             : QDir::cleanPath(QFileInfo(name).path() + QLatin1Char('/') + path);
-        const QString anchor = link.section(QLatin1Char('#'), 1);
-        const bool isThere = !target.startsWith(QLatin1String(".."))
-            && QFileInfo::exists(QStringLiteral(TALVEX_SOURCES "/") + target);
+        const bool isThere =
+            !target.startsWith(QLatin1String("..")) && QFileInfo::exists(kRoot + target);
         if (!isThere
             || (!anchor.isEmpty()
                 && !anchorsOf(path.isEmpty() ? page : contentOf(target)).contains(anchor)))
             dead.append(link);
     }
-    return dead;
+    return dead.join(QLatin1Char(' '));
 }
 
 /// Words in backticks that look like paths or files of the repository, and are none: they begin
 /// with one of its folders, or end like the name of a file.
-QStringList wrongPathsOf(const QString &page)
+QString wrongPathsOf(const QString &page)
 {
-    static const QStringList files = filesOfTheRepository();
+    static const QString files = repositoryFiles().join(QLatin1Char('\n')) + QLatin1Char('\n');
     static const QRegularExpression fileName(
         QStringLiteral("^[^/]+\\.(?:md|h|cpp|mm|rep|cmake|plist|sh|yml)$"));
+    const auto isThere = [](const QString &start, const QString &word, const QString &end) {
+        return files.contains(QRegularExpression(start + QRegularExpression::escape(word) + end));
+    };
     QStringList wrong;
     for (QString word : allMatches(QStringLiteral("`([\\w./+-]+)`"), proseOf(page))) {
-        const auto isOneWith = [&word](const QString &start, const QString &end) {
-            return std::any_of(files.begin(), files.end(), [&](const QString &file) {
-                return file == word || (!start.isEmpty() && file.startsWith(start))
-                    || (!end.isEmpty() && file.endsWith(end));
-            });
-        };
         if (word.endsWith(QLatin1Char('/')))
             word.chop(1);
         const QString folder = word.section(QLatin1Char('/'), 0, 0) + QLatin1Char('/');
-        if (word.contains(QLatin1Char('/')) && isOneWith(folder, {})) {
-            if (!isOneWith(word + QLatin1Char('/'), {}))
-                wrong.append(word);
-        } else if (word.contains(fileName) && !isOneWith({}, QLatin1Char('/') + word)) {
+        const bool isPath =
+            word.startsWith(folder) && isThere(QStringLiteral("(?m)^"), folder, QString());
+        if (isPath ? !isThere(QStringLiteral("(?m)^"), word, QStringLiteral("[/\n]"))
+                   : word.contains(fileName)
+                    && !isThere(QStringLiteral("[/\n]"), word, QStringLiteral("\n")))
             wrong.append(word);
-        }
     }
-    return wrong;
-}
-
-QString protocol()
-{
-    return contentOf(QStringLiteral("docs/protocol.md"));
-}
-
-/// A dump of a record in the page: its bytes, and the values that stand beside them.
-struct Dump
-{
-    QByteArray bytes;
-    QMap<QString, QString> values;
-};
-
-Dump dumpUnder(const QString &heading)
-{
-    const QString section = protocol().section(QStringLiteral("\n### ") + heading, 1);
-    const QString block =
-        section.section(QStringLiteral("```text\n"), 1).section(QStringLiteral("```"), 0, 0);
-    Dump dump;
-    for (const QString &line : block.split(QLatin1Char('\n'), Qt::SkipEmptyParts)) {
-        static const QRegularExpression parts(
-            QStringLiteral("^((?:[0-9a-f]{2} ?)+)(?: +(\\w+) +(.*))?$"));
-        const QRegularExpressionMatch match = parts.match(line);
-        if (!match.hasMatch())
-            qFatal("not a line of a dump: %s", qPrintable(line));
-        dump.bytes += QByteArray::fromHex(match.captured(1).toLatin1());
-        if (match.capturedLength(2) > 0)
-            dump.values.insert(match.captured(2), match.captured(3));
-    }
-    return dump;
-}
-
-QString textOf(const QString &value)
-{
-    return value == QLatin1String("null") ? QString() : value.mid(1, value.size() - 2);
-}
-
-template<typename Record>
-QByteArray written(const Record &record)
-{
-    QByteArray bytes;
-    QDataStream stream(&bytes, QIODevice::WriteOnly);
-    stream << record;
-    return bytes;
+    return wrong.join(QLatin1Char(' '));
 }
 
 } // namespace
@@ -178,18 +113,17 @@ private Q_SLOTS:
     void linksAndPathsLeadSomewhere_data()
     {
         QTest::addColumn<QString>("name");
-        for (const QString &file : filesOfTheRepository()) {
-            if (file.endsWith(QLatin1String(".md")))
-                QTest::newRow(qPrintable(file)) << file;
-        }
+        for (const QString &file :
+             repositoryFiles().filter(QRegularExpression(QStringLiteral("\\.md$"))))
+            QTest::newRow(qPrintable(file)) << file;
     }
 
     void linksAndPathsLeadSomewhere()
     {
         QFETCH(QString, name);
         const QString page = contentOf(name);
-        QCOMPARE(deadLinksOf(name, page).join(QLatin1Char(' ')), QString());
-        QCOMPARE(wrongPathsOf(page).join(QLatin1Char(' ')), QString());
+        QCOMPARE(deadLinksOf(name, page), QString());
+        QCOMPARE(wrongPathsOf(page), QString());
     }
 
     void deadLinksAndWrongPathsAreSeen()
@@ -199,59 +133,41 @@ private Q_SLOTS:
             "[e](gone.md) [f](protocol.md#gone) [g](#gone) [h](../../etc)\n"
             "`ipc/ipcserver.h` `ipcserver.h` `/tmp/x` `other/x` `ipc/gone.h` `gone.cpp`\n"
             "```\n[i](gone.md) `ipc/gone.h`\n# Gone\n```\n");
-        QCOMPARE(deadLinksOf(QStringLiteral("docs/protocol.md"), page).join(QLatin1Char(' ')),
+        QCOMPARE(deadLinksOf(QStringLiteral("docs/protocol.md"), page),
                  QStringLiteral("gone.md protocol.md#gone #gone ../../etc"));
-        QCOMPARE(wrongPathsOf(page).join(QLatin1Char(' ')), QStringLiteral("ipc/gone.h gone.cpp"));
+        QCOMPARE(wrongPathsOf(page), QStringLiteral("ipc/gone.h gone.cpp"));
     }
 
-    void dumpOfTheServerRecordIsWhatTheStreamWrites()
+    void everyLogLineOfTheDaemonIsExplained()
     {
-        const Dump dump = dumpUnder(QStringLiteral("VpnServerInformation"));
-        VpnServerInformation server;
-        server.name = textOf(dump.values[QStringLiteral("name")]);
-        server.id = dump.values[QStringLiteral("id")].toInt();
-        server.info = textOf(dump.values[QStringLiteral("info")]);
-        server.host = textOf(dump.values[QStringLiteral("host")]);
-        server.ca = textOf(dump.values[QStringLiteral("ca")]);
-        server.key = textOf(dump.values[QStringLiteral("key")]);
-        server.cert = textOf(dump.values[QStringLiteral("cert")]);
-        server.udpPort = dump.values[QStringLiteral("udpPort")].toInt();
-        server.tcpPort = dump.values[QStringLiteral("tcpPort")].toInt();
-        QVERIFY(!server.host.isEmpty());
-        QCOMPARE(dump.bytes.toHex(' '), written(server).toHex(' '));
-    }
-
-    void dumpOfTheResultIsWhatTheStreamWrites()
-    {
-        const Dump dump = dumpUnder(QStringLiteral("OperationResult"));
-        OperationResult result;
-        result.code = dump.values[QStringLiteral("code")].toInt();
-        result.success = dump.values[QStringLiteral("success")] == QLatin1String("true");
-        result.message = textOf(dump.values[QStringLiteral("message")]);
-        QVERIFY(!result.message.isEmpty());
-        QCOMPARE(dump.bytes.toHex(' '), written(result).toHex(' '));
-    }
-
-    void everyLogLineOfTheRequestPathIsExplained()
-    {
-        QString sources;
-        for (const char *folder : {"daemon", "ipc", "commands", "vpncore"})
-            sources += sourcesIn(QString::fromLatin1(folder));
-        QStringList texts = allMatches(
-            QStringLiteral("q(?:Debug|Warning)\\(\\)\\s*<< (?:QStringLiteral\\()?\"(.*?)\""),
-            sources);
-        // Why a connection was closed, or a socket not opened.
-        texts += allMatches(QStringLiteral("QStringLiteral\\(\"((?:the|it|its|there|clients|too|a "
-                                           "frame) [^\"]*)\"\\)"),
-                            sourcesIn(QStringLiteral("ipc")));
-        QVERIFY2(texts.size() > 40, qPrintable(QString::number(texts.size())));
+        QStringList texts;
+        for (const QString &file : repositoryFiles().filter(
+                 QRegularExpression(QStringLiteral("^(daemon|ipc|commands|vpncore)/.*\\.cpp$")))) {
+            const QString source = contentOf(file);
+            texts += allMatches(
+                QStringLiteral("q(?:Debug|Warning)\\(\\)\\s*<< (?:QStringLiteral\\()?\"(.*?)\""),
+                source);
+            // Why a connection was closed, or a socket not opened.
+            if (file.startsWith(QLatin1String("ipc/")))
+                texts += allMatches(QStringLiteral("QStringLiteral\\(\"((?:the|it|its|there|"
+                                                   "clients|too|a frame) [^\"]*)\"\\)"),
+                                    source);
+        }
+        // Of the end of objects, and of a platform layer, that live only in other programs.
+        const QRegularExpression ofOthers(QStringLiteral(
+            "QRemoteObjectHost::|destroyed$|server stopped|Console|Store|^(TCP|UDP)$"));
         const QString page = contentOf(QStringLiteral("docs/operations.md"))
             + contentOf(QStringLiteral("docs/protocol-frames.md"));
+        int explained = 0;
         for (QString text : texts) {
+            if (text.contains(ofOthers))
+                continue;
             text.remove(QStringLiteral("\\r")).remove(QStringLiteral("\\n"));
             for (const QString &piece : text.split(QRegularExpression(QStringLiteral("%\\d"))))
                 QVERIFY2(page.contains(piece.trimmed()), qPrintable(text));
+            ++explained;
         }
+        QVERIFY2(explained > 40, qPrintable(QString::number(explained)));
     }
 };
 

@@ -4,7 +4,6 @@
 #include "rep_ipcinterface_source.h"
 #include "rep_serviceinterface_source.h"
 
-#include <QtCore/QRegularExpression>
 #include <QtTest/QtTest>
 
 using frames::kIpcInterface;
@@ -58,21 +57,6 @@ QByteArray withNumber(QByteArray frame, int position, quint32 value)
     return frame.replace(position, 4, number(value));
 }
 
-/// The n-th block of hexadecimal bytes in the description of the protocol.
-QByteArray documentedBytes(int n)
-{
-    QFile document(QStringLiteral(TALVEX_SOURCES "/docs/protocol-frames.md"));
-    if (!document.open(QIODevice::ReadOnly))
-        return {};
-    const QStringList blocks = QString::fromUtf8(document.readAll()).split(QStringLiteral("```"));
-    const QRegularExpression bytes(QStringLiteral("^((?:[0-9a-f]{2}(?: |$))+)"),
-                                   QRegularExpression::MultilineOption);
-    QByteArray block;
-    for (auto match = bytes.globalMatch(blocks.value(2 * n + 1)); match.hasNext();)
-        block += QByteArray::fromHex(match.next().captured(1).toLatin1());
-    return block;
-}
-
 } // namespace
 
 /// What of a client's bytes reaches Remote Objects. That clients really send such frames is shown
@@ -88,14 +72,6 @@ private Q_SLOTS:
         QCOMPARE(violationOf(serviceChecker(), frames::vpnCommand(QStringLiteral("{}"))),
                  QStringLiteral("a frame of type 6: the slot takes other arguments"));
         qRegisterMetaTypeStreamOperators<VpnServerInformation>("VpnServerInformation");
-    }
-
-    void documentedFramesAreThoseOfAClient()
-    {
-        QCOMPARE(documentedBytes(0).toHex(' '), frames::serverSlot(true).toHex(' '));
-        QCOMPARE(documentedBytes(1).toHex(' '),
-                 frames::vpnCommand(QStringLiteral("{\"type\":\"openvpn\",\"cmd\":\"disconnect\"}"))
-                     .toHex(' '));
     }
 
     void everyFrameThatClientsHaveReasonForPasses_data()
