@@ -26,10 +26,7 @@ constexpr int kNoDaemon = 3;
 constexpr int kNoAnswer = 4;
 constexpr int kInterrupted = 130;
 
-/// What the daemon accepts at most, and with what "info" a connect of recordWithInfo() over UDP is
-/// no longer: half of it, for there are two bytes a character, less the command and the host.
-constexpr int kMaxFrameBytes = 262'144;
-constexpr int kMaxInfo = (kMaxFrameBytes - 137) / 2 - 34 - 8;
+constexpr int kMaxFrameBytes = 262'144; // of the daemon
 
 const QString kUp = QStringLiteral("The tunnel is up.");
 const QString kGone = QStringLiteral("vpnctl: The daemon has gone: it closed the connection.");
@@ -42,14 +39,21 @@ QString writeFile(const QString &name, const QByteArray &content)
     return file.fileName();
 }
 
-/// @return options that name a record whose host makes the stand-in for openvpn play @p scenario.
-QString recordFor(const QString &scenario)
+QString pem()
 {
+    return pemtexts::certificate() + pemtexts::key();
+}
+
+/// @return options that name a record whose host makes the stand-in for openvpn play @p scenario.
+/// @param info makes the record as long as it is wanted.
+QString recordFor(const QString &scenario, const QByteArray &info = {})
+{
+    writeFile(QStringLiteral("all.pem"), pem().toLatin1());
     return QStringLiteral("--server ")
         + writeFile(QStringLiteral("record.json"),
-                    QStringLiteral(R"({"host":"%1","udpPort":1194,"tcpPort":443})")
-                        .arg(scenario)
-                        .toLatin1());
+                    "{\"host\":\"" + scenario.toLatin1() + "\",\"info\":\"" + info
+                        + "\",\"udpPort\":1194,\"tcpPort\":443,\"ca\":\"all.pem\","
+                          "\"cert\":\"all.pem\",\"key\":\"all.pem\"}");
 }
 
 QString connectTo(const QString &scenario)
@@ -57,18 +61,22 @@ QString connectTo(const QString &scenario)
     return QStringLiteral("connect ") + recordFor(scenario);
 }
 
-/// @return options that name a record whose "info" has so many characters; the stand-in connects.
-QString recordWithInfo(int size)
+/// @return options that name a record with which a connect over UDP has as many bytes as the daemon
+///         accepts, and two more for each of @p more characters.
+QString longestRecord(int more = 0)
 {
-    return QStringLiteral("--server ")
-        + writeFile(QStringLiteral("long.json"),
-                    R"({"host":"connects","udpPort":1194,"info":")" + QByteArray(size, 'x')
-                        + R"("})");
+    const QString rest =
+        QStringLiteral(R"({"type":"connect","cmd":"ovpnUdp"}connects)") + pem() + pem() + pem();
+    return recordFor(QStringLiteral("connects"),
+                     QByteArray((kMaxFrameBytes - 137) / 2 - rest.size() + more, 'x'));
 }
 
 QString profile(const QByteArray &text)
 {
-    return QStringLiteral("connect --config ") + writeFile(QStringLiteral("office.ovpn"), text);
+    writeFile(QStringLiteral("all.pem"), pem().toLatin1());
+    return QStringLiteral("connect ")
+        + writeFile(QStringLiteral("office.ovpn"),
+                    text + "ca all.pem\ncert all.pem\nkey all.pem\n");
 }
 
 int endpoints()
@@ -315,7 +323,7 @@ private Q_SLOTS:
     void remotesAreTriedInOrderUntilOneConnects()
     {
         VpnctlProcess vpnctl;
-        QCOMPARE(vpnctl.run(profile("remote error 1\nremote will-retry 2 tcp\nverb 3\n"
+        QCOMPARE(vpnctl.run(profile("remote error 1\nremote will-retry 2 tcp\nroute 10.0.0.0\n"
                                     "remote connects 3\nremote silent 4\n")
                             + QStringLiteral(" --detach")),
                  kDone);
@@ -328,7 +336,7 @@ private Q_SLOTS:
         QVERIFY(vpnctl.lines().contains(
             QStringLiteral("Connecting to will-retry, port 2, over TCP (server 2 of 4)")));
         QCOMPARE(vpnctl.errorLines().value(0),
-                 QStringLiteral("Note: Not carried over from the profile: verb."));
+                 QStringLiteral("Note: Not carried over from the profile: route."));
     }
 
     void badInputOneClearLineAndNoEndpoint_data()
@@ -358,7 +366,7 @@ private Q_SLOTS:
     {
         QFETCH(QString, arguments);
         QFETCH(QString, line);
-        arguments.replace(QStringLiteral("LONG"), recordWithInfo(kMaxInfo + 1));
+        arguments.replace(QStringLiteral("LONG"), longestRecord(1));
         VpnctlProcess vpnctl;
         QCOMPARE(vpnctl.run(arguments), kWrongUse);
         QCOMPARE(problemsIn(vpnctl.errorLines()), QStringList{QStringLiteral("vpnctl: ") + line});
@@ -369,7 +377,7 @@ private Q_SLOTS:
     void longestCommandReachesTheDaemon()
     {
         VpnctlProcess vpnctl;
-        QCOMPARE(vpnctl.run(QStringLiteral("connect --detach ") + recordWithInfo(kMaxInfo)), kDone);
+        QCOMPARE(vpnctl.run(QStringLiteral("connect --detach ") + longestRecord()), kDone);
         QCOMPARE(standins::runningOpenvpns(), 1);
     }
 
@@ -490,10 +498,9 @@ private Q_SLOTS:
                                      QStringLiteral("Disconnecting"),
                                      QStringLiteral("Disconnected after T s.")};
         QTest::newRow("JSON") << QStringLiteral(
-            " --json") << QStringList{QStringLiteral("note"),       QStringLiteral("endpoint"),
-                                      QStringLiteral("connecting"), QStringLiteral("answer"),
-                                      QStringLiteral("up"),         QStringLiteral("disconnecting"),
-                                      QStringLiteral("answer")};
+            " --json") << QStringList{QStringLiteral("endpoint"),      QStringLiteral("connecting"),
+                                      QStringLiteral("answer"),        QStringLiteral("up"),
+                                      QStringLiteral("disconnecting"), QStringLiteral("answer")};
     }
 
     void connectTellsWhatHappensStepByStep()

@@ -26,6 +26,7 @@ public:
     ~Command() override;
 
     /// Begins; call once. finished() may come from within.
+    /// @throws Problem when the files that the options name are wrong.
     virtual void start() = 0;
 
     /// A signal asks to stop. Unless a command knows better, it stops at once.

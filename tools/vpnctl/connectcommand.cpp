@@ -34,21 +34,19 @@ ConnectCommand::ConnectCommand(const Options &options, Report &report)
 
 void ConnectCommand::start()
 {
-    QString error;
-    const std::optional<TargetList> list = readTargets(options(), &error);
-    if (!list) {
-        finishWith({ExitCode::WrongUse, error, {}});
-        return;
-    }
-    for (const QString &note : list->notes)
+    const TargetList list = readTargets(options());
+    for (const QString &note : list.notes)
         report().note(note);
-    m_targets = list->targets;
-    for (const Target &target : qAsConst(m_targets)) {
-        if (const std::optional<Problem> problem = VpnSession::lengthProblem(target)) {
-            finishWith(*problem);
-            return;
+    if (!list.weaknesses.isEmpty()) {
+        report().weaknesses(list.weaknesses);
+        if (!options().acceptWeaker) {
+            throw wrongUse(QStringLiteral("The profile asks for more than the daemon can do."),
+                           QStringLiteral("Add --accept-weaker to connect without it."));
         }
     }
+    m_targets = list.targets;
+    for (const Target &target : qAsConst(m_targets))
+        VpnSession::checkLength(target);
     session().openNewEndpoint();
 }
 

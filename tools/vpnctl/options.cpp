@@ -1,7 +1,8 @@
 #include "options.h"
 
 #include "endpoints.h"
-#include "host.h"
+#include "explain.h"
+#include "ovpnprofile.h"
 #include "problem.h"
 #include "textlayout.h"
 
@@ -227,27 +228,24 @@ void addEverything(CLI::App &app, Options &options)
 /// Checks what CLI11 cannot know.
 void check(const Options &options)
 {
-    const auto wrongUse = [](const QString &text, const QString &advice = {}) {
-        throw Problem{ExitCode::WrongUse, text, advice};
-    };
     if (options.command != Command::Connect)
         return;
     if (options.configPath.isEmpty() && options.recordPath.isEmpty() && options.host.isEmpty()) {
-        wrongUse(QStringLiteral("Nothing says where to connect to."),
-                 QStringLiteral("Name a profile, as in \"vpnctl connect office.ovpn\", or use "
-                                "--server or --host."));
+        throw wrongUse(
+            QStringLiteral("Nothing says where to connect to."),
+            QStringLiteral("Name a profile, as in \"vpnctl connect office.ovpn\", or use "
+                           "--server or --host."));
     }
     static const QRegularExpression hostAndPort(
-        QStringLiteral("\\A(\\[[^\\]]*\\]|[^:]*):([0-9]+)\\z"));
+        QStringLiteral("\\A(?:\\[(.+)\\]|([^:]+)):([0-9]+)\\z"));
     const QRegularExpressionMatch match = hostAndPort.match(options.host);
     if (match.hasMatch()) {
-        wrongUse(QStringLiteral("--host takes no port."),
-                 QStringLiteral("Use --host %1 --port %2.")
-                     .arg(match.captured(1).remove(QRegularExpression(QStringLiteral("[][]"))),
-                          match.captured(2)));
+        throw wrongUse(QStringLiteral("--host takes no port."),
+                       QStringLiteral("Use --host %1 --port %2.")
+                           .arg(match.captured(1) + match.captured(2), match.captured(3)));
     }
     if (!options.host.isEmpty() && !isHost(options.host))
-        wrongUse(QStringLiteral("\"%1\" is no host name or address.").arg(options.host));
+        throw wrongUse(QStringLiteral("\"%1\" is no host name or address.").arg(options.host));
 }
 
 /// @param words what stands after "vpnctl", up to and with the word that is to be completed.
@@ -300,16 +298,19 @@ QString completions(CLI::App &app, const QStringList &words)
 QString manualLists(const CLI::App &app)
 {
     QString lists;
-    const auto add = [&lists](QString names, const QString &value, const QString &text) {
+    const auto add = [&lists](const QStringList &names, const QString &value, const QString &text) {
         lists += QStringLiteral("**%1**%2\n:   %3\n\n")
-                     .arg(names.replace(QLatin1Char(','), QLatin1String("**, **")), value, text);
+                     .arg(names.join(QLatin1String("**, **"))
+                              .replace(QLatin1Char('_'), QLatin1String("\\_")),
+                          value, text);
     };
     lists += QLatin1String("# COMMANDS\n\n");
     for (const CommandRow &row : kCommands)
-        add(QLatin1String(row.name), {}, QLatin1String(row.description));
+        add({QLatin1String(row.name)}, {}, QLatin1String(row.description));
+
     lists += QLatin1String("# OPTIONS\n\n");
     for (const CLI::Option *option : {app.get_help_ptr(), app.get_version_ptr()})
-        add(QString::fromStdString(option->get_name(false, true)), {},
+        add(QString::fromStdString(option->get_name(false, true)).split(QLatin1Char(',')), {},
             QString::fromStdString(option->get_description()));
     for (const OptionRow &row : kOptions) {
         QStringList commands;
@@ -317,13 +318,25 @@ QString manualLists(const CLI::App &app)
             if (row.commands & only(command.command))
                 commands.append(QLatin1String(command.name));
         }
-        add(QString::fromLatin1(row.names).section(QLatin1Char(','), -1), // not what is positional
+        const QString with = row.commands == kEvery
+            ? QString()
+            : QStringLiteral("With %1: ").arg(commands.join(QLatin1String(", ")));
+        add({QString::fromLatin1(row.names).section(QLatin1Char(','),
+                                                    -1)}, // not what is positional
             *row.value ? QStringLiteral(" *%1*").arg(QLatin1String(row.value)) : QString(),
-            (row.commands == kEvery
-                 ? QString()
-                 : QStringLiteral("With %1: ").arg(commands.join(QLatin1String(", "))))
-                + QLatin1String(row.text));
+            with + QLatin1String(row.text));
     }
+
+    lists += QLatin1String("# PROFILES THAT ASK FOR MORE\n\n"
+                           "The daemon does not take over these directives of a profile, which "
+                           "protect its user. Connecting needs **--accept-weaker** then.\n\n");
+    for (const Weakness &protection : protections())
+        add(protection.directive.split(QLatin1Char(' ')), {}, protection.text);
+
+    lists += QLatin1String("# ANSWERS OF THE DAEMON\n\n"
+                           "A failure carries one of these localisation keys.\n\n");
+    for (const QString &key : explainedKeys())
+        add({key}, {}, explain(key).text + QLatin1Char(' ') + explain(key).advice);
     return lists;
 }
 
@@ -367,9 +380,9 @@ std::variant<Options, QString> readCommandLine(const QStringList &arguments, int
         if (app.get_subcommands().empty() && app.remaining_size() > 0)
             text = QStringLiteral("There is no command \"%1\".")
                        .arg(QString::fromStdString(app.remaining().front()));
-        throw Problem{ExitCode::WrongUse, text,
-                      QStringLiteral("\"vpnctl --help\" lists the commands, and "
-                                     "\"vpnctl COMMAND --help\" what each takes.")};
+        throw wrongUse(text,
+                       QStringLiteral("\"vpnctl --help\" lists the commands, and "
+                                      "\"vpnctl COMMAND --help\" what each takes."));
     }
     check(options);
     return options;

@@ -1,10 +1,11 @@
 #include "ovpnprofile.h"
 
-#include "host.h"
 #include "pem.h"
+#include "problem.h"
 #include "textfile.h"
 
 #include <QtCore/QFileInfo>
+#include <QtCore/QRegularExpression>
 
 #include <algorithm>
 #include <iterator>
@@ -13,34 +14,97 @@ namespace vpnctl {
 
 namespace {
 
-/// What the daemon's own configuration has too.
+/// What the daemon's own configuration has too, though with another value it would matter.
 constexpr const char *kSameInDaemon[] = {
+    "comp-lzo",       "cipher AES-256-CBC",     "dev-type tun", "mssfix 1450",  "ping 15",
+    "ping-restart 0", "remote-cert-tls server", "reneg-sec 0",  "tun-mtu 1500", "tun-mtu-extra 32",
+};
+
+/// What changes nothing that the user could miss, whatever its value.
+constexpr const char *kHarmless[] = {
+    "auth-nocache",
+    "auth-retry",
     "client",
-    "dev tun",
-    "tls-client",
-    "resolv-retry infinite",
+    "connect-retry",
+    "connect-retry-max",
+    "connect-timeout",
+    "daemon",
+    "explicit-exit-notify",
+    "fast-io",
+    "float",
+    "hand-window",
+    "ignore-unknown-option",
+    "key-direction",
+    "log",
+    "log-append",
+    "machine-readable-output",
+    "mute",
+    "mute-replay-warnings",
+    "nice",
     "nobind",
     "persist-key",
     "persist-tun",
-    "remote-cert-tls server",
-    "comp-lzo",
-    "verb 1",
-    "tun-mtu 1500",
-    "tun-mtu-extra 32",
-    "mssfix 1450",
-    "ping 15",
-    "ping-restart 0",
     "ping-timer-rem",
-    "reneg-sec 0",
     "pull",
-    "fast-io",
-    "cipher AES-256-CBC",
-    "script-security 2",
+    "push-peer-info",
+    "rcvbuf",
+    "remote-random",
+    "resolv-retry",
+    "route-delay",
+    "route-method",
+    "script-security",
+    "server-poll-timeout",
+    "setenv",
+    "sndbuf",
+    "status",
+    "suppress-timestamps",
+    "tls-client",
+    "tls-timeout",
+    "topology",
+    "verb",
+    "writepid",
 };
 
-constexpr const char *kLikelyNeeded[] = {
-    "auth-user-pass", "tls-auth",         "tls-crypt",  "tls-crypt-v2", "pkcs12",
-    "secret",         "static-challenge", "http-proxy", "socks-proxy",
+struct Protection
+{
+    const char *directives; ///< separated by blanks
+    const char *withoutIt;
+};
+
+constexpr Protection kProtections[] = {
+    {"verify-x509-name tls-remote",
+     "The server's name is not checked: every server certificate of the authority is accepted."},
+    {"remote-cert-tls remote-cert-eku remote-cert-ku ns-cert-type",
+     "The server's certificate is only checked to be one for servers."},
+    {"peer-fingerprint verify-hash",
+     "The server's certificate is not compared with a fingerprint."},
+    {"crl-verify", "Certificates that the authority has revoked are accepted."},
+    {"tls-verify", "No script checks the server's certificate."},
+    {"tls-auth tls-crypt tls-crypt-v2",
+     "The control channel has no key of its own. A server that expects one does not answer."},
+    {"tls-version-min", "The lowest version of TLS is what openvpn itself accepts."},
+    {"tls-cipher tls-ciphersuites tls-groups tls-cert-profile",
+     "TLS uses the ciphers and signatures that openvpn itself accepts."},
+    {"cipher data-ciphers data-ciphers-fallback ncp-ciphers ncp-disable",
+     "The server chooses the data's cipher from openvpn's own list; without a choice it is "
+     "AES-256-CBC."},
+    {"auth",
+     "SHA1 authenticates the data, unless the cipher does it itself. A server that "
+     "insists on another digest is not understood."},
+    {"reneg-sec reneg-bytes reneg-pkts", "The keys are renewed only when the server asks for it."},
+    {"comp-lzo compress allow-compression",
+     "openvpn may compress what it sends, whose length can give the content away."},
+    {"redirect-gateway redirect-private",
+     "Only what the server asks for goes through the tunnel; the rest goes in clear."},
+    {"block-outside-dns", "Names may be looked up outside the tunnel."},
+    {"block-ipv6", "IPv6 may go around the tunnel, in clear."},
+    {"dev dev-type",
+     "The tunnel is a tun device. A server with a tap device does not "
+     "understand it."},
+    {"auth-user-pass static-challenge",
+     "No name and password are sent. A server that asks for them lets nobody in."},
+    {"http-proxy socks-proxy", "The server is called directly and not through the proxy."},
+    {"user group chroot", "openvpn keeps the rights of root."},
 };
 
 template<std::size_t Size>
@@ -50,149 +114,96 @@ bool contains(const char *const (&list)[Size], const QString &text)
                        [&](const char *entry) { return text == QLatin1String(entry); });
 }
 
-std::optional<Transport> transportFrom(const QString &proto)
-{
-    if (proto == QLatin1String("udp") || proto == QLatin1String("udp4")
-        || proto == QLatin1String("udp6"))
-        return Transport::Udp;
-    for (const char *tcp : {"tcp", "tcp4", "tcp6", "tcp-client", "tcp4-client", "tcp6-client"}) {
-        if (proto == QLatin1String(tcp))
-            return Transport::Tcp;
-    }
-    return {};
-}
-
 /// Splits a line as openvpn does: blanks separate; double quotes with backslashes, single quotes
-/// without; '#' and ';' begin a comment where a word could begin.
+/// without; '#' and ';' begin a comment where a word begins.
 /// @return nothing when a quote does not end.
 std::optional<QStringList> wordsOf(const QString &line)
 {
+    static const QRegularExpression pattern(QStringLiteral(
+        R"re(\s*(?:"((?:[^"\\]|\\.)*)"|'([^']*)'|([#;].*)|((?:[^\s"'\\]|\\.)+))\s*)re"));
+    static const QRegularExpression escape(QStringLiteral(R"re(\\(.))re"));
     QStringList words;
-    QString word;
-    bool isInWord = false;
-    QChar quote;
-    for (int index = 0; index < line.size(); ++index) {
-        const QChar character = line.at(index);
-        const bool isEscape =
-            character == QLatin1Char('\\') && quote != QLatin1Char('\'') && index + 1 < line.size();
-        if (isEscape) {
-            word += line.at(++index);
-            isInWord = true;
-        } else if (!quote.isNull()) {
-            if (character == quote)
-                quote = QChar();
-            else
-                word += character;
-        } else if (character == QLatin1Char('"') || character == QLatin1Char('\'')) {
-            quote = character;
-            isInWord = true;
-        } else if (character.isSpace()) {
-            if (isInWord)
-                words.append(word);
-            word.clear();
-            isInWord = false;
-        } else if (!isInWord && (character == QLatin1Char('#') || character == QLatin1Char(';'))) {
+    int end = 0;
+    while (end < line.size()) {
+        const auto match = pattern.match(line, end, QRegularExpression::NormalMatch,
+                                         QRegularExpression::AnchoredMatchOption);
+        if (!match.hasMatch())
+            return {};
+        end = match.capturedEnd();
+        if (match.capturedLength(3) > 0)
             break;
-        } else {
-            word += character;
-            isInWord = true;
-        }
+        const bool isLiteral = match.capturedStart(2) >= 0;
+        QString word = match.captured(isLiteral ? 2 : match.capturedStart(1) >= 0 ? 1 : 4);
+        words.append(isLiteral ? word : word.replace(escape, QStringLiteral("\\1")));
     }
-    if (!quote.isNull())
-        return {};
-    if (isInWord)
-        words.append(word);
     return words;
 }
 
 class ProfileReader
 {
 public:
-    ProfileReader(const QString &text, const QString &source, const QDir &folder)
-        : m_lines(text.split(QLatin1Char('\n')))
-        , m_source(source)
-        , m_folder(folder)
+    explicit ProfileReader(const QString &path)
+        : m_path(path)
+        , m_lines(readTextFile(path, QStringLiteral("profile")).split(QLatin1Char('\n')))
     {
     }
 
-    std::optional<OvpnProfile> read(QString *error)
+    OvpnProfile read()
     {
-        while (m_error.isEmpty() && m_next < m_lines.size())
+        while (m_next < m_lines.size())
             readLine(m_lines.at(m_next++).trimmed());
-        if (m_error.isEmpty())
-            finish();
-        if (!m_error.isEmpty()) {
-            *error = m_error;
-            return {};
+        if (m_isInConnection) {
+            throw wrongUse(
+                QStringLiteral("%1: <connection> does not end with </connection>.").arg(m_path));
         }
+        if (m_profile.remotes.isEmpty()) {
+            throw wrongUse(
+                QStringLiteral("%1 names no server: it has no \"remote\" line.").arg(m_path));
+        }
+        complete(0, m_global);
+        complete(0, {{}, kStandardPort, Transport::Udp});
         return m_profile;
     }
 
 private:
-    /// As a `remote` line gives it; what it leaves open, other lines decide.
-    struct RemoteLine
-    {
-        QString host;
-        int port = 0;
-        std::optional<Transport> transport;
-    };
-
-    struct Defaults
-    {
-        int port = 0;
-        std::optional<Transport> transport;
-    };
+    using Remote = OvpnProfile::Remote;
 
     void readLine(const QString &line)
     {
-        if (line == QLatin1String("</connection>")) {
-            endConnection();
-            return;
-        }
-        if (line.startsWith(QLatin1Char('<')) && line.endsWith(QLatin1Char('>'))) {
+        if (line == QLatin1String("<connection>")) {
+            m_isInConnection = true;
+            m_connection = {};
+            m_firstOfConnection = m_profile.remotes.size();
+        } else if (line == QLatin1String("</connection>")) {
+            m_isInConnection = false;
+            complete(m_firstOfConnection, m_connection);
+        } else if (line.startsWith(QLatin1Char('<')) && line.endsWith(QLatin1Char('>'))) {
             readBlock(line.mid(1, line.size() - 2));
-            return;
-        }
-        const std::optional<QStringList> words = wordsOf(line);
-        if (!words)
+        } else if (const std::optional<QStringList> words = wordsOf(line); !words) {
             fail(QStringLiteral("a quote does not end"));
-        else if (!words->isEmpty())
+        } else if (!words->isEmpty()) {
             readDirective(*words);
+        }
     }
 
     void readBlock(const QString &name)
     {
-        if (name == QLatin1String("connection")) {
-            m_isInConnection = true;
-            m_connection = {};
-            m_firstOfConnection = m_remotes.size();
-            return;
-        }
-        const int start = m_next;
         const QString end = QStringLiteral("</%1>").arg(name);
-        QString text;
-        while (m_next < m_lines.size()) {
-            const QString line = m_lines.at(m_next++);
-            if (line.trimmed().startsWith(end)) {
-                readInline(name, text);
-                return;
-            }
-            text += line + QLatin1Char('\n');
+        const auto start = m_lines.begin() + m_next;
+        const auto last = std::find_if(start, m_lines.end(), [&](const QString &line) {
+            return line.trimmed().startsWith(end);
+        });
+        if (last == m_lines.end())
+            fail(QStringLiteral("<%1> does not end with %2").arg(name, end));
+        const int count = static_cast<int>(last - start);
+        if (const PemSetting *setting = pemSetting(name)) {
+            m_profile.server.*setting->field =
+                pemFromText(*setting, m_lines.mid(m_next, count).join(QLatin1Char('\n')),
+                            QStringLiteral("<%1> in %2").arg(name, m_path));
+        } else {
+            leaveOut({name});
         }
-        m_next = start;
-        fail(QStringLiteral("<%1> does not end with %2").arg(name, end));
-    }
-
-    void readInline(const QString &name, const QString &text)
-    {
-        if (name == QLatin1String("ca"))
-            m_profile.ca = pemInline(PemKind::Authority, text);
-        else if (name == QLatin1String("cert"))
-            m_profile.cert = pemInline(PemKind::Certificate, text);
-        else if (name == QLatin1String("key"))
-            m_profile.key = pemInline(PemKind::Key, text);
-        else
-            leaveOut(name);
+        m_next += count + 1;
     }
 
     void readDirective(QStringList words)
@@ -201,67 +212,34 @@ private:
         if (words.first().startsWith(QLatin1String("--")))
             words.first().remove(0, 2);
         const QString name = words.first();
-        if (name == QLatin1String("remote"))
-            readRemote(words);
-        else if (name == QLatin1String("port") || name == QLatin1String("rport"))
-            defaults().port = port(words.value(1));
-        else if (name == QLatin1String("proto"))
-            defaults().transport = transport(words.value(1));
-        else if (name == QLatin1String("ca"))
-            readFile(PemKind::Authority, words, &m_profile.ca);
-        else if (name == QLatin1String("cert"))
-            readFile(PemKind::Certificate, words, &m_profile.cert);
-        else if (name == QLatin1String("key"))
-            readFile(PemKind::Key, words, &m_profile.key);
-        else if (!contains(kSameInDaemon, words.join(QLatin1Char(' '))))
-            leaveOut(name);
-    }
-
-    void readRemote(const QStringList &words)
-    {
-        RemoteLine remote;
-        remote.host = words.value(1);
-        if (!isHost(remote.host)) {
-            fail(QStringLiteral("\"%1\" is no host name or address").arg(remote.host));
-            return;
+        const QString value = words.value(1);
+        if (name == QLatin1String("remote")) {
+            if (!isHost(value))
+                fail(QStringLiteral("\"%1\" is no host name or address").arg(value));
+            m_profile.remotes.append(
+                {value, words.size() > 2 ? port(words.at(2)) : 0,
+                 words.size() > 3 ? transport(words.at(3)) : std::optional<Transport>()});
+        } else if (name == QLatin1String("port") || name == QLatin1String("rport")) {
+            defaults().port = port(value);
+        } else if (name == QLatin1String("proto")) {
+            defaults().transport = transport(value);
+        } else if (const PemSetting *setting = pemSetting(name)) {
+            if (value.isEmpty())
+                fail(QStringLiteral("\"%1\" lacks its file").arg(name));
+            if (value != QLatin1String("[inline]")) {
+                m_profile.server.*setting->field =
+                    pemFromFile(*setting, value, QFileInfo(m_path).absoluteDir());
+            }
+        } else {
+            leaveOut(words);
         }
-        if (words.size() > 2)
-            remote.port = port(words.at(2));
-        if (words.size() > 3)
-            remote.transport = transport(words.at(3));
-        m_remotes.append(remote);
-    }
-
-    void readFile(PemKind kind, const QStringList &words, QString *text)
-    {
-        const QString path = words.value(1);
-        if (path == QLatin1String("[inline]"))
-            return;
-        if (path.isEmpty()) {
-            fail(QStringLiteral("\"%1\" lacks its file").arg(words.first()));
-            return;
-        }
-        QString error;
-        *text = pemFromFile(kind, path, m_folder, &error).value_or(QString());
-        if (!error.isEmpty())
-            m_error = error;
-    }
-
-    QString pemInline(PemKind kind, const QString &text)
-    {
-        QString error;
-        const QString source = QStringLiteral("<%1> in %2").arg(pemName(kind), m_source);
-        QString pem = pemFromText(kind, text, source, &error).value_or(QString());
-        if (!error.isEmpty())
-            m_error = error;
-        return pem;
     }
 
     int port(const QString &word)
     {
         bool isNumber = false;
         const int port = word.toInt(&isNumber);
-        if (!isNumber || !isPort(port)) {
+        if (!isNumber || port < kMinPort || port > kMaxPort) {
             fail(QStringLiteral("\"%1\" is no port; ports are %2 to %3")
                      .arg(word)
                      .arg(kMinPort)
@@ -270,89 +248,87 @@ private:
         return port;
     }
 
-    std::optional<Transport> transport(const QString &word)
+    Transport transport(const QString &word)
     {
-        const std::optional<Transport> transport = transportFrom(word);
-        if (!transport)
+        static const QRegularExpression pattern(
+            QStringLiteral("\\A(?:(udp)[46]?|tcp[46]?(?:-client)?)\\z"));
+        const QRegularExpressionMatch match = pattern.match(word);
+        if (!match.hasMatch())
             fail(QStringLiteral("\"%1\" is no transport; the daemon knows udp and tcp").arg(word));
-        return transport;
+        return match.capturedLength(1) > 0 ? Transport::Udp : Transport::Tcp;
     }
 
-    Defaults &defaults() { return m_isInConnection ? m_connection : m_global; }
-
-    void endConnection()
+    static const PemSetting *pemSetting(const QString &name)
     {
-        for (int index = m_firstOfConnection; index < m_remotes.size(); ++index)
-            complete(m_remotes[index], m_connection);
-        m_isInConnection = false;
+        const auto *setting = std::find_if(
+            std::begin(kPemSettings), std::end(kPemSettings),
+            [&](const PemSetting &entry) { return name == QLatin1String(entry.name); });
+        return setting == std::end(kPemSettings) ? nullptr : setting;
     }
 
-    static void complete(RemoteLine &remote, const Defaults &defaults)
-    {
-        if (remote.port == 0)
-            remote.port = defaults.port;
-        if (!remote.transport)
-            remote.transport = defaults.transport;
-    }
+    /// What fills the gaps of the remotes: the lines of the connection block, or of the profile.
+    Remote &defaults() { return m_isInConnection ? m_connection : m_global; }
 
-    void leaveOut(const QString &name)
+    void complete(int first, const Remote &defaults)
     {
-        if (m_profile.notCarriedOver.contains(name))
-            return;
-        m_profile.notCarriedOver.append(name);
-        if (contains(kLikelyNeeded, name))
-            m_profile.likelyNeeded.append(name);
-    }
-
-    void finish()
-    {
-        if (m_isInConnection)
-            m_error =
-                QStringLiteral("%1: <connection> does not end with </connection>.").arg(m_source);
-        else if (m_remotes.isEmpty())
-            m_error =
-                QStringLiteral("%1 names no server: it has no \"remote\" line.").arg(m_source);
-        for (RemoteLine remote : qAsConst(m_remotes)) {
-            complete(remote, m_global);
-            complete(remote, {kStandardPort, Transport::Udp});
-            m_profile.remotes.append({remote.host, remote.port, *remote.transport});
+        for (int index = first; index < m_profile.remotes.size(); ++index) {
+            Remote &remote = m_profile.remotes[index];
+            remote.port = remote.port ? remote.port : defaults.port;
+            remote.transport = remote.transport ? remote.transport : defaults.transport;
         }
     }
 
-    void fail(const QString &complaint)
+    void leaveOut(const QStringList &words)
     {
-        if (m_error.isEmpty())
-            m_error = QStringLiteral("%1, line %2: %3.").arg(m_source).arg(m_next).arg(complaint);
+        const QString name = words.first();
+        const bool isTun = name == QLatin1String("dev")
+            && words.value(1).startsWith(QLatin1String("tun")); // its number is openvpn's affair
+        if (isTun || contains(kHarmless, name)
+            || contains(kSameInDaemon, words.join(QLatin1Char(' '))))
+            return;
+        for (const Protection &protection : kProtections) {
+            if (QString::fromLatin1(protection.directives).split(QLatin1Char(' ')).contains(name)) {
+                const bool isKnown = std::any_of(
+                    m_profile.weaknesses.begin(), m_profile.weaknesses.end(),
+                    [&](const Weakness &weakness) { return weakness.directive == name; });
+                if (!isKnown)
+                    m_profile.weaknesses.append({name, QLatin1String(protection.withoutIt)});
+                return;
+            }
+        }
+        if (!m_profile.notCarriedOver.contains(name))
+            m_profile.notCarriedOver.append(name);
     }
 
+    [[noreturn]] void fail(const QString &complaint)
+    {
+        throw wrongUse(QStringLiteral("%1, line %2: %3.").arg(m_path).arg(m_next).arg(complaint));
+    }
+
+    QString m_path;
     QStringList m_lines;
-    QString m_source;
-    QDir m_folder;
     int m_next = 0;
-    QString m_error;
 
     OvpnProfile m_profile;
-    QVector<RemoteLine> m_remotes;
-    Defaults m_global;
-    Defaults m_connection;
+    Remote m_global;
+    Remote m_connection;
     bool m_isInConnection = false;
     int m_firstOfConnection = 0;
 };
 
 } // namespace
 
-std::optional<OvpnProfile> parseOvpnProfile(const QString &text, const QString &source,
-                                            const QDir &folder, QString *error)
+OvpnProfile readOvpnProfile(const QString &path)
 {
-    return ProfileReader(text, source, folder).read(error);
+    return ProfileReader(path).read();
 }
 
-std::optional<OvpnProfile> readOvpnProfile(const QString &path, QString *error)
+Weaknesses protections()
 {
-    const std::optional<QByteArray> text = readTextFile(path, QStringLiteral("profile"), error);
-    if (!text)
-        return {};
-    return parseOvpnProfile(QString::fromUtf8(*text), path, QFileInfo(path).absoluteDir(), error);
+    Weaknesses all;
+    for (const Protection &protection : kProtections)
+        all.append({QLatin1String(protection.directives), QLatin1String(protection.withoutIt)});
+    return all;
 }
 
 } // namespace vpnctl

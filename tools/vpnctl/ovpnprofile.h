@@ -2,9 +2,6 @@
 
 #include "target.h"
 
-#include <QtCore/QDir>
-#include <QtCore/QStringList>
-
 #include <optional>
 
 namespace vpnctl {
@@ -15,31 +12,25 @@ struct OvpnProfile
     struct Remote
     {
         QString host;
-        int port = 0;
-        Transport transport = Transport::Udp;
+        int port = 0; ///< 0 where a line leaves it open; never so in a whole profile.
+        std::optional<Transport> transport; ///< the same
     };
 
     QVector<Remote> remotes; ///< in the order of the profile, at least one
-    QString ca; ///< PEM; empty when the profile has none
-    QString cert;
-    QString key;
+    VpnServerInformation server; ///< ca, cert and key, as far as the profile has them
 
-    /// Directives that the daemon's own configuration does not have, each once, in order.
+    /// Directives that the daemon's configuration lacks, each once, in order: those that protect
+    /// the user, and others. Those that change nothing for the user are left out.
+    Weaknesses weaknesses;
     QStringList notCarriedOver;
-
-    /// Those of notCarriedOver without which a server that asks for them lets nobody in.
-    QStringList likelyNeeded;
 };
 
-/// @param text the profile.
-/// @param source where it comes from, for the error.
-/// @param folder what relative paths in it are relative to.
-/// @param error set, when nothing is returned, to one sentence, with the line's number where it
-///        can be told.
-std::optional<OvpnProfile> parseOvpnProfile(const QString &text, const QString &source,
-                                            const QDir &folder, QString *error);
-
 /// Reads a profile from a file; paths in it are relative to the file's folder.
-std::optional<OvpnProfile> readOvpnProfile(const QString &path, QString *error);
+/// @throws Problem when it is wrong, with the line's number where that can be told.
+OvpnProfile readOvpnProfile(const QString &path);
+
+/// @return the directives that protect a profile's user, with what comes of it that the daemon does
+///         not take them over. Directives that share a sentence are separated by blanks.
+Weaknesses protections();
 
 } // namespace vpnctl

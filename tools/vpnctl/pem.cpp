@@ -1,124 +1,50 @@
 #include "pem.h"
 
+#include "problem.h"
 #include "textfile.h"
 
 #include <QtCore/QRegularExpression>
-#include <QtCore/QVector>
 
 namespace vpnctl {
 
-namespace {
-
-bool isOfKind(PemKind kind, const QString &label)
-{
-    return label.endsWith(QLatin1String(kind == PemKind::Key ? "PRIVATE KEY" : "CERTIFICATE"));
-}
-
-QString describe(PemKind kind)
-{
-    return kind == PemKind::Key ? QStringLiteral("private key") : QStringLiteral("certificate");
-}
-
-struct Block
-{
-    QString label; ///< what stands after "-----BEGIN "
-    QString text;
-    bool isPem = true; ///< its lines are base64 or headers
-
-    bool isEncrypted() const
-    {
-        return label == QLatin1String("ENCRYPTED PRIVATE KEY")
-            || text.contains(QLatin1String("Proc-Type: 4,ENCRYPTED"));
-    }
-};
-
-/// Base64, a header as keys of older forms have them (RFC 1421), or nothing.
-bool isBlockLine(const QString &line)
+QString pemFromText(const PemSetting &setting, const QString &text, const QString &source)
 {
     static const QRegularExpression pattern(
-        QStringLiteral("\\A(?:[A-Za-z0-9+/]*={0,2}|[A-Za-z0-9-]+: [!-;=-~ ]*)\\z"));
-    return pattern.match(line).hasMatch();
-}
-
-/// A block that does not end is left out.
-QVector<Block> blocksOf(const QString &text)
-{
-    static const QRegularExpression begin(QStringLiteral("\\A-----BEGIN ([A-Z0-9 ]+)-----\\z"));
-
-    QVector<Block> blocks;
-    Block block;
-    for (const QString &untrimmed : text.split(QLatin1Char('\n'))) {
-        const QString line = untrimmed.trimmed();
-        const QRegularExpressionMatch match = begin.match(line);
-        if (match.hasMatch())
-            block = {match.captured(1), {}};
-        else if (block.label.isEmpty())
-            continue;
-
-        block.text += line + QLatin1Char('\n');
-        if (line == QStringLiteral("-----END %1-----").arg(block.label)) {
-            blocks.append(block);
-            block = {};
-        } else if (!match.hasMatch()) {
-            block.isPem = block.isPem && isBlockLine(line);
-        }
-    }
-    return blocks;
-}
-
-} // namespace
-
-QString pemName(PemKind kind)
-{
-    switch (kind) {
-    case PemKind::Authority:
-        return QStringLiteral("ca");
-    case PemKind::Certificate:
-        return QStringLiteral("cert");
-    case PemKind::Key:
-        break;
-    }
-    return QStringLiteral("key");
-}
-
-std::optional<QString> pemFromText(PemKind kind, const QString &text, const QString &source,
-                                   QString *error)
-{
+        QStringLiteral("(-----BEGIN ([A-Z0-9 ]+)-----)(.*?)(-----END \\2-----)"),
+        QRegularExpression::DotMatchesEverythingOption);
     QString blocks;
     bool isKindSeen = false;
-    for (const Block &block : blocksOf(text)) {
-        if (block.isEncrypted()) {
-            *error = QStringLiteral("The key in %1 is encrypted, and the daemon cannot ask for its "
-                                    "pass phrase; store it decrypted.")
-                         .arg(source);
-            return {};
+    for (auto matches = pattern.globalMatch(text); matches.hasNext();) {
+        const QRegularExpressionMatch block = matches.next();
+        const QString label = block.captured(2);
+        if (label.startsWith(QLatin1String("ENCRYPTED"))
+            || block.captured(3).contains(QLatin1String("Proc-Type: 4,ENCRYPTED"))) {
+            throw wrongUse(QStringLiteral("The key in %1 is encrypted, and the daemon cannot ask "
+                                          "for its pass phrase; store it decrypted.")
+                               .arg(source));
         }
-        if (!block.isPem) {
-            *error = QStringLiteral("%1 holds a damaged PEM block: one of its lines is neither "
-                                    "base64 nor a header.")
-                         .arg(source);
-            return {};
+        const QString body = block.captured(3).trimmed().remove(QLatin1Char('\r'));
+        const QByteArray base64 = QString(body).remove(QLatin1Char('\n')).toLatin1();
+        if (!QByteArray::fromBase64Encoding(base64, QByteArray::AbortOnBase64DecodingErrors)) {
+            throw wrongUse(
+                QStringLiteral("%1 holds a damaged PEM block: it is no base64.").arg(source));
         }
-        isKindSeen = isKindSeen || isOfKind(kind, block.label);
-        blocks += block.text;
+        isKindSeen = isKindSeen || label.endsWith(QLatin1String(setting.label));
+        blocks += QStringLiteral("%1\n%2\n%3\n").arg(block.captured(1), body, block.captured(4));
     }
     if (!isKindSeen) {
-        *error = QStringLiteral("%1 holds no %2 in PEM form (\"-----BEGIN ...\").")
-                     .arg(source, describe(kind));
-        return {};
+        throw wrongUse(QStringLiteral("%1 holds no %2 in PEM form (\"-----BEGIN ...\").")
+                           .arg(source, QLatin1String(setting.description)));
     }
     return blocks;
 }
 
-std::optional<QString> pemFromFile(PemKind kind, const QString &path, const QDir &folder,
-                                   QString *error)
+QString pemFromFile(const PemSetting &setting, const QString &path, const QDir &folder)
 {
-    const QString wholePath = folder.filePath(path);
-    const std::optional<QByteArray> content =
-        readTextFile(wholePath, pemName(kind) + QStringLiteral(" file"), error);
-    if (!content)
-        return {};
-    return pemFromText(kind, QString::fromLatin1(*content), wholePath, error);
+    const QString whole = folder.filePath(path);
+    return pemFromText(
+        setting, readTextFile(whole, QStringLiteral("%1 file").arg(QLatin1String(setting.name))),
+        whole);
 }
 
 } // namespace vpnctl

@@ -3,6 +3,7 @@
 #include "explain.h"
 #include "vpnsession.h"
 
+#include <QtCore/QJsonArray>
 #include <QtCore/QJsonDocument>
 
 #include <cerrno>
@@ -84,6 +85,19 @@ void Report::problem(const Problem &problem)
            {QStringLiteral("text"), problem.text},
            {QStringLiteral("advice"), problem.advice}},
           text, Stream::Error);
+}
+
+void Report::weaknesses(const Weaknesses &weaknesses)
+{
+    QJsonArray list;
+    QStringList lines;
+    for (const Weakness &weakness : weaknesses) {
+        list.append(QJsonObject{{QStringLiteral("directive"), weakness.directive},
+                                {QStringLiteral("text"), weakness.text}});
+        lines.append(QStringLiteral("Without %1: %2").arg(weakness.directive, weakness.text));
+    }
+    print(QStringLiteral("weaker"), {{QStringLiteral("directives"), list}},
+          lines.join(QLatin1Char('\n')), Stream::Error);
 }
 
 void Report::pong(std::chrono::nanoseconds roundTrip)

@@ -28,6 +28,9 @@ public:
     void note(const QString &text);
     void problem(const Problem &problem);
 
+    /// Tells a sentence for each.
+    void weaknesses(const Weaknesses &weaknesses);
+
     void pong(std::chrono::nanoseconds roundTrip);
     void endpoint(int endpoint);
 

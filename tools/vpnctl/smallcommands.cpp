@@ -1,6 +1,6 @@
 #include "smallcommands.h"
 
-#include "serverrecord.h"
+#include "targetreader.h"
 
 namespace vpnctl {
 
@@ -111,16 +111,9 @@ class RawCommand : public SendCommand
 
     void start() override
     {
-        if (!options().recordPath.isEmpty()) {
-            QString error;
-            const std::optional<ServerRecord> record =
-                readServerRecord(options().recordPath, &error);
-            if (!record)
-                return finishWith({ExitCode::WrongUse, error, {}});
-            m_server = record->server;
-        }
-        if (const auto problem = VpnSession::lengthProblem(options().message, m_server))
-            return finishWith(*problem);
+        if (!options().recordPath.isEmpty())
+            m_server = readServerRecord(options().recordPath);
+        VpnSession::checkLength(options().message, m_server);
         SendCommand::start();
     }
 

@@ -1,5 +1,7 @@
 #include "target.h"
 
+#include <QtCore/QRegularExpression>
+
 namespace vpnctl {
 
 QString transportName(Transport transport)
@@ -7,9 +9,10 @@ QString transportName(Transport transport)
     return transport == Transport::Udp ? QStringLiteral("UDP") : QStringLiteral("TCP");
 }
 
-bool isPort(qint64 port)
+bool isHost(const QString &text)
 {
-    return port >= kMinPort && port <= kMaxPort;
+    static const QRegularExpression pattern(QStringLiteral("\\A[A-Za-z0-9._:%-]{1,235}\\z"));
+    return pattern.match(text).hasMatch();
 }
 
 } // namespace vpnctl

@@ -2,15 +2,45 @@
 
 #include "ovpnprofile.h"
 #include "pem.h"
-#include "serverrecord.h"
+#include "problem.h"
+#include "textfile.h"
 
 #include <QtCore/QFileInfo>
+#include <QtCore/QJsonDocument>
+#include <QtCore/QJsonObject>
 
-#include <algorithm>
+#include <limits>
 
 namespace vpnctl {
 
 namespace {
+
+using Server = VpnServerInformation;
+
+struct TextField
+{
+    const char *key;
+    QString Server::*field;
+};
+
+struct NumberField
+{
+    const char *key;
+    qint32 Server::*field;
+    qint32 lowest;
+    qint32 highest;
+};
+
+constexpr TextField kTextFields[] = {
+    {"name", &Server::name}, {"info", &Server::info}, {"host", &Server::host},
+    {"ca", &Server::ca},     {"cert", &Server::cert}, {"key", &Server::key},
+};
+
+constexpr NumberField kNumberFields[] = {
+    {"id", &Server::id, std::numeric_limits<qint32>::min(), std::numeric_limits<qint32>::max()},
+    {"udpPort", &Server::udpPort, 0, kMaxPort},
+    {"tcpPort", &Server::tcpPort, 0, kMaxPort},
+};
 
 void setPort(Target &target, Transport transport, int port)
 {
@@ -19,135 +49,149 @@ void setPort(Target &target, Transport transport, int port)
 }
 
 /// Where the user wants one transport: the remotes that have it, or else all of them, with it.
-QVector<OvpnProfile::Remote> remotesFor(const QVector<OvpnProfile::Remote> &remotes,
-                                        std::optional<Transport> transport)
+Targets targetsFor(const OvpnProfile &profile, const Options &options)
 {
-    if (!transport)
-        return remotes;
-    QVector<OvpnProfile::Remote> matching;
-    std::copy_if(remotes.begin(), remotes.end(), std::back_inserter(matching),
-                 [&](const OvpnProfile::Remote &remote) { return remote.transport == *transport; });
-    if (!matching.isEmpty())
-        return matching;
-    matching = remotes;
-    for (OvpnProfile::Remote &remote : matching)
-        remote.transport = *transport;
-    return matching;
-}
-
-QString notCarriedOverNote(const OvpnProfile &profile)
-{
-    const QString separator = QStringLiteral(", ");
-    QString note = QStringLiteral("Not carried over from the profile: %1.")
-                       .arg(profile.notCarriedOver.join(separator));
-    if (!profile.likelyNeeded.isEmpty()) {
-        note += QStringLiteral(" The server may let nobody in without: %1.")
-                    .arg(profile.likelyNeeded.join(separator));
-    }
-    return note;
-}
-
-std::optional<TargetList> fromProfile(const Options &options, QString *error)
-{
-    const std::optional<OvpnProfile> profile = readOvpnProfile(options.configPath, error);
-    if (!profile)
-        return {};
-    TargetList list;
-    if (!profile->notCarriedOver.isEmpty())
-        list.notes.append(notCarriedOverNote(*profile));
-    for (const OvpnProfile::Remote &remote : remotesFor(profile->remotes, options.transport())) {
-        Target target;
+    const std::optional<Transport> wanted = options.transport();
+    const bool isThere =
+        std::any_of(profile.remotes.begin(), profile.remotes.end(),
+                    [&](const OvpnProfile::Remote &remote) { return remote.transport == wanted; });
+    Targets targets;
+    for (const OvpnProfile::Remote &remote : profile.remotes) {
+        if (isThere && remote.transport != wanted)
+            continue;
+        Target target{profile.server, Transport::Udp};
         target.server.name = QFileInfo(options.configPath).completeBaseName();
         target.server.host = remote.host;
-        target.server.ca = profile->ca;
-        target.server.cert = profile->cert;
-        target.server.key = profile->key;
-        setPort(target, remote.transport, remote.port);
-        list.targets.append(target);
+        setPort(target, wanted ? *wanted : *remote.transport, remote.port);
+        targets.append(target);
+    }
+    return targets;
+}
+
+TargetList fromProfile(const Options &options)
+{
+    const OvpnProfile profile = readOvpnProfile(options.configPath);
+    TargetList list{targetsFor(profile, options), {}, profile.weaknesses};
+    if (!profile.notCarriedOver.isEmpty()) {
+        list.notes.append(QStringLiteral("Not carried over from the profile: %1.")
+                              .arg(profile.notCarriedOver.join(QLatin1String(", "))));
     }
     return list;
 }
 
-std::optional<TargetList> fromRecord(const Options &options, QString *error)
+TargetList fromRecord(const Options &options)
 {
-    const std::optional<ServerRecord> record = readServerRecord(options.recordPath, error);
-    if (!record)
-        return {};
+    QStringList unknownKeys;
     Target target;
-    target.server = record->server;
-    const Transport standard =
-        target.server.udpPort != 0 || target.server.tcpPort == 0 ? Transport::Udp : Transport::Tcp;
-    target.transport = options.transport().value_or(standard);
+    target.server = readServerRecord(options.recordPath, &unknownKeys);
+    const bool hasUdp = target.server.udpPort != 0 || target.server.tcpPort == 0;
+    target.transport = options.transport().value_or(hasUdp ? Transport::Udp : Transport::Tcp);
     if (target.port() == 0) {
-        *error = QStringLiteral("%1 gives no port for %2: \"%3\" is missing.")
-                     .arg(options.recordPath, transportName(target.transport),
-                          target.transport == Transport::Udp ? QStringLiteral("udpPort")
-                                                             : QStringLiteral("tcpPort"));
-        return {};
+        const QString name = transportName(target.transport);
+        throw wrongUse(QStringLiteral("%1 gives no port for %2: \"%3Port\" is missing.")
+                           .arg(options.recordPath, name, name.toLower()));
     }
-    TargetList list;
-    list.targets.append(target);
-    if (!record->unknownKeys.isEmpty()) {
+    TargetList list{{target}, {}, {}};
+    if (!unknownKeys.isEmpty()) {
         list.notes.append(QStringLiteral("Keys of the record that mean nothing here: %1.")
-                              .arg(record->unknownKeys.join(QStringLiteral(", "))));
+                              .arg(unknownKeys.join(QLatin1String(", "))));
     }
     return list;
 }
 
-std::optional<TargetList> fromHost(const Options &options, QString *error)
+TargetList fromHost(const Options &options)
 {
     Target target;
-    target.server.name = options.host;
-    target.server.host = options.host;
-    const auto read = [&](PemKind kind, const QString &path, QString *text) {
-        if (path.isEmpty())
-            return true;
-        const std::optional<QString> pem = pemFromFile(kind, path, QDir::current(), error);
-        *text = pem.value_or(QString());
-        return pem.has_value();
-    };
-    if (!read(PemKind::Authority, options.caPath, &target.server.ca)
-        || !read(PemKind::Certificate, options.certPath, &target.server.cert)
-        || !read(PemKind::Key, options.keyPath, &target.server.key)) {
-        return {};
+    target.server.name = target.server.host = options.host;
+    const QString paths[] = {options.caPath, options.certPath, options.keyPath};
+    for (int index = 0; index < 3; ++index) {
+        const PemSetting &setting = kPemSettings[index];
+        target.server.*setting.field = pemFromFile(setting, paths[index], QDir::current());
     }
     setPort(target, options.transport().value_or(Transport::Udp), options.port);
-    TargetList list;
-    list.targets.append(target);
-    return list;
+    return {{target}, {}, {}};
 }
 
 /// The daemon's configuration always has all three, and openvpn does not start with an empty one.
-void noteMissingPem(TargetList &list)
+void checkPem(const Server &server, const QString &path)
 {
-    const VpnServerInformation &server = list.targets.constFirst().server;
     QStringList missing;
-    if (server.ca.isEmpty())
-        missing.append(QStringLiteral("ca"));
-    if (server.cert.isEmpty())
-        missing.append(QStringLiteral("cert"));
-    if (server.key.isEmpty())
-        missing.append(QStringLiteral("key"));
+    for (const PemSetting &setting : kPemSettings) {
+        if ((server.*setting.field).isEmpty())
+            missing.append(QLatin1String(setting.name));
+    }
     if (!missing.isEmpty()) {
-        list.notes.append(QStringLiteral("openvpn will most likely refuse to start without: %1.")
-                              .arg(missing.join(QStringLiteral(", "))));
+        throw wrongUse(QStringLiteral("%1 lacks: %2.").arg(path, missing.join(QLatin1String(", "))),
+                       QStringLiteral("openvpn needs ca, cert and key, as PEM."));
     }
 }
 
 } // namespace
 
-std::optional<TargetList> readTargets(const Options &options, QString *error)
+TargetList readTargets(const Options &options)
 {
-    std::optional<TargetList> list;
-    if (!options.configPath.isEmpty())
-        list = fromProfile(options, error);
-    else if (!options.recordPath.isEmpty())
-        list = fromRecord(options, error);
-    else
-        list = fromHost(options, error);
-    if (list)
-        noteMissingPem(*list);
+    if (!options.host.isEmpty())
+        return fromHost(options);
+    const bool isProfile = !options.configPath.isEmpty();
+    TargetList list = isProfile ? fromProfile(options) : fromRecord(options);
+    checkPem(list.targets.constFirst().server, isProfile ? options.configPath : options.recordPath);
     return list;
+}
+
+VpnServerInformation readServerRecord(const QString &path, QStringList *unknownKeys)
+{
+    QJsonParseError error;
+    const QString text = readTextFile(path, QStringLiteral("record"));
+    const QJsonDocument document = QJsonDocument::fromJson(text.toUtf8(), &error);
+    if (error.error != QJsonParseError::NoError) {
+        throw wrongUse(QStringLiteral("%1 is not valid JSON: %2 (at byte %3).")
+                           .arg(path, error.errorString())
+                           .arg(error.offset));
+    }
+    if (!document.isObject())
+        throw wrongUse(QStringLiteral("%1 must hold one JSON object.").arg(path));
+    QJsonObject object = document.object();
+    const auto check = [&path](bool isGood, const char *key, const QString &complaint) {
+        if (!isGood)
+            throw wrongUse(
+                QStringLiteral("%1: \"%2\" %3.").arg(path, QLatin1String(key), complaint));
+    };
+
+    Server server;
+    for (const TextField &field : kTextFields) {
+        const QJsonValue value = object.take(QLatin1String(field.key));
+        check(value.isUndefined() || value.isString(), field.key, QStringLiteral("must be a text"));
+        server.*field.field = value.toString();
+    }
+    check(isHost(server.host), "host",
+          server.host.isEmpty() ? QStringLiteral("is missing")
+                                : QStringLiteral("is no host name or address"));
+    for (const NumberField &field : kNumberFields) {
+        const QJsonValue value = object.take(QLatin1String(field.key));
+        if (value.isUndefined())
+            continue;
+        // Written so that numbers with a fraction, and no numbers, are wrong.
+        const double number = value.toDouble(0.5);
+        check(number >= field.lowest && number <= field.highest
+                  && number == static_cast<qint32>(number),
+              field.key,
+              QStringLiteral("must be a whole number from %1 to %2")
+                  .arg(field.lowest)
+                  .arg(field.highest));
+        server.*field.field = static_cast<qint32>(number);
+    }
+    for (const PemSetting &setting : kPemSettings) {
+        QString &field = server.*setting.field;
+        if (field.contains(QLatin1String("-----BEGIN")))
+            field =
+                pemFromText(setting, field,
+                            QStringLiteral("\"%1\" in %2").arg(QLatin1String(setting.name), path));
+        else if (!field.isEmpty())
+            field = pemFromFile(setting, field, QFileInfo(path).absoluteDir());
+    }
+    if (unknownKeys)
+        *unknownKeys = object.keys();
+    return server;
 }
 
 } // namespace vpnctl

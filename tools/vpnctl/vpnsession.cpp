@@ -133,24 +133,22 @@ Problem endpointProblem(int endpoint)
 
 } // namespace
 
-std::optional<Problem> VpnSession::lengthProblem(const QString &message,
-                                                 const VpnServerInformation &server)
+void VpnSession::checkLength(const QString &message, const VpnServerInformation &server)
 {
     const qint64 length = frameLength(message, server);
-    if (length <= guard::kMaxFrameBytes)
-        return {};
-    return Problem{ExitCode::WrongUse,
-                   QStringLiteral("The command with its record takes %1 bytes, and the daemon "
-                                  "accepts %2 at most.")
-                       .arg(length)
-                       .arg(guard::kMaxFrameBytes),
-                   QStringLiteral("Every character takes two. Leave out the certificates that the "
-                                  "server does not need.")};
+    if (length > guard::kMaxFrameBytes) {
+        throw wrongUse(QStringLiteral("The command with its record takes %1 bytes, and the daemon "
+                                      "accepts %2 at most.")
+                           .arg(length)
+                           .arg(guard::kMaxFrameBytes),
+                       QStringLiteral("Every character takes two. Leave out the certificates that "
+                                      "the server does not need."));
+    }
 }
 
-std::optional<Problem> VpnSession::lengthProblem(const Target &target)
+void VpnSession::checkLength(const Target &target)
 {
-    return lengthProblem(connectCommand(target.transport), target.server);
+    checkLength(connectCommand(target.transport), target.server);
 }
 
 VpnSession::VpnSession(const SessionLimits &limits, QObject *parent)

@@ -30,12 +30,11 @@ class VpnSession : public QObject
 
 public:
     /// The daemon closes the connection at a longer frame than it allows, so check before sending.
-    /// @return what is wrong with the command @p message with the record @p server, if anything.
-    static std::optional<Problem> lengthProblem(const QString &message,
-                                                const VpnServerInformation &server);
+    /// @throws Problem when the command @p message with the record @p server is too long.
+    static void checkLength(const QString &message, const VpnServerInformation &server);
 
-    /// As above, of the command that startTunnel() sends.
-    static std::optional<Problem> lengthProblem(const Target &target);
+    /// As above, for the command that startTunnel() sends.
+    static void checkLength(const Target &target);
 
     explicit VpnSession(const SessionLimits &limits, QObject *parent = nullptr);
     ~VpnSession() override;

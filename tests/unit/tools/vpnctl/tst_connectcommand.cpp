@@ -80,13 +80,13 @@ private Q_SLOTS:
     void init()
     {
         lab::resetPrivateRoot();
-        QFile ca(QStringLiteral("/var/root/ca.crt"));
-        QVERIFY(ca.open(QIODevice::WriteOnly));
-        ca.write(pemtexts::certificate().toLatin1());
+        QFile pem(QStringLiteral("/var/root/all.pem"));
+        QVERIFY(pem.open(QIODevice::WriteOnly));
+        pem.write((pemtexts::certificate() + pemtexts::key()).toLatin1());
         m_options = {};
         m_options.command = Options::Command::Connect;
         m_options.host = QStringLiteral("a");
-        m_options.caPath = ca.fileName();
+        m_options.caPath = m_options.certPath = m_options.keyPath = pem.fileName();
     }
 
     void limitsAreThoseOfTheManualPage()

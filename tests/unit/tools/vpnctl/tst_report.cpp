@@ -84,6 +84,7 @@ void printEverything(Report &report)
 {
     report.note(QStringLiteral("note"));
     report.problem({ExitCode::NoDaemon, QStringLiteral("text"), QStringLiteral("advice")});
+    report.weaknesses({{QStringLiteral("auth"), QStringLiteral("text")}});
     report.pong(1ms);
     report.endpoint(1);
     report.connecting(someTarget(), 1, 2);

@@ -1,6 +1,10 @@
 #include "targetreader.h"
 
+#include "ovpnprofile.h"
+#include "ovpntemplate.h"
+#include "pem.h"
 #include "pemtexts.h"
+#include "problem.h"
 
 #include <QtTest/QtTest>
 
@@ -8,120 +12,318 @@ using namespace vpnctl;
 
 namespace {
 
-/// @return "host port transport" of each target, then the notes.
-QStringList linesOf(const TargetList &list)
+/// @return JSON, with quotation marks in place of apostrophes.
+QByteArray json(QByteArray text)
+{
+    return text.replace('\'', '"');
+}
+
+void write(const QString &path, const QByteArray &content)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::WriteOnly) || file.write(content) != content.size())
+        qFatal("cannot write %s", qPrintable(path));
+}
+
+/// @return what becomes of "vpnctl connect ARGUMENTS": a line for each target, then the notes, then
+///         the directives that would have protected; or the problem.
+QStringList linesFor(const QString &arguments)
 {
     QStringList lines;
-    for (const Target &target : list.targets) {
-        lines.append(QStringLiteral("%1 %2 %3")
-                         .arg(target.server.host)
-                         .arg(target.port())
-                         .arg(transportName(target.transport)));
+    try {
+        const QStringList words =
+            (QStringLiteral("vpnctl connect ") + arguments).split(QLatin1Char(' '));
+        const TargetList list = readTargets(std::get<Options>(readCommandLine(words)));
+        for (const Target &target : list.targets) {
+            lines.append(QStringLiteral("%1 %2 %3")
+                             .arg(target.server.host)
+                             .arg(target.port())
+                             .arg(transportName(target.transport)));
+        }
+        lines += list.notes;
+        for (const Weakness &weakness : list.weaknesses) {
+            lines.append(QStringLiteral("weaker: ") + weakness.directive);
+            if (!weakness.text.endsWith(QLatin1Char('.')))
+                lines.append(QStringLiteral("no sentence"));
+        }
+    } catch (const Problem &problem) {
+        lines.append(problem.text);
     }
-    return lines + list.notes;
+    return lines;
 }
+
+const QByteArray kKeys = "\nca c.crt\ncert 'c.crt'\nkey \"k.key\"\n";
+const QByteArray kRecordKeys = ",'ca':'c.crt','cert':'c.crt','key':'k.key'}";
 
 } // namespace
 
-/// Where a connect command goes.
+/// Where a connect command goes, and what is wrong with its files.
 class VpnctlTargetReader : public QObject
 {
     Q_OBJECT
 
 private Q_SLOTS:
-    void optionsAndFileGiveTargetsAndNotes_data()
-    {
-        QTest::addColumn<QString>("option");
-        QTest::addColumn<QByteArray>("content");
-        QTest::addColumn<QStringList>("lines");
-        const auto row = [](const char *name, const char *option, const QByteArray &content,
-                            const char *lines) {
-            QTest::newRow(name) << QString::fromLatin1(option) << content
-                                << QString::fromLatin1(lines).split(QLatin1Char('|'));
-        };
-        const QByteArray keys = "key k.key\ncert c.crt\nca c.crt\n";
-        row("profile", "", "remote a 1 udp\nremote b 2 tcp\n" + keys, "a 1 UDP|b 2 TCP");
-        row("profile, transport that a remote has", "tcp",
-            "remote a 1 udp\nremote b 2 tcp\n" + keys, "b 2 TCP");
-        row("profile, transport that no remote has", "tcp", "remote a 1 udp\nremote b 2\n" + keys,
-            "a 1 TCP|b 2 TCP");
-        row("profile, with notes", "", "remote a\nverb 3\ntls-auth ta.key\nca c.crt\n",
-            "a 1194 UDP|Not carried over from the profile: verb, tls-auth. The server may let "
-            "nobody in without: tls-auth.|openvpn will most likely refuse to start without: cert, "
-            "key.");
-        const QByteArray pem = R"(,"ca":"c.crt","cert":"c.crt","key":"k.key"})";
-        const QByteArray bothPorts = R"({"host":"a","udpPort":1,"tcpPort":2)" + pem;
-        row("record", "", bothPorts, "a 1 UDP");
-        row("record, TCP", "tcp", bothPorts, "a 2 TCP");
-        row("record that has TCP only", "", R"({"host":"a","tcpPort":2)" + pem, "a 2 TCP");
-        row("record, with a note", "", R"({"host":"a","tcpPort":2,"port":3)" + pem,
-            "a 2 TCP|Keys of the record that mean nothing here: port.");
-        row("record without the port", "tcp", R"({"host":"a","udpPort":1)" + pem,
-            "FILE gives no port for TCP: \"tcpPort\" is missing.");
-    }
-
-    void optionsAndFileGiveTargetsAndNotes()
-    {
-        QFETCH(QString, option);
-        QFETCH(QByteArray, content);
-        QFETCH(QStringList, lines);
-        const QString path = write(QStringLiteral("file"), content);
-        Options options;
-        (content.startsWith('{') ? options.recordPath : options.configPath) = path;
-        if (option == QLatin1String("tcp"))
-            options.tcp = true;
-        QString error;
-        const std::optional<TargetList> list = readTargets(options, &error);
-        QCOMPARE(list ? linesOf(*list) : QStringList{error},
-                 lines.replaceInStrings(QStringLiteral("FILE"), path));
-    }
-
-    void hostGoesByUdp1194UnlessToldOtherwise_data()
-    {
-        QTest::addColumn<int>("port");
-        QTest::addColumn<bool>("isTcp");
-        QTest::addColumn<QString>("target");
-        QTest::newRow("nothing") << 1194 << false << QStringLiteral("a 1194 UDP");
-        QTest::newRow("--port") << 53 << false << QStringLiteral("a 53 UDP");
-        QTest::newRow("--tcp --port") << 443 << true << QStringLiteral("a 443 TCP");
-    }
-
-    void hostGoesByUdp1194UnlessToldOtherwise()
-    {
-        QFETCH(int, port);
-        QFETCH(bool, isTcp);
-        QFETCH(QString, target);
-        Options options;
-        options.host = QStringLiteral("a");
-        options.port = port;
-        options.caPath = options.certPath = m_folder.filePath(QStringLiteral("c.crt"));
-        options.keyPath = m_folder.filePath(QStringLiteral("k.key"));
-        if (isTcp)
-            options.tcp = true;
-        QString error;
-        const std::optional<TargetList> list = readTargets(options, &error);
-        QVERIFY2(list, qPrintable(error));
-        QCOMPARE(linesOf(*list), QStringList{target});
-        QCOMPARE(list->targets.constFirst().server.ca, pemtexts::certificate());
-        QCOMPARE(list->targets.constFirst().server.cert, pemtexts::certificate());
-        QCOMPARE(list->targets.constFirst().server.key, pemtexts::key());
-    }
-
     void initTestCase()
     {
+        QVERIFY(QDir::setCurrent(m_folder.path()));
         write(QStringLiteral("c.crt"), pemtexts::certificate().toLatin1());
         write(QStringLiteral("k.key"), pemtexts::key().toLatin1());
     }
 
-private:
-    QString write(const QString &name, const QByteArray &content)
+    void profileGivesTargets_data()
     {
-        QFile file(m_folder.filePath(name));
-        if (!file.open(QIODevice::WriteOnly) || file.write(content) != content.size())
-            qFatal("cannot write %s", qPrintable(file.fileName()));
-        return file.fileName();
+        QTest::addColumn<QByteArray>("content");
+        QTest::addColumn<QByteArray>("arguments");
+        QTest::addColumn<QByteArray>("lines");
+        const auto row = [](const char *content, const char *lines, const char *arguments = "") {
+            QTest::newRow(content)
+                << QByteArray(content) << QByteArray(arguments) << QByteArray(lines);
+        };
+        row("remote vpn.example.net 443 tcp", "vpn.example.net 443 TCP");
+        row("remote a", "a 1194 UDP");
+        row("remote b 1 udp\nremote a 2 tcp\nremote c 3", "b 1 UDP|a 2 TCP|c 3 UDP");
+        row("remote b 1 udp\nremote a 2 tcp", "a 2 TCP", " --tcp");
+        row("remote b 1\nremote a 2 udp", "b 1 TCP|a 2 TCP", " --tcp");
+        row("remote a\nremote b 53 udp\nproto tcp\nrport 443", "a 443 TCP|b 53 UDP");
+        row("<connection>\nremote a\nport 443\nproto tcp\n</connection>\n"
+            "<connection>\nremote b\n</connection>",
+            "a 443 TCP|b 1194 UDP");
+        row("# remote x\n;remote y\n  --remote \"a\" '443' tcp # old", "a 443 TCP");
+        row("client\r\nremote a 443 tcp-client\r\n", "a 443 TCP");
+        row("remote a 1 tcp6\nremote b 2 udp4", "a 1 TCP|b 2 UDP");
+
+        row("remote a\nverb 3\nroute 10.0.0.0\nmute 4\nroute 10.1.0.0\nkeepalive 1 2",
+            "a 1194 UDP|Not carried over from the profile: route, keepalive.");
+        row("remote a\ndev tun3\nremote-cert-tls server\ncipher AES-256-CBC\nreneg-sec 0",
+            "a 1194 UDP");
+        row("remote a\ndev tap\nremote-cert-tls client\ncipher AES-128-CBC\nreneg-sec 9",
+            "a 1194 UDP|weaker: dev|weaker: remote-cert-tls|weaker: cipher|weaker: reneg-sec");
+        row("remote a\nverify-x509-name b name\ntls-version-min 1.2\ntls-auth ta.key 1\nauth "
+            "SHA256",
+            "a 1194 UDP|weaker: verify-x509-name|weaker: tls-version-min|weaker: tls-auth|weaker: "
+            "auth");
+        row("remote a\nredirect-gateway def1\nauth-user-pass\nredirect-gateway",
+            "a 1194 UDP|weaker: redirect-gateway|weaker: auth-user-pass");
+        row("remote a\n<tls-crypt>\nremote z\n</tls-crypt>", "a 1194 UDP|weaker: tls-crypt");
+
+        row("client", "o.ovpn names no server: it has no \"remote\" line.");
+        row("remote a 0", "o.ovpn, line 1: \"0\" is no port; ports are 1 to 65535.");
+        row("client\nremote a 65536",
+            "o.ovpn, line 2: \"65536\" is no port; ports are 1 to 65535.");
+        row("port many", "o.ovpn, line 1: \"many\" is no port; ports are 1 to 65535.");
+        row("proto sctp",
+            "o.ovpn, line 1: \"sctp\" is no transport; the daemon knows udp and tcp.");
+        row("remote \"a\\\" b\"", "o.ovpn, line 1: \"a\" b\" is no host name or address.");
+        row("remote", "o.ovpn, line 1: \"\" is no host name or address.");
+        row("remote \"a", "o.ovpn, line 1: a quote does not end.");
+        row("remote a\n<ca>\nx", "o.ovpn, line 2: <ca> does not end with </ca>.");
+        row("<connection>\nremote a", "o.ovpn: <connection> does not end with </connection>.");
+        row("key", "o.ovpn, line 1: \"key\" lacks its file.");
+        row("ca none.crt", "Cannot read the ca file FOLDER/none.crt: No such file or directory.");
+        row("<cert>\nx\n</cert>",
+            "<cert> in o.ovpn holds no certificate in PEM form (\"-----BEGIN ...\").");
     }
 
+    void profileGivesTargets()
+    {
+        QFETCH(QByteArray, content);
+        QFETCH(QByteArray, arguments);
+        QFETCH(QByteArray, lines);
+        write(QStringLiteral("o.ovpn"), content + kKeys);
+        lines.replace("FOLDER", m_folder.path().toLocal8Bit());
+        QCOMPARE(linesFor(QStringLiteral("o.ovpn") + QString::fromLatin1(arguments))
+                     .join(QLatin1Char('|'))
+                     .toUtf8(),
+                 lines);
+    }
+
+    void recordAndHostGiveATarget_data()
+    {
+        QTest::addColumn<QByteArray>("record");
+        QTest::addColumn<QByteArray>("line");
+        const auto row = [](const char *arguments, const QByteArray &record, const char *line) {
+            QTest::addRow("%s %s", arguments, record.left(200).constData())
+                << record << QByteArray(line);
+        };
+        row("--server r.json", "{'host':'a','udpPort':1,'tcpPort':2", "a 1 UDP");
+        row("--server r.json --tcp", "{'host':'a','udpPort':1,'tcpPort':2", "a 2 TCP");
+        row("--server r.json", "{'host':'fe80::1%en0','tcpPort':65535", "fe80::1%en0 65535 TCP");
+        row("--server r.json", "{'host':'a','tcpPort':2,'port':3,'HOST':'b'",
+            "a 2 TCP|Keys of the record that mean nothing here: HOST, port.");
+        row("--server r.json --tcp", "{'host':'a','udpPort':1",
+            "r.json gives no port for TCP: \"tcpPort\" is missing.");
+        row("--server r.json", "{'name':'n'", "r.json: \"host\" is missing.");
+        row("--server r.json", "{'host':'a\\nup x'",
+            "r.json: \"host\" is no host name or address.");
+        row("--server r.json", "{'host':'" + QByteArray(236, 'a') + '"',
+            "r.json: \"host\" is no host name or address.");
+        row("--server r.json", "{'host':'" + QByteArray(235, 'a') + '"',
+            "r.json gives no port for UDP: \"udpPort\" is missing.");
+        row("--server r.json", "{'host':1", "r.json: \"host\" must be a text.");
+        for (const char *port : {"65536", "-1", "44.3", "\"443\""})
+            row("--server r.json", QByteArray("{'host':'a','udpPort':") + port,
+                "r.json: \"udpPort\" must be a whole number from 0 to 65535.");
+        row("--server none.json", {},
+            "Cannot read the record none.json: No such file or directory.");
+        row("--host a --ca c.crt --cert c.crt --key k.key", {}, "a 1194 UDP");
+        row("--host a --ca c.crt --cert c.crt --key k.key --tcp --port 443", {}, "a 443 TCP");
+        row("--host a --ca k.key --cert c.crt --key k.key", {},
+            "FOLDER/k.key holds no certificate in PEM form (\"-----BEGIN ...\").");
+    }
+
+    void recordAndHostGiveATarget()
+    {
+        QFETCH(QByteArray, record);
+        QFETCH(QByteArray, line);
+        write(QStringLiteral("r.json"), json(record + kRecordKeys));
+        line.replace("FOLDER", m_folder.path().toLocal8Bit());
+        const QString arguments = QString::fromLatin1(QTest::currentDataTag())
+                                      .section(QStringLiteral(" {"), 0, 0)
+                                      .trimmed();
+        QCOMPARE(linesFor(arguments).join(QLatin1Char('|')).toUtf8(), line);
+    }
+
+    void fileThatIsWrongAsAWholeIsRefused_data()
+    {
+        QTest::addColumn<QByteArray>("content");
+        QTest::addColumn<QString>("problem");
+        const auto row = [](const char *arguments, const QByteArray &content, const char *problem) {
+            QTest::addRow("%s %d", arguments, content.size())
+                << content << QString::fromLatin1(problem);
+        };
+        row("file", "remote a\ncert c.crt", "file lacks: ca, key.");
+        row("--server file", json("{'host':'a','udpPort':1,'ca':'c.crt'}"),
+            "file lacks: cert, key.");
+        row("--server file", "host: a", "file is not valid JSON: illegal value (at byte 1).");
+        row("--server file", "[]", "file must hold one JSON object.");
+        const QByteArray utf16(QByteArray("\xff\xfer\0e\0m\0o\0t\0e\0", 14));
+        row("file", utf16, "The profile file is not in UTF-8, but probably in UTF-16.");
+        row("--server file", utf16, "The record file is not in UTF-8, but probably in UTF-16.");
+        row("file", QByteArray(1'048'577, '#'),
+            "The profile file is too large; at most 1 MiB is read.");
+        row("file", QByteArray(1'048'576, '#'), "file names no server: it has no \"remote\" line.");
+    }
+
+    void fileThatIsWrongAsAWholeIsRefused()
+    {
+        QFETCH(QByteArray, content);
+        QFETCH(QString, problem);
+        write(QStringLiteral("file"), content);
+        QCOMPARE(
+            linesFor(QString::fromLatin1(QTest::currentDataTag()).section(QLatin1Char(' '), 0, -2)),
+            QStringList{problem});
+    }
+
+    void everyFieldIsRead()
+    {
+        const auto quoted = [](const QString &pem) { return pem.toLatin1().replace("\n", "\\n"); };
+        write(QStringLiteral("r.json"),
+              json("{'name':'Office','id':7,'info':'main','host':'a','udpPort':1,'tcpPort':2,"
+                   "'ca':'"
+                   + quoted(pemtexts::certificate(QStringLiteral("Q0E=")))
+                   + "','cert':'c.crt','key':'" + quoted(pemtexts::key()) + "'}"));
+        const VpnServerInformation record = readServerRecord(QStringLiteral("r.json"));
+        QCOMPARE(record.name + record.info, QStringLiteral("Officemain"));
+        QCOMPARE(record.id, 7);
+        QCOMPARE(record.ca, pemtexts::certificate(QStringLiteral("Q0E=")));
+        QCOMPARE(record.cert, pemtexts::certificate());
+        QCOMPARE(record.key, pemtexts::key());
+
+        write(QStringLiteral("o.ovpn"),
+              "remote a\n<ca>\n" + record.ca.toLatin1() + "</ca>\n<cert>\nBag\n"
+                  + record.cert.toLatin1() + "</cert>\nkey [inline]\n<key>\n"
+                  + record.key.toLatin1() + "</key>\n");
+        const OvpnProfile profile = readOvpnProfile(QStringLiteral("o.ovpn"));
+        QCOMPARE(profile.server.ca, record.ca);
+        QCOMPARE(profile.server.cert, record.cert);
+        QCOMPARE(profile.server.key, record.key);
+    }
+
+    void pathsAreRelativeToTheFile()
+    {
+        QVERIFY(QDir::current().mkpath(QStringLiteral("sub")));
+        write(QStringLiteral("sub/our ca.crt"),
+              pemtexts::certificate(QStringLiteral("Q0E=")).toLatin1());
+        write(QStringLiteral("sub/o.ovpn"), "remote a\nca \"our ca.crt\"\n");
+        write(QStringLiteral("sub/r.json"), json("{'host':'a','ca':'our ca.crt'}"));
+        const QString ca = pemtexts::certificate(QStringLiteral("Q0E="));
+        QCOMPARE(readOvpnProfile(QStringLiteral("sub/o.ovpn")).server.ca, ca);
+        QCOMPARE(readServerRecord(QStringLiteral("sub/r.json")).ca, ca);
+    }
+
+    void whatTheDaemonSetsAnywayIsNotReported()
+    {
+        // The daemon's own scripts are no reason to be silent about the profile's.
+        const QString daemonsOwn =
+            vpncore::ovpnTemplate()
+                .arg(QStringLiteral("udp"), QStringLiteral("a"), pemtexts::certificate(),
+                     pemtexts::certificate(), pemtexts::key())
+                .arg(1194)
+                .arg(QStringLiteral("/Resources"));
+        write(QStringLiteral("o.ovpn"), daemonsOwn.toLatin1());
+        QCOMPARE(linesFor(QStringLiteral("o.ovpn")),
+                 (QStringList{QStringLiteral("a 1194 UDP"),
+                              QStringLiteral("Not carried over from the profile: up, down.")}));
+    }
+
+    void pemIsTakenWithoutWhatStandsAround_data()
+    {
+        QTest::addColumn<int>("setting"); // of kPemSettings
+        QTest::addColumn<QString>("text");
+        QTest::addColumn<QString>("taken");
+        const QString certificate = pemtexts::certificate();
+        const QString none =
+            QStringLiteral("some.pem holds no certificate in PEM form (\"-----BEGIN ...\").");
+        const QString damaged =
+            QStringLiteral("some.pem holds a damaged PEM block: it is no base64.");
+        const QString encrypted =
+            QStringLiteral("The key in some.pem is encrypted, and the daemon cannot ask for its "
+                           "pass phrase; store it decrypted.");
+        const auto row = [](const char *name, int setting, const QString &text,
+                            const QString &taken) {
+            QTest::newRow(name) << setting << text << taken;
+        };
+        row("as it is", 0, certificate, certificate);
+        row("with openssl's text around", 0,
+            QStringLiteral("Certificate:\n    up /tmp/x\n%1</ca>\nup /tmp/x\n").arg(certificate),
+            certificate);
+        row("chain", 0, certificate + certificate, certificate + certificate);
+        row("carriage returns, no end", 0,
+            certificate.trimmed().replace(QLatin1Char('\n'), QStringLiteral("\r\n")), certificate);
+        row("key", 2, pemtexts::block(QStringLiteral("RSA PRIVATE KEY")),
+            pemtexts::block(QStringLiteral("RSA PRIVATE KEY")));
+        row("no block", 0, QStringLiteral("QUJD\n"), none);
+        row("block without end", 0, certificate.left(40), none);
+        row("key as cert", 1, pemtexts::key(), none);
+        row("cert as key", 2, certificate,
+            QStringLiteral("some.pem holds no private key in PEM form (\"-----BEGIN ...\")."));
+        row("encrypted, PKCS 8", 2, pemtexts::block(QStringLiteral("ENCRYPTED PRIVATE KEY")),
+            encrypted);
+        row("encrypted, older form", 2,
+            pemtexts::block(QStringLiteral("RSA PRIVATE KEY"),
+                            QStringLiteral("Proc-Type: 4,ENCRYPTED\nDEK-Info: AES,00\n\nQUJD")),
+            encrypted);
+        for (const char *body :
+             {"QUJD\n</ca>\nup /tmp/script", "QUJD\nup /tmp/script", "QUJD===", "QQ==QUJD",
+              "Comment:mine\n\nQUJD", "QUJ\xc4", "QU\aJD", "QUJD\n-----END PRIVATE KEY-----\nQUJD"})
+            row(body, 0, pemtexts::certificate(QString::fromLatin1(body)), damaged);
+    }
+
+    void pemIsTakenWithoutWhatStandsAround()
+    {
+        QFETCH(int, setting);
+        QFETCH(QString, text);
+        QFETCH(QString, taken);
+        QString result;
+        try {
+            result = pemFromText(kPemSettings[setting], text, QStringLiteral("some.pem"));
+        } catch (const Problem &problem) {
+            result = problem.text;
+        }
+        QCOMPARE(result, taken);
+    }
+
+private:
     QTemporaryDir m_folder;
 };
 
