@@ -36,13 +36,6 @@ void VpnctlProcess::setupChildProcess()
         std::signal(signal, SIG_DFL);
 }
 
-void VpnctlProcess::setVariable(const QString &name, const QString &value)
-{
-    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    environment.insert(name, value);
-    setProcessEnvironment(environment);
-}
-
 void VpnctlProcess::begin(const QString &arguments)
 {
     begin(arguments.split(QLatin1Char(' ')));
@@ -61,6 +54,17 @@ void VpnctlProcess::beginWithin(const QStringList &wrapper, const QString &argum
     m_errors.clear();
     start(wrapper.constFirst(),
           wrapper.mid(1) + QStringList{QStringLiteral(TALVEX_VPNCTL " ") + arguments});
+}
+
+void VpnctlProcess::beginOnTerminal(const QString &shell, const QString &arguments)
+{
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert(QStringLiteral("TERM"), QStringLiteral("xterm"));
+    setProcessEnvironment(environment);
+    m_output.clear();
+    start(QStringLiteral("/usr/bin/script"),
+          {QStringLiteral("--quiet"), QStringLiteral("--log-out"), nullDevice(),
+           QStringLiteral("--command"), shell.arg(QStringLiteral(TALVEX_VPNCTL " ") + arguments)});
 }
 
 int VpnctlProcess::exitCodeWithin(int limitMs)

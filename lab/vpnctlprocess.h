@@ -14,15 +14,16 @@ public:
     /// Ends a process that a failed test leaves behind.
     ~VpnctlProcess() override;
 
-    /// Sets a variable of the environment of what begins next.
-    void setVariable(const QString &name, const QString &value);
-
     /// Starts vpnctl with the arguments, of which none may hold a blank.
     void begin(const QString &arguments);
     void begin(const QStringList &arguments);
 
     /// As begin(), with a command in front that runs the words after it.
     void beginWithin(const QStringList &wrapper, const QString &arguments);
+
+    /// As begin(), on a terminal of its own.
+    /// @param shell a command for sh(1) in which "%1" stands for vpnctl with its arguments.
+    void beginOnTerminal(const QString &shell, const QString &arguments);
 
     /// @return the exit code; -1 when the process crashed or does not end within @p limitMs. The
     ///         event loop turns meanwhile.

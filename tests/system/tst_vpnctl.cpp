@@ -405,11 +405,10 @@ private Q_SLOTS:
             QStringLiteral("Not connected after T s: openvpn reported an error, or was stopped "
                            "by a newer command or a missing heartbeat."));
         QVERIFY(lines[3].startsWith(QStringLiteral("What to do: ")));
-        QCOMPARE(
-            lines.mid(4),
-            (QStringList{QStringLiteral("Key: warning.can_not_open_vpn_check_is_admin_granted"),
-                         QStringLiteral("Taking down what the attempt left running"),
-                         QStringLiteral("Disconnected after T s.")}));
+        QCOMPARE(lines.mid(4),
+                 (QStringList{
+                     QStringLiteral("Key: warning.can_not_open_vpn_check_is_admin_granted"),
+                     QStringLiteral("Disconnecting"), QStringLiteral("Disconnected after T s.")}));
         QCOMPARE(standins::openvpnStarts().size(), 1);
         QCOMPARE(standins::runningOpenvpns(), 0);
     }
@@ -467,20 +466,37 @@ private Q_SLOTS:
         QVERIFY(vpnctl.lines().contains(QStringLiteral("Disconnecting")));
     }
 
+    /// Of a daemon that does not answer, nothing is known but for how long.
     void progressIsOneLineRenewedOnATerminal()
     {
+        ::kill(static_cast<pid_t>(m_daemon->pid()), SIGSTOP);
         VpnctlProcess vpnctl;
-        vpnctl.setVariable(QStringLiteral("TERM"), QStringLiteral("xterm"));
-        vpnctl.beginWithin({QStringLiteral("/usr/bin/script"), QStringLiteral("--quiet"),
-                            QStringLiteral("--log-out"), QStringLiteral("/dev/null"),
-                            QStringLiteral("--command")},
-                           connectTo(QStringLiteral("silent")));
-        const auto hasLine = [&vpnctl](const char *text) {
-            const QRegularExpression line(QStringLiteral("\r\x1b\\[K   ") + QLatin1String(text));
-            return line.match(QString::fromUtf8(vpnctl.output())).hasMatch();
-        };
-        QTRY_VERIFY(hasLine("0\\.[1-9] s of 16 s: openvpn is starting"));
-        QTRY_VERIFY(hasLine("[1-4]\\.[0-9] s of 16 s: openvpn is calling the server"));
+        vpnctl.beginOnTerminal(QStringLiteral("%1"), connectTo(QStringLiteral("silent")));
+        const QString eraseLine = QStringLiteral("\r\x1b[K");
+        QTRY_VERIFY(QString::fromUtf8(vpnctl.output()).count(eraseLine) > 12);
+        const QStringList lines = QString::fromUtf8(vpnctl.output()).split(eraseLine);
+        const QRegularExpression line(
+            QStringLiteral("\\AWaiting for the daemon: [0-9]\\.[0-9] s\\z"));
+        for (const QString &text : lines.mid(1, 10))
+            QVERIFY2(line.match(text).hasMatch(), qPrintable(text));
+    }
+
+    void ctrlCIsForTheForeground_data()
+    {
+        QTest::addColumn<QString>("shell");
+        QTest::addColumn<QString>("line");
+        QTest::newRow("foreground")
+            << QStringLiteral("%1") << QStringLiteral("The tunnel is up. Ctrl-C takes it down.");
+        QTest::newRow("background") << QStringLiteral("bash -mc '%1 & wait'") << kUp;
+    }
+
+    void ctrlCIsForTheForeground()
+    {
+        QFETCH(QString, shell);
+        QFETCH(QString, line);
+        VpnctlProcess vpnctl;
+        vpnctl.beginOnTerminal(shell, connectTo(QStringLiteral("connects")));
+        QTRY_VERIFY(vpnctl.output().contains(line.toLatin1() + "\r\n"));
     }
 
     // Holding
@@ -498,9 +514,10 @@ private Q_SLOTS:
                                      QStringLiteral("Disconnecting"),
                                      QStringLiteral("Disconnected after T s.")};
         QTest::newRow("JSON") << QStringLiteral(
-            " --json") << QStringList{QStringLiteral("endpoint"),      QStringLiteral("connecting"),
-                                      QStringLiteral("answer"),        QStringLiteral("up"),
-                                      QStringLiteral("disconnecting"), QStringLiteral("answer")};
+            " --json") << QStringList{QStringLiteral("endpoint"), QStringLiteral("connecting"),
+                                      QStringLiteral("answer"),   QStringLiteral("note"),
+                                      QStringLiteral("up"),       QStringLiteral("disconnecting"),
+                                      QStringLiteral("answer")};
     }
 
     void connectTellsWhatHappensStepByStep()
@@ -577,6 +594,11 @@ private Q_SLOTS:
             8'000));
         QCOMPARE(vpnctl.exitCode(), kInterrupted);
         QVERIFY(sinceFirst.elapsed() >= 1'000);
+        const QStringList errors = vpnctl.errorLines();
+        QVERIFY(errors.filter(QStringLiteral("It may still be up")).size() == 1);
+        QCOMPARE(errors.constLast(),
+                 QStringLiteral("What to do: \"vpnctl disconnect --endpoint 1\" takes the tunnel "
+                                "down."));
         QCOMPARE(standins::runningOpenvpns(), 1);
     }
 

@@ -28,8 +28,12 @@ Command::Command(const Options &options, Report &report)
 {
     m_answerLimit.setSingleShot(true);
     connect(&m_answerLimit, &QTimer::timeout, this, &Command::giveUpWaiting);
-    connect(&m_progress, &QTimer::timeout, this, &Command::reportProgress);
     connect(&m_session, &VpnSession::failed, this, &Command::finishWith);
+    for (const auto signal : {&VpnSession::reached, &VpnSession::opened})
+        connect(&m_session, signal, this, &Command::answerArrived);
+    connect(&m_progress, &QTimer::timeout, this,
+            [this] { m_report.waiting(std::chrono::milliseconds(m_sinceRequest.elapsed())); });
+    reportWaiting();
 }
 
 Command::~Command() = default;
@@ -44,30 +48,23 @@ void Command::hangUp()
     stop();
 }
 
-void Command::awaitAnswer(std::chrono::seconds longest)
+void Command::reportWaiting()
 {
-    m_longest = longest;
-    m_sinceCommand.start();
-    m_answerLimit.start(m_options.answerLimit);
+    m_sinceRequest.start();
     m_progress.start(m_report.isLive() ? std::chrono::milliseconds(kLivePeriod) : kLinePeriod);
+}
+
+void Command::awaitAnswer()
+{
+    m_answerLimit.start(m_options.answerLimit);
+    reportWaiting();
 }
 
 std::chrono::milliseconds Command::answerArrived()
 {
     m_answerLimit.stop();
     m_progress.stop();
-    return std::chrono::milliseconds(m_sinceCommand.isValid() ? m_sinceCommand.elapsed() : 0);
-}
-
-QString Command::activity(std::chrono::milliseconds) const
-{
-    return QStringLiteral("waiting for the daemon's answer");
-}
-
-void Command::reportProgress()
-{
-    const std::chrono::milliseconds elapsed(m_sinceCommand.elapsed());
-    m_report.waiting(activity(elapsed), elapsed, m_longest);
+    return std::chrono::milliseconds(m_sinceRequest.elapsed());
 }
 
 void Command::giveUpWaiting()
@@ -84,8 +81,7 @@ void Command::finish(ExitCode exitCode)
     if (m_isFinished)
         return;
     m_isFinished = true;
-    m_answerLimit.stop();
-    m_progress.stop();
+    answerArrived();
     Q_EMIT finished(exitCode);
 }
 

@@ -23,6 +23,7 @@ public:
     /// @param report must outlive the command.
     static std::unique_ptr<Command> create(const Options &options, Report &report);
 
+    Command(const Options &options, Report &report);
     ~Command() override;
 
     /// Begins; call once. finished() may come from within.
@@ -43,22 +44,15 @@ Q_SIGNALS:
     void finished(vpnctl::ExitCode exitCode);
 
 protected:
-    Command(const Options &options, Report &report);
-
     const Options &options() const { return m_options; }
     Report &report() { return m_report; }
     VpnSession &session() { return m_session; }
 
-    /// Counts the time from here to the answer, reports the progress, and gives up after
-    /// Options::answerLimit.
-    /// @param longest how long the daemon takes at most; 0 when that cannot be told.
-    void awaitAnswer(std::chrono::seconds longest);
+    /// Counts the time from here to the answer, and gives up after Options::answerLimit.
+    void awaitAnswer();
 
     /// @return how long the answer took; it is no longer waited for.
     std::chrono::milliseconds answerArrived();
-
-    /// @return what is happening while an answer is awaited, without a full stop.
-    virtual QString activity(std::chrono::milliseconds elapsed) const;
 
     /// The awaited answer has not come within Options::answerLimit. Unless a command knows better,
     /// it ends with that.
@@ -68,15 +62,14 @@ protected:
     void finishWith(const Problem &problem);
 
 private:
-    void reportProgress();
+    void reportWaiting();
 
     Options m_options;
     Report &m_report;
     VpnSession m_session;
     QTimer m_progress;
     QTimer m_answerLimit;
-    QElapsedTimer m_sinceCommand;
-    std::chrono::seconds m_longest{0};
+    QElapsedTimer m_sinceRequest;
     bool m_isFinished = false;
 };
 

@@ -2,21 +2,26 @@
 
 #include "targetreader.h"
 
+#include <QtCore/QJsonArray>
+
+#include <algorithm>
+
+#include <net/if.h>
+#include <unistd.h>
+
 namespace vpnctl {
 
 namespace {
 
 using namespace std::chrono_literals;
 
-constexpr auto kConnectLimit = 16s; ///< the daemon's own
-
-constexpr auto kStartTime = 1s;
-constexpr auto kSameStopRequest = 1s;
+constexpr std::chrono::milliseconds kSameStopRequest = 1s;
 
 } // namespace
 
 ConnectCommand::ConnectCommand(const Options &options, Report &report)
     : Command(options, report)
+    , m_nextPause(options.limits.firstPause)
 {
     connect(&session(), &VpnSession::endpointCreated, this, [this](int endpoint) {
         m_endpoint = endpoint;
@@ -29,7 +34,15 @@ ConnectCommand::ConnectCommand(const Options &options, Report &report)
         tryNextTarget();
     });
     connect(&session(), &VpnSession::answered, this, &ConnectCommand::handleAnswer);
-    connect(&session(), &VpnSession::lapsed, this, &ConnectCommand::handleLapse);
+    m_look.setInterval(options.limits.lookPeriod);
+    connect(&m_look, &QTimer::timeout, this, &ConnectCommand::lookAtTunnel);
+    m_pause.setSingleShot(true);
+    connect(&m_pause, &QTimer::timeout, this, [this] {
+        m_attempt = 0;
+        tryNextTarget();
+    });
+    for (QTimer *timer : {&m_look, &m_pause})
+        connect(this, &Command::finished, timer, &QTimer::stop);
 }
 
 void ConnectCommand::start()
@@ -38,7 +51,7 @@ void ConnectCommand::start()
     for (const QString &note : list.notes)
         report().note(note);
     if (!list.weaknesses.isEmpty()) {
-        report().weaknesses(list.weaknesses);
+        reportWeaknesses(list.weaknesses);
         if (!options().acceptWeaker) {
             throw wrongUse(QStringLiteral("The profile asks for more than the daemon can do."),
                            QStringLiteral("Add --accept-weaker to connect without it."));
@@ -46,44 +59,46 @@ void ConnectCommand::start()
     }
     m_targets = list.targets;
     for (const Target &target : qAsConst(m_targets))
-        VpnSession::checkLength(target);
+        checkLength(connectMessage(target.transport), target.server);
     session().openNewEndpoint();
+}
+
+void ConnectCommand::reportWeaknesses(const Weaknesses &weaknesses)
+{
+    QJsonArray directives;
+    QStringList lines;
+    for (const Weakness &weakness : weaknesses) {
+        directives.append(QJsonObject{{QStringLiteral("directive"), weakness.directive},
+                                      {QStringLiteral("text"), weakness.text}});
+        lines.append(QStringLiteral("Without %1: %2").arg(weakness.directive, weakness.text));
+    }
+    report().print("weaker", {{QStringLiteral("directives"), directives}},
+                   lines.join(QLatin1Char('\n')), STDERR_FILENO);
 }
 
 void ConnectCommand::stop()
 {
-    if (m_phase == Phase::Closing && !isSameStopRequest())
-        finish(ExitCode::Interrupted);
-    else
-        hangUp();
-}
-
-bool ConnectCommand::isSameStopRequest() const
-{
-    return m_sinceStop.isValid()
-        && !m_sinceStop.hasExpired(std::chrono::milliseconds(kSameStopRequest).count());
+    const bool isSameRequest =
+        m_sinceStop.isValid() && !m_sinceStop.hasExpired(kSameStopRequest.count());
+    if (m_phase != Phase::Closing || !m_exitCode || isSameRequest)
+        return hangUp();
+    finishWith({ExitCode::Interrupted,
+                QStringLiteral("Not waited for: the daemon has not said that the tunnel is down. "
+                               "It may still be up, and the DNS settings may be the tunnel's."),
+                howToTakeDown()});
 }
 
 void ConnectCommand::hangUp()
 {
-    if (m_phase == Phase::Closing)
+    if (m_phase == Phase::Closing && m_exitCode)
         return;
     m_sinceStop.start();
-    if (m_phase == Phase::Opening)
+    if (m_phase == Phase::Opening || m_phase == Phase::Pausing)
         finish(ExitCode::Interrupted);
+    else if (m_phase == Phase::Closing)
+        m_exitCode = ExitCode::Interrupted;
     else
         close(m_phase == Phase::Holding ? ExitCode::Done : ExitCode::Interrupted);
-}
-
-QString ConnectCommand::activity(std::chrono::milliseconds elapsed) const
-{
-    if (m_phase == Phase::Closing)
-        return QStringLiteral("openvpn is stopping and the DNS settings are being restored");
-    if (elapsed < kStartTime)
-        return QStringLiteral("openvpn is starting");
-    if (elapsed < kConnectLimit)
-        return QStringLiteral("openvpn is calling the server");
-    return QStringLiteral("the time is up, the daemon is about to answer");
 }
 
 void ConnectCommand::giveUpWaiting()
@@ -96,104 +111,168 @@ void ConnectCommand::giveUpWaiting()
                  .arg(seconds),
              QStringLiteral("It may be busy with other clients; an attempt alone is given 16 "
                             "seconds, and --timeout waits longer.")});
-        close(ExitCode::NoAnswer);
+        closeAfterFailure(ExitCode::NoAnswer);
         return;
     }
     finishWith({ExitCode::NoAnswer,
                 QStringLiteral("The daemon did not say within %1 seconds that the tunnel is down.")
                     .arg(seconds),
                 QStringLiteral("It has the command and may still carry it out; its log may say "
-                               "more.")});
+                               "more. ")
+                    + howToTakeDown()});
+}
+
+QString ConnectCommand::howToTakeDown() const
+{
+    return QStringLiteral("\"vpnctl disconnect --endpoint %1\" takes the tunnel down.")
+        .arg(m_endpoint);
 }
 
 void ConnectCommand::tryNextTarget()
 {
     m_phase = Phase::Connecting;
     const Target &target = m_targets.at(m_attempt++);
-    report().connecting(target, m_attempt, m_targets.size());
-    session().startTunnel(target);
-    awaitAnswer(kConnectLimit);
+    QString text = QStringLiteral("Connecting to %1, port %2, over %3")
+                       .arg(target.server.host)
+                       .arg(target.port())
+                       .arg(transportName(target.transport));
+    if (m_targets.size() > 1)
+        text += QStringLiteral(" (server %1 of %2)").arg(m_attempt).arg(m_targets.size());
+    report().print("connecting",
+                   {{QStringLiteral("host"), target.server.host},
+                    {QStringLiteral("port"), target.port()},
+                    {QStringLiteral("transport"), transportName(target.transport).toLower()},
+                    {QStringLiteral("attempt"), m_attempt},
+                    {QStringLiteral("attempts"), m_targets.size()}},
+                   text);
+    m_before = tunnelInterfaces();
+    session().send(connectMessage(target.transport), target.server);
+    awaitAnswer();
 }
 
 void ConnectCommand::handleAnswer(const QString &message, const OperationResult &result)
 {
     const bool isConnect = commandOf(message) == QLatin1String("connect");
-    switch (m_phase) {
-    case Phase::Opening:
-        break;
-    case Phase::Connecting:
-        if (!isConnect) {
-            // Somebody else's disconnect. The attempt that it ended has been answered before, as
-            // failed, so the next server is being tried: against the other's wish.
-            report().takenDown(m_endpoint);
+    if (m_phase == Phase::Closing) {
+        if (isConnect) // the attempt that was given up
+            return;
+        report().answer(message, result, answerArrived());
+        if (m_exitCode)
+            finish(result.success ? *m_exitCode : ExitCode::Failed);
+        else
+            connectLater();
+    } else if (!isConnect) {
+        report().print("takenDown", {{QStringLiteral("endpoint"), m_endpoint}},
+                       QStringLiteral("Another client of endpoint %1 has taken the tunnel down.")
+                           .arg(m_endpoint));
+        // The attempt that it ended has been answered before, as failed, so the next server is
+        // being tried: against the other's wish.
+        if (m_phase == Phase::Connecting)
             close(ExitCode::Failed);
-            break;
-        }
+        else
+            finish(ExitCode::Done);
+    } else if (m_phase == Phase::Connecting) {
         report().answer(message, result, answerArrived());
         if (result.success)
             handleConnected();
         else if (m_attempt < m_targets.size())
             tryNextTarget();
         else
+            closeAfterFailure(ExitCode::Failed);
+    } else {
+        // Somebody else connects this endpoint anew, for which the daemon takes the tunnel down.
+        report().answer(message, result, std::nullopt);
+        if (!result.success)
             close(ExitCode::Failed);
-        break;
-    case Phase::Holding:
-        handleAnswerWhileHolding(message, result);
-        break;
-    case Phase::Closing:
-        if (isConnect) // the attempt that was given up
-            break;
-        report().answer(message, result, answerArrived());
-        finish(result.success ? m_exitCode : ExitCode::Failed);
-        break;
     }
 }
 
 void ConnectCommand::handleConnected()
 {
     if (options().detach) {
-        report().detached(m_endpoint);
-        finish(ExitCode::Done);
-        return;
+        report().print("detached", {{QStringLiteral("endpoint"), m_endpoint}},
+                       QStringLiteral("The tunnel is up and stays up. To take it down: "
+                                      "vpnctl disconnect --endpoint %1")
+                           .arg(m_endpoint));
+        return finish(ExitCode::Done);
     }
     m_phase = Phase::Holding;
-    report().holding(m_endpoint);
-}
-
-void ConnectCommand::handleAnswerWhileHolding(const QString &message, const OperationResult &result)
-{
-    const bool isConnect = commandOf(message) == QLatin1String("connect");
-    if (!isConnect) {
-        report().takenDown(m_endpoint);
-        finish(ExitCode::Done);
-        return;
+    QVector<TunnelInterface> appeared = tunnelInterfaces();
+    for (const TunnelInterface &old : qAsConst(m_before)) {
+        const auto isOld = [&old](const auto &tunnel) { return tunnel.index == old.index; };
+        appeared.erase(std::remove_if(appeared.begin(), appeared.end(), isOld), appeared.end());
     }
-    // Somebody else connects this endpoint anew, for which the daemon takes the tunnel down first.
-    report().answer(message, result, std::nullopt);
-    if (!result.success)
-        close(ExitCode::Failed);
+    m_tunnel = appeared.size() == 1 ? appeared.constFirst() : TunnelInterface();
+    QString text = QStringLiteral("The tunnel is up");
+    if (appeared.size() == 1) {
+        text += QStringLiteral(" on %1").arg(m_tunnel.name);
+    } else {
+        report().note(QStringLiteral("The tunnel is not watched: %1 network interfaces came up "
+                                     "with it, and one would be its own.")
+                          .arg(appeared.size()));
+    }
+    text += QLatin1Char('.');
+    // In a background job, Ctrl-C goes elsewhere.
+    if (::tcgetpgrp(STDOUT_FILENO) == ::getpgrp())
+        text += QStringLiteral(" Ctrl-C takes it down.");
+    report().print(
+        "up",
+        {{QStringLiteral("endpoint"), m_endpoint}, {QStringLiteral("interface"), m_tunnel.name}},
+        text);
+    m_sinceUp.start();
+    m_sinceLook.start();
+    m_look.start();
 }
 
-void ConnectCommand::handleLapse(std::chrono::milliseconds silence)
+void ConnectCommand::lookAtTunnel()
 {
-    if (m_phase == Phase::Closing)
-        return;
-    report().lapsed(m_endpoint, silence);
-    // Somebody else's heartbeats may have kept the tunnel; what was reported is to be true then
-    // too.
-    close(ExitCode::Failed);
+    // The clock is that of the daemon's timer: it stands still for both while the machine sleeps.
+    const std::chrono::milliseconds silence(m_sinceLook.restart());
+    if (silence > options().limits.silence) {
+        lose(QStringLiteral("vpnctl was stopped for %1 s, and the daemon takes a tunnel down when "
+                            "it hears nothing for 30 s.")
+                 .arg(silence / 1s));
+    } else if (!m_tunnel.name.isEmpty()
+               && ::if_nametoindex(m_tunnel.name.toLocal8Bit()) != m_tunnel.index) {
+        lose(QStringLiteral("its interface %1 is not there any more.").arg(m_tunnel.name));
+    }
 }
 
-void ConnectCommand::close(ExitCode exitCode)
+void ConnectCommand::lose(const QString &reason)
+{
+    report().print(
+        "gone", {{QStringLiteral("endpoint"), m_endpoint}, {QStringLiteral("text"), reason}},
+        QStringLiteral("The tunnel has gone: %1 Traffic goes out without it.").arg(reason));
+    if (m_sinceUp.hasExpired(options().limits.longestPause.count()))
+        m_nextPause = options().limits.firstPause;
+    closeAfterFailure(ExitCode::Failed);
+}
+
+void ConnectCommand::closeAfterFailure(ExitCode exitCode)
+{
+    if (m_sinceUp.isValid() && !options().once)
+        close({});
+    else
+        close(exitCode);
+}
+
+void ConnectCommand::close(std::optional<ExitCode> exitCode)
 {
     m_phase = Phase::Closing;
     m_exitCode = exitCode;
-    if (exitCode == ExitCode::Failed || exitCode == ExitCode::NoAnswer)
-        report().cleaningUp();
-    else
-        report().disconnecting();
-    session().stopTunnel();
-    awaitAnswer(0s);
+    m_look.stop();
+    report().print("disconnecting", {}, QStringLiteral("Disconnecting"));
+    session().send(disconnectMessage());
+    awaitAnswer();
+}
+
+void ConnectCommand::connectLater()
+{
+    m_phase = Phase::Pausing;
+    report().print("retrying", {{QStringLiteral("seconds"), static_cast<int>(m_nextPause / 1s)}},
+                   QStringLiteral("Connecting again in %1 s").arg(m_nextPause / 1s));
+    m_pause.start(m_nextPause);
+    m_nextPause = std::min(2 * m_nextPause, options().limits.longestPause);
 }
 
 } // namespace vpnctl

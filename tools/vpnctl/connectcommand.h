@@ -1,12 +1,15 @@
 #pragma once
 
 #include "command.h"
+#include "observation.h"
 
 #include <QtCore/QElapsedTimer>
+#include <QtCore/QTimer>
 
 namespace vpnctl {
 
-/// Brings a tunnel up, trying one server after the other, and holds it until it is told to stop.
+/// Brings a tunnel up, trying one server after the other, and holds it until it is told to stop. A
+/// tunnel that goes meanwhile is brought up again, unless Options::once says no.
 /// Whatever happens, nothing of it stays behind in the daemon: the tunnel, or what a failed attempt
 /// left running, is taken down before the command finishes. With Options::detach only a success
 /// stays.
@@ -26,28 +29,37 @@ public:
     bool isTiedToInput() const override { return !options().detach; }
 
 protected:
-    QString activity(std::chrono::milliseconds elapsed) const override;
-
     /// Takes an attempt back before the command finishes: the daemon may still bring it up.
     void giveUpWaiting() override;
 
 private:
-    enum class Phase { Opening, Connecting, Holding, Closing };
+    enum class Phase { Opening, Connecting, Holding, Closing, Pausing };
 
+    void reportWeaknesses(const Weaknesses &weaknesses);
     void tryNextTarget();
     void handleAnswer(const QString &message, const OperationResult &result);
     void handleConnected();
-    void handleAnswerWhileHolding(const QString &message, const OperationResult &result);
-    void handleLapse(std::chrono::milliseconds silence);
-    bool isSameStopRequest() const;
-    void close(ExitCode exitCode);
+    void lookAtTunnel();
+    void lose(const QString &reason);
+    void closeAfterFailure(ExitCode exitCode);
+    void close(std::optional<ExitCode> exitCode);
+    void connectLater();
+    QString howToTakeDown() const;
 
     Phase m_phase = Phase::Opening;
     Targets m_targets;
     int m_attempt = 0;
     int m_endpoint = 0;
-    ExitCode m_exitCode = ExitCode::Done; ///< Once the tunnel is down.
+    std::optional<ExitCode> m_exitCode; ///< Once the tunnel is down; without it, connect again.
     QElapsedTimer m_sinceStop;
+
+    QVector<TunnelInterface> m_before; ///< the attempt
+    TunnelInterface m_tunnel; ///< Without a name when it cannot be told which it is.
+    QTimer m_look;
+    QElapsedTimer m_sinceLook;
+    QElapsedTimer m_sinceUp; ///< Valid as soon as the first tunnel was up.
+    QTimer m_pause;
+    std::chrono::milliseconds m_nextPause;
 };
 
 } // namespace vpnctl

@@ -41,7 +41,6 @@ int exitStatus(ExitCode exitCode)
 
 int run(const Options &options, Report &report)
 {
-    StopRequests stopRequests;
     const std::unique_ptr<Command> command = Command::create(options, report);
     // Queued: the command may finish before the event loop runs, or while it is being called.
     QObject::connect(
@@ -50,10 +49,9 @@ int run(const Options &options, Report &report)
         Qt::QueuedConnection);
     QObject::connect(&report, &Report::outputClosed, command.get(), &Command::hangUp,
                      Qt::QueuedConnection);
-    QObject::connect(&stopRequests, &StopRequests::signalled, command.get(), &Command::stop);
-    QObject::connect(&stopRequests, &StopRequests::inputEnded, command.get(), &Command::hangUp);
+    onStopSignal(command.get(), [&command] { command->stop(); });
     if (command->isTiedToInput())
-        stopRequests.watchStandardInput();
+        onInputEnd(command.get(), [&command] { command->hangUp(); });
     command->start();
     return QCoreApplication::exec();
 }

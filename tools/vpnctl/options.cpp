@@ -41,6 +41,17 @@ constexpr CommandRow kCommands[] = {
     {Command::Disconnect, "disconnect",
      "Take the tunnel of an endpoint down. A vpnctl that holds it ends, too.",
      "  vpnctl disconnect --endpoint 1"},
+    {Command::Status, "status",
+     "Print what can be seen from outside. That is no word of the daemon's, but what the system "
+     "shows: tunnel interfaces, DNS servers in use, backups of DNS settings, and the endpoints "
+     "that have a socket; and whether the daemon answers.",
+     "  vpnctl status\n"
+     "  vpnctl status --json"},
+    {Command::Report, "report",
+     "Make a folder with what a maintainer asks for. Each file is named before it is written. Keys "
+     "and addresses are left out of the log. With sudo there is more in it.",
+     "  sudo vpnctl report\n"
+     "  vpnctl report /tmp/report"},
     {Command::Ping, "ping",
      "Ask whether the daemon is there. The answer tells how long it took; no endpoint is made.",
      "  vpnctl ping\n"
@@ -65,6 +76,7 @@ constexpr unsigned kNone = 0;
 constexpr unsigned kEvery = ~0U; ///< and without a command
 constexpr unsigned kConnect = only(Command::Connect);
 constexpr unsigned kDisconnect = only(Command::Disconnect);
+constexpr unsigned kReport = only(Command::Report);
 constexpr unsigned kWatch = only(Command::Watch);
 constexpr unsigned kRaw = only(Command::Raw);
 
@@ -107,10 +119,14 @@ constexpr OptionRow kOptions[] = {
      "Connect although the daemon does not protect the connection as the profile asks."},
     {"--detach", "", kConnect, kNone, &Options::detach,
      "Leave the tunnel up, without a heartbeat, and exit. \"vpnctl disconnect\" takes it down."},
+    {"--once", "", kConnect, kNone, &Options::once,
+     "Exit when the tunnel goes. Otherwise it is brought up again, after growing pauses."},
     {"--endpoint", kEndpoint, kDisconnect | kWatch | kRaw, kDisconnect | kWatch, &Options::endpoint,
      "The number that \"vpnctl connect\" printed.", 1, std::numeric_limits<int>::max()},
     {"--timeout", "SECONDS", kConnect | kDisconnect | kRaw, kNone, &Options::answerLimit,
      "Wait so long for the answer to a command, up to 3600; 120 if not given.", 1, 3600},
+    {"FOLDER", kFile, kReport, kNone, &Options::folder,
+     "The folder to make; vpnctl-report if not given."},
     {"TEXT", "", kRaw, kRaw, &Options::message, "The JSON text to send."},
 };
 

@@ -14,7 +14,7 @@ namespace vpnctl {
 /// What the command line asks for.
 struct Options
 {
-    enum class Command { Connect, Disconnect, Ping, Watch, Raw };
+    enum class Command { Connect, Disconnect, Status, Report, Ping, Watch, Raw };
 
     Command command = Command::Ping;
     bool json = false;
@@ -34,7 +34,9 @@ struct Options
     bool tcp = false;
     bool acceptWeaker = false;
     bool detach = false;
+    bool once = false; ///< Or else a tunnel that goes is brought up again.
     int endpoint = 0; ///< 0 when not given.
+    QString folder = QStringLiteral("vpnctl-report"); ///< For report.
     QString message; ///< For raw: what to send.
     std::chrono::seconds answerLimit{120};
     SessionLimits limits; ///< Not for the command line.

@@ -4,7 +4,7 @@
 
 namespace vpnctl {
 
-/// How long the conversation with the daemon waits for what. Tests pass shorter times.
+/// How long is waited for what. Tests pass shorter times.
 struct SessionLimits
 {
     /// For everything that the daemon does at once, unless it is restoring the DNS settings: for up
@@ -13,8 +13,16 @@ struct SessionLimits
 
     std::chrono::milliseconds heartbeatPeriod = std::chrono::seconds(10);
 
-    /// Between two heartbeats. The daemon's limit is 30 s; what is sent just before may come after.
+    /// Of a vpnctl that was stopped. The daemon's limit is 30 s; what is sent just before may come
+    /// after.
     std::chrono::milliseconds silence = std::chrono::seconds(29);
+
+    /// After which it is looked again whether the tunnel is there.
+    std::chrono::milliseconds lookPeriod = std::chrono::seconds(1);
+
+    /// Before a tunnel that has gone is brought up again; each time twice as long as before.
+    std::chrono::milliseconds firstPause = std::chrono::seconds(1);
+    std::chrono::milliseconds longestPause = std::chrono::seconds(60);
 };
 
 } // namespace vpnctl

@@ -1,12 +1,14 @@
 #include "smallcommands.h"
 
+#include "observation.h"
+#include "reportfolder.h"
 #include "targetreader.h"
+
+#include <cmath>
 
 namespace vpnctl {
 
 namespace {
-
-using namespace std::chrono_literals;
 
 /// Asks the daemon for its main interface, and for nothing more: an endpoint would stay behind.
 class PingCommand : public Command
@@ -16,7 +18,11 @@ public:
         : Command(options, report)
     {
         connect(&session(), &VpnSession::reached, this, [this] {
-            this->report().pong(std::chrono::nanoseconds(m_roundTrip.nsecsElapsed()));
+            const auto microseconds = static_cast<double>(m_roundTrip.nsecsElapsed()) / 1e3;
+            const double milliseconds = std::round(microseconds) / 1e3;
+            this->report().print("pong", {{QStringLiteral("milliseconds"), milliseconds}},
+                                 QStringLiteral("The daemon is there and answered after %1 ms.")
+                                     .arg(milliseconds, 0, 'f', 1));
             finish(ExitCode::Done);
         });
     }
@@ -31,6 +37,32 @@ private:
     QElapsedTimer m_roundTrip;
 };
 
+/// Prints what can be seen from outside, and then whether the daemon is there.
+class StatusCommand : public PingCommand
+{
+    using PingCommand::PingCommand;
+
+    void start() override
+    {
+        const QJsonObject seen = observation();
+        report().print("observation", seen, textOf(seen));
+        PingCommand::start();
+    }
+};
+
+/// Makes a folder for a maintainer, with a daemon or without.
+class ReportCommand : public Command
+{
+public:
+    using Command::Command;
+
+    void start() override
+    {
+        makeReportFolder(options().folder, report());
+        finish(ExitCode::Done);
+    }
+};
+
 /// Prints the answers of an endpoint until it is told to stop.
 class WatchCommand : public Command
 {
@@ -38,8 +70,11 @@ public:
     WatchCommand(const Options &options, Report &report)
         : Command(options, report)
     {
-        connect(&session(), &VpnSession::opened, this,
-                [this] { this->report().watching(this->options().endpoint); });
+        const int endpoint = options.endpoint;
+        connect(&session(), &VpnSession::opened, this, [this, endpoint] {
+            this->report().print("watching", {{QStringLiteral("endpoint"), endpoint}},
+                                 QStringLiteral("Watching endpoint %1").arg(endpoint));
+        });
         connect(&session(), &VpnSession::answered, this,
                 [this](const QString &message, const OperationResult &result) {
                     this->report().answer(message, result, std::nullopt);
@@ -52,73 +87,46 @@ public:
     void stop() override { finish(ExitCode::Done); }
 };
 
-/// Sends one command and prints its answer.
+/// Sends one command and prints its answer: a disconnect, or for raw any text.
 class SendCommand : public Command
 {
 public:
     SendCommand(const Options &options, Report &report)
         : Command(options, report)
+        , m_isDisconnect(options.command == Options::Command::Disconnect)
+        , m_message(m_isDisconnect ? disconnectMessage() : options.message)
     {
         connect(&session(), &VpnSession::endpointCreated, &report, &Report::endpoint);
         connect(&session(), &VpnSession::opened, this, [this] {
-            send();
-            awaitAnswer(0s);
+            session().send(m_message, m_server);
+            awaitAnswer();
         });
-        connect(&session(), &VpnSession::answered, this,
-                [this](const QString &message, const OperationResult &result) {
-                    if (!isMine(message))
-                        return;
-                    this->report().answer(message, result, answerArrived());
-                    finish(result.success ? ExitCode::Done : ExitCode::Failed);
-                });
+        connect(&session(), &VpnSession::answered, this, &SendCommand::handleAnswer);
     }
 
     void start() override
     {
+        if (!options().recordPath.isEmpty())
+            m_server = readServerRecord(options().recordPath);
+        checkLength(m_message, m_server);
         if (options().endpoint != 0)
             session().openEndpoint(options().endpoint);
         else
             session().openNewEndpoint();
     }
 
-protected:
-    virtual void send() = 0;
-    virtual bool isMine(const QString &) const { return true; }
-};
-
-class DisconnectCommand : public SendCommand
-{
-    using SendCommand::SendCommand;
-
-    void send() override { session().stopTunnel(); }
-
-    /// An attempt of another client that ends because of this command answers first.
-    bool isMine(const QString &message) const override
+private:
+    void handleAnswer(const QString &message, const OperationResult &result)
     {
-        return commandOf(message) == QLatin1String("disconnect");
+        // An attempt of another client that ends because of a disconnect answers first.
+        if (m_isDisconnect && commandOf(message) != QLatin1String("disconnect"))
+            return;
+        report().answer(message, result, answerArrived());
+        finish(result.success ? ExitCode::Done : ExitCode::Failed);
     }
 
-    QString activity(std::chrono::milliseconds) const override
-    {
-        return QStringLiteral("openvpn is stopping and the DNS settings are being restored");
-    }
-};
-
-/// Sends a text as it stands, right or wrong, and takes the first answer.
-class RawCommand : public SendCommand
-{
-    using SendCommand::SendCommand;
-
-    void start() override
-    {
-        if (!options().recordPath.isEmpty())
-            m_server = readServerRecord(options().recordPath);
-        VpnSession::checkLength(options().message, m_server);
-        SendCommand::start();
-    }
-
-    void send() override { session().send(options().message, m_server); }
-
+    bool m_isDisconnect;
+    QString m_message;
     VpnServerInformation m_server;
 };
 
@@ -127,14 +135,16 @@ class RawCommand : public SendCommand
 std::unique_ptr<Command> createSmallCommand(const Options &options, Report &report)
 {
     switch (options.command) {
-    case Options::Command::Disconnect:
-        return std::make_unique<DisconnectCommand>(options, report);
     case Options::Command::Ping:
         return std::make_unique<PingCommand>(options, report);
+    case Options::Command::Status:
+        return std::make_unique<StatusCommand>(options, report);
+    case Options::Command::Report:
+        return std::make_unique<ReportCommand>(options, report);
     case Options::Command::Watch:
         return std::make_unique<WatchCommand>(options, report);
     default:
-        return std::make_unique<RawCommand>(options, report);
+        return std::make_unique<SendCommand>(options, report);
     }
 }
 

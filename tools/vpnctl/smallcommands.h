@@ -4,7 +4,7 @@
 
 namespace vpnctl {
 
-/// @return the object for disconnect, ping, watch or raw.
+/// @return the object for any command but connect.
 std::unique_ptr<Command> createSmallCommand(const Options &options, Report &report);
 
 } // namespace vpnctl

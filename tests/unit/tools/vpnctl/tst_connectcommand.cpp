@@ -56,7 +56,9 @@ public:
     }
 
     int heartbeats = 0;
+    int failures = 0; ///< So many connects are answered with a failure.
     QStringList commands;
+    QVector<qint64> times; ///< of the commands, in ms
 
     void server_slot(bool) override { ++heartbeats; }
 
@@ -64,8 +66,21 @@ public:
     {
         const bool isConnect = message.contains(QLatin1String("ovpnUdp"));
         commands.append(isConnect ? QStringLiteral("connect") : QStringLiteral("disconnect"));
+        times.append(m_clock.elapsed());
         Q_EMIT vpn_cmd_result(QStringLiteral(R"({"cmd":"%1"})").arg(commands.constLast()),
-                              OperationResult::succeeded());
+                              isConnect && commands.size() > 1 && failures-- > 0
+                                  ? OperationResult::failed(QStringLiteral("no luck"))
+                                  : OperationResult::succeeded());
+    }
+
+private:
+    QElapsedTimer m_clock = startedClock();
+
+    static QElapsedTimer startedClock()
+    {
+        QElapsedTimer clock;
+        clock.start();
+        return clock;
     }
 };
 
@@ -95,6 +110,9 @@ private Q_SLOTS:
         QCOMPARE(m_options.limits.handshake, 15s);
         QCOMPARE(m_options.limits.heartbeatPeriod, 10s);
         QCOMPARE(m_options.limits.silence, 29s);
+        QCOMPARE(m_options.limits.lookPeriod, 1s);
+        QCOMPARE(m_options.limits.firstPause, 1s);
+        QCOMPARE(m_options.limits.longestPause, 60s);
     }
 
     void daemonThatHangsGivesNoAnswer()
@@ -146,35 +164,54 @@ private Q_SLOTS:
         QCOMPARE(endpoint.heartbeats, 0);
     }
 
-    void holderThatWasStoppedTellsWhetherItHasLostItsTunnel_data()
+    void holderThatWasStoppedConnectsAgain_data()
     {
-        QTest::addColumn<int>("limitMs");
-        QTest::addColumn<bool>("isLost");
-        QTest::newRow("too long") << 500 << true;
-        QTest::newRow("not so long") << 29'000 << false;
+        QTest::addColumn<int>("silenceMs");
+        QTest::addColumn<bool>("once");
+        QTest::addColumn<QString>("commands");
+        QTest::newRow("not for long") << 29'000 << false << "connect";
+        QTest::newRow("too long") << 300 << false << "connect disconnect connect";
+        QTest::newRow("too long, once") << 300 << true << "connect disconnect";
     }
 
-    void holderThatWasStoppedTellsWhetherItHasLostItsTunnel()
+    void holderThatWasStoppedConnectsAgain()
     {
-        QFETCH(int, limitMs);
-        QFETCH(bool, isLost);
+        QFETCH(int, silenceMs);
+        QFETCH(bool, once);
+        QFETCH(QString, commands);
         const MainSocket mainSocket;
         const FirstEndpoint endpoint;
-        m_options.limits.heartbeatPeriod = 50ms;
-        m_options.limits.silence = std::chrono::milliseconds(limitMs);
-        begin();
-        QTRY_VERIFY(endpoint.heartbeats >= 2);
-        QThread::msleep(550);
-        const int before = endpoint.heartbeats;
-        if (!isLost) {
-            QTRY_VERIFY(endpoint.heartbeats >= before + 2);
-            QVERIFY(!m_finished);
-            return;
+        m_options.once = once;
+        m_options.limits.silence = std::chrono::milliseconds(silenceMs);
+        holdAndStopFor(350ms, endpoint);
+        QTRY_COMPARE(endpoint.commands.join(QLatin1Char(' ')), commands);
+        if (once)
+            QTRY_COMPARE(m_finished, ExitCode::Failed);
+        QTest::qWait(100);
+        QCOMPARE(endpoint.commands.join(QLatin1Char(' ')), commands);
+        QCOMPARE(m_finished.has_value(), once);
+    }
+
+    void pausesGrow()
+    {
+        const MainSocket mainSocket;
+        FirstEndpoint endpoint;
+        endpoint.failures = 4;
+        m_options.limits.silence = 300ms;
+        m_options.limits.firstPause = 100ms;
+        m_options.limits.longestPause = 250ms;
+        holdAndStopFor(350ms, endpoint);
+        // A pair for each attempt: the command that takes it back, and after a pause the next one.
+        QTRY_COMPARE(endpoint.commands.size(), 11);
+        for (const auto &[disconnect, pause] : {std::pair{1, 100}, {3, 200}, {5, 250}, {7, 250}}) {
+            QCOMPARE(endpoint.commands[disconnect], QStringLiteral("disconnect"));
+            const qint64 time = endpoint.times[disconnect + 1] - endpoint.times[disconnect];
+            QVERIFY2(time >= pause * 19 / 20 && time < pause + 90,
+                     qPrintable(QString::number(time)));
         }
-        QTRY_COMPARE(m_finished, ExitCode::Failed);
-        QCOMPARE(endpoint.heartbeats, before);
-        QCOMPARE(endpoint.commands,
-                 (QStringList{QStringLiteral("connect"), QStringLiteral("disconnect")}));
+        QThread::msleep(350); // after longer than the longest pause, they begin anew
+        QTRY_COMPARE(endpoint.commands.size(), 13);
+        QVERIFY(endpoint.times[12] - endpoint.times[11] < 190);
     }
 
     void cleanup()
@@ -190,6 +227,17 @@ private:
         connect(m_command.get(), &Command::finished, this,
                 [this](ExitCode exitCode) { m_finished = exitCode; });
         m_command->start();
+    }
+
+    /// Begins, and stops this process and so the command for a time once the tunnel is held.
+    void holdAndStopFor(std::chrono::milliseconds time, const FirstEndpoint &endpoint)
+    {
+        m_options.limits.heartbeatPeriod = m_options.limits.lookPeriod = 20ms;
+        if (m_options.limits.firstPause == 1s)
+            m_options.limits.firstPause = 20ms;
+        begin();
+        QTRY_VERIFY(endpoint.heartbeats >= 4);
+        QThread::msleep(static_cast<unsigned long>(time.count()));
     }
 
     /// createPrivilegedProcess() without a socket.

@@ -99,7 +99,7 @@ private Q_SLOTS:
             QTest::newRow(words) << QString::fromLatin1(words).split(QLatin1Char(' '))
                                  << QString::fromLatin1(offers);
         };
-        row("", "--help --json --version connect disconnect ping raw watch");
+        row("", "--help --json --version connect disconnect ping raw report status watch");
         row("conn", "connect");
         row("--json conn", "connect");
         row("ping ", "--help --json");

@@ -1,0 +1,166 @@
+#include "observation.h"
+
+#include "endpoints.h"
+
+#include <QtCore/QCoreApplication>
+#include <QtCore/QDirIterator>
+#include <QtCore/QFile>
+#include <QtCore/QJsonArray>
+#include <QtCore/QMap>
+#include <QtCore/QProcess>
+#include <QtCore/QRegularExpression>
+#include <QtNetwork/QHostAddress>
+
+#include <cerrno>
+
+#include <ifaddrs.h>
+#include <net/if.h>
+#include <sys/socket.h>
+#include <unistd.h>
+#ifdef Q_OS_LINUX
+#include <linux/if_link.h>
+#endif
+
+namespace vpnctl {
+
+namespace {
+
+// The entry of an interface that has its counters.
+#ifdef Q_OS_LINUX
+constexpr int kLinkFamily = AF_PACKET;
+constexpr auto kBytesIn = &rtnl_link_stats::rx_bytes;
+constexpr auto kBytesOut = &rtnl_link_stats::tx_bytes;
+using Counters = rtnl_link_stats;
+#else
+constexpr int kLinkFamily = AF_LINK;
+constexpr auto kBytesIn = &if_data::ifi_ibytes;
+constexpr auto kBytesOut = &if_data::ifi_obytes;
+using Counters = if_data;
+#endif
+
+const QString kBackups = QStringLiteral("/var/root/Library/Preferences/talvexvpnd/data");
+
+/// @return the servers of the system's first resolver, or of resolv.conf(5).
+QStringList dnsServers()
+{
+    static const QRegularExpression server(
+        QStringLiteral("^ *nameserver(?:\\[[0-9]+\\] :)? (\\S+)"),
+        QRegularExpression::MultilineOption);
+    const QString text = QString::fromUtf8(
+        outputOf(QStringLiteral("scutil --dns 2>/dev/null || cat /etc/resolv.conf 2>/dev/null")));
+    QStringList servers;
+    for (auto matches =
+             server.globalMatch(text.section(QLatin1String("(for scoped queries)"), 0, 0));
+         matches.hasNext();)
+        servers.append(matches.next().captured(1));
+    servers.removeDuplicates();
+    return servers;
+}
+
+QJsonValue backups()
+{
+    if (::access(QFile::encodeName(kBackups), R_OK | X_OK) != 0 && errno == EACCES)
+        return QJsonValue::Null;
+    QJsonArray names;
+    // The name of a network service may have slashes, and its backup then lies in folders.
+    for (QDirIterator files(kBackups, QDir::Files, QDirIterator::Subdirectories); files.hasNext();)
+        names.append(files.next().mid(kBackups.size() + 1));
+    return names;
+}
+
+QString listOf(const QJsonValue &values)
+{
+    QStringList texts;
+    for (const QVariant &value : values.toArray().toVariantList())
+        texts.append(value.toString());
+    return texts.isEmpty() ? QStringLiteral("none") : texts.join(QStringLiteral(", "));
+}
+
+} // namespace
+
+QVector<TunnelInterface> tunnelInterfaces()
+{
+    QMap<QString, TunnelInterface> tunnels;
+    ifaddrs *entries = nullptr;
+    if (::getifaddrs(&entries) != 0)
+        return {};
+    for (const ifaddrs *entry = entries; entry; entry = entry->ifa_next) {
+        if (!(entry->ifa_flags & IFF_POINTOPOINT))
+            continue;
+        const QString name = QString::fromLocal8Bit(entry->ifa_name);
+        TunnelInterface &tunnel = tunnels[name];
+        // On Linux, one that has no hardware address has none here.
+        const bool isLink = !entry->ifa_addr || entry->ifa_addr->sa_family == kLinkFamily;
+        const QHostAddress address = isLink ? QHostAddress() : QHostAddress(entry->ifa_addr);
+        if (isLink && entry->ifa_data) {
+            const auto *counters = static_cast<const Counters *>(entry->ifa_data);
+            tunnel.bytesIn = counters->*kBytesIn;
+            tunnel.bytesOut = counters->*kBytesOut;
+        } else if (!address.isNull() && !address.isLinkLocal() && tunnel.name.isEmpty()) {
+            tunnel.index = ::if_nametoindex(entry->ifa_name);
+            tunnel.name = name;
+            tunnel.address = address.toString();
+        }
+    }
+    ::freeifaddrs(entries);
+    QVector<TunnelInterface> found;
+    for (const TunnelInterface &tunnel : qAsConst(tunnels)) {
+        if (!tunnel.name.isEmpty())
+            found.append(tunnel);
+    }
+    return found;
+}
+
+QJsonObject observation()
+{
+    QJsonArray interfaces;
+    for (const TunnelInterface &tunnel : tunnelInterfaces()) {
+        interfaces.append(
+            QJsonObject{{QStringLiteral("name"), tunnel.name},
+                        {QStringLiteral("address"), tunnel.address},
+                        {QStringLiteral("bytesIn"), static_cast<qint64>(tunnel.bytesIn)},
+                        {QStringLiteral("bytesOut"), static_cast<qint64>(tunnel.bytesOut)}});
+    }
+    QJsonArray endpoints;
+    for (const int endpoint : endpointsWithSockets())
+        endpoints.append(endpoint);
+    return {{QStringLiteral("interfaces"), interfaces},
+            {QStringLiteral("dns"), QJsonArray::fromStringList(dnsServers())},
+            {QStringLiteral("backups"), backups()},
+            {QStringLiteral("endpoints"), endpoints}};
+}
+
+QString textOf(const QJsonObject &observation)
+{
+    QJsonArray interfaces;
+    for (const QJsonValue &tunnel : observation[QLatin1String("interfaces")].toArray()) {
+        interfaces.append(QStringLiteral("%1 with %2 (%3 bytes in, %4 out)")
+                              .arg(tunnel[QLatin1String("name")].toString(),
+                                   tunnel[QLatin1String("address")].toString(),
+                                   tunnel[QLatin1String("bytesIn")].toVariant().toString(),
+                                   tunnel[QLatin1String("bytesOut")].toVariant().toString()));
+    }
+    const QJsonValue backups = observation[QLatin1String("backups")];
+    return QStringLiteral("Tunnel interfaces: %1\n"
+                          "DNS servers in use: %2\n"
+                          "Backups of DNS settings: %3\n"
+                          "Endpoints with a socket: %4")
+        .arg(listOf(interfaces), listOf(observation[QLatin1String("dns")]),
+             backups.isNull() ? QStringLiteral("only root may see them") : listOf(backups),
+             listOf(observation[QLatin1String("endpoints")]));
+}
+
+QByteArray outputOf(const QString &script)
+{
+    constexpr int kLimitMs = 10'000;
+    QProcess shell;
+    shell.setProcessChannelMode(QProcess::MergedChannels);
+    shell.start(QStringLiteral("/bin/sh"),
+                {QStringLiteral("-c"),
+                 QStringLiteral("PATH=/bin:/sbin:/usr/sbin:/usr/bin; ") + script,
+                 QCoreApplication::applicationFilePath()});
+    shell.waitForFinished(kLimitMs);
+    return shell.readAll();
+}
+
+} // namespace vpnctl
