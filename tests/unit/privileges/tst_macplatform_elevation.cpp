@@ -1,4 +1,3 @@
-#include "errorcapture.h"
 #include "logcapture.h"
 #include "macplatform.h"
 #include "privateroot.h"
@@ -18,7 +17,7 @@ constexpr int kToolFailed = -60031;
 const QString kExecute = QStringLiteral("AuthorizationExecuteWithPrivileges");
 const QString kExecuteCall =
     QStringLiteral("AuthorizationExecuteWithPrivileges(authorization 1, \"%1\", flags 0, "
-                   "arguments [\"%1\", \"\"], pipe wanted)");
+                   "arguments [\"%1\", \"\"], pipe given)");
 
 } // namespace
 
@@ -32,7 +31,7 @@ private Q_SLOTS:
     void init()
     {
         lab::resetPrivateRoot();
-        authorization::reset();
+        frameworks::reset();
     }
 
     void elevationStartsTheToolWithoutAFolder_data() { addOutcomes(); }
@@ -40,10 +39,10 @@ private Q_SLOTS:
     void elevationStartsTheToolWithoutAFolder()
     {
         QFETCH(int, status);
-        authorization::setStatus(kExecute, status);
+        frameworks::setStatus(kExecute, status);
         LogCapture log;
         QCOMPARE(MacPlatform::elevateToAdmin(), status == 0);
-        QCOMPARE(authorization::calls().value(2),
+        QCOMPARE(frameworks::calls().value(2),
                  kExecuteCall.arg(QStringLiteral("vpninstallhelper")));
         QCOMPARE(log.lines(QtDebugMsg).mid(0, 2),
                  (QStringList{QStringLiteral("NOT WORK REMOVE"),
@@ -55,7 +54,7 @@ private Q_SLOTS:
     void administratorIsWhoeverPassesTheCheck()
     {
         QFETCH(int, status);
-        authorization::setStatus(kExecute, status);
+        frameworks::setStatus(kExecute, status);
         LogCapture log;
         QCOMPARE(MacPlatform::isRunningAsAdministrator(), status == 0);
         QCOMPARE(log.lines(), QStringList{QStringLiteral("PopoverWindow::chechAdmin()")});
@@ -66,12 +65,12 @@ private Q_SLOTS:
     void theInstallationToolOfTheResourcesFolderIsRunWhateverTheArgument()
     {
         QFETCH(int, status);
-        authorization::setStatus(kExecute, status);
+        frameworks::setStatus(kExecute, status);
         LogCapture log;
         QCOMPARE(MacPlatform::runAsAdmin(QStringLiteral("/bin/rm -r /")), status == 0);
         const QString contents = QFileInfo(QCoreApplication::applicationDirPath()).path();
         const QString tool = contents + QStringLiteral("/Resources/vpninstallhelper");
-        QCOMPARE(authorization::calls().value(2), kExecuteCall.arg(tool));
+        QCOMPARE(frameworks::calls().value(2), kExecuteCall.arg(tool));
         QCOMPARE(log.lines().mid(0, 3),
                  (QStringList{QStringLiteral("Resources folder doesn't exist"),
                               QStringLiteral("Resource path:  \"%1\"").arg(tool),
@@ -105,7 +104,7 @@ int main(int argc, char **argv)
 {
     const QCoreApplication application(argc, argv);
     if (application.arguments().value(1) == kRunAsAdmin) {
-        authorization::setStatus(kExecute, kToolFailed);
+        frameworks::setStatus(kExecute, kToolFailed);
         return MacPlatform::runAsAdmin(QString()) ? 1 : 0;
     }
     MacPlatformElevation test;

@@ -13,7 +13,6 @@
 @interface NSAppleScript (StandIn)
 
 - (instancetype)initWithSource:(NSString *)source;
-- (NSString *)source;
 - (NSAppleEventDescriptor *)executeAndReturnError:(NSDictionary **)errorInfo;
 
 @end
