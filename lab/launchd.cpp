@@ -6,13 +6,9 @@
 #include <QtCore/QDeadlineTimer>
 #include <QtCore/QDir>
 #include <QtCore/QThread>
-#include <QtCore/QXmlStreamReader>
 #include <QtNetwork/QLocalSocket>
 
 #include <csignal>
-
-#include <sys/resource.h>
-#include <unistd.h>
 
 namespace {
 
@@ -21,39 +17,6 @@ constexpr int kLimitMs = 20'000;
 /// What launchd leaves a process group between SIGTERM and SIGKILL. How much a script gets done
 /// meanwhile is up to the machine.
 constexpr unsigned long kGraceMs = 20;
-
-QVariant readValue(QXmlStreamReader &xml)
-{
-    const QString type = xml.name().toString();
-    if (type == QLatin1String("dict")) {
-        QVariantMap map;
-        while (xml.readNextStartElement()) {
-            const QString key = xml.readElementText();
-            xml.readNextStartElement();
-            map.insert(key, readValue(xml));
-        }
-        return map;
-    }
-    if (type == QLatin1String("array")) {
-        QVariantList list;
-        while (xml.readNextStartElement())
-            list.append(readValue(xml));
-        return list;
-    }
-    const QString text = xml.readElementText();
-    if (type == QLatin1String("integer"))
-        return text.toInt();
-    if (type == QLatin1String("string"))
-        return text;
-    return type == QLatin1String("true");
-}
-
-void installProgram(const QString &from, const QString &to)
-{
-    QFile::remove(to);
-    if (!QFile::copy(from, to))
-        qFatal("cannot copy %s to %s", qPrintable(from), qPrintable(to));
-}
 
 bool isServing()
 {
@@ -64,41 +27,16 @@ bool isServing()
 
 } // namespace
 
-QVariantMap LaunchdJob::propertiesIn(const QString &name)
-{
-    QFile file(QStringLiteral(TALVEX_PACKAGING "/") + name);
-    if (!file.open(QIODevice::ReadOnly))
-        qFatal("cannot read %s", qPrintable(file.fileName()));
-    QXmlStreamReader xml(&file);
-    xml.readNextStartElement(); // plist
-    xml.readNextStartElement();
-    const QVariantMap properties = readValue(xml).toMap();
-    if (xml.hasError())
-        qFatal("%s: %s", qPrintable(file.fileName()), qPrintable(xml.errorString()));
-    return properties;
-}
-
 LaunchdJob::LaunchdJob()
-    : m_properties(propertiesIn(QStringLiteral("TalvexVpnd.plist")))
 {
     const DaemonProcess installed; // which is not started, but lies in its place
     QDir().mkpath(QStringLiteral("/var/log"));
     const QString support = QStringLiteral("/Library/Application Support/Talvex VPN Service/");
     QDir().mkpath(support);
-    installProgram(QStringLiteral(TALVEX_PACKAGING "/launcher"),
-                   support + QStringLiteral("Talvex VPN Service"));
-    installProgram(QStringLiteral(TALVEX_RESOURCES "/update_conf_down"),
-                   support + QStringLiteral("update_conf_down"));
-
-    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    environment.remove(QStringLiteral("HOME"));
-    environment.insert(QStringLiteral("PATH"), QStringLiteral("/usr/bin:/bin:/usr/sbin:/sbin"));
-    const auto variables = m_properties.value(QStringLiteral("EnvironmentVariables")).toMap();
-    for (auto variable = variables.begin(); variable != variables.end(); ++variable)
-        environment.insert(variable.key(), variable.value().toString());
-    setProcessEnvironment(environment);
-    setStandardErrorFile(m_properties.value(QStringLiteral("StandardErrorPath")).toString(),
-                         Append);
+    const QString launcher = support + QStringLiteral("Talvex VPN Service");
+    QFile::remove(launcher);
+    if (!QFile::copy(QStringLiteral(TALVEX_PACKAGING "/launcher"), launcher))
+        qFatal("cannot make %s", qPrintable(launcher));
 }
 
 LaunchdJob::~LaunchdJob()
@@ -108,9 +46,8 @@ LaunchdJob::~LaunchdJob()
 
 bool LaunchdJob::startOnly()
 {
-    QStringList command = m_properties.value(QStringLiteral("ProgramArguments")).toStringList();
-    const QString program = command.takeFirst();
-    start(program, command);
+    start(QStringLiteral("launchctl"),
+          {QStringLiteral("become"), QStringLiteral(TALVEX_PACKAGING "/TalvexVpnd.plist")});
     if (!waitForStarted())
         return false;
     m_group = processId();
@@ -149,19 +86,6 @@ bool LaunchdJob::crash(Survivors survivors)
 
 QByteArray LaunchdJob::log() const
 {
-    QFile file(m_properties.value(QStringLiteral("StandardErrorPath")).toString());
+    QFile file(QStringLiteral("/var/log/talvexvpnd.log"));
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
-void LaunchdJob::setupChildProcess()
-{
-    ::setpgid(0, 0);
-    const auto filesOf = [this](const char *key) {
-        return m_properties.value(QLatin1String(key))
-            .toMap()
-            .value(QStringLiteral("NumberOfFiles"))
-            .toUInt();
-    };
-    const rlimit limits{filesOf("SoftResourceLimits"), filesOf("HardResourceLimits")};
-    ::setrlimit(RLIMIT_NOFILE, &limits);
 }

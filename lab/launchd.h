@@ -1,11 +1,11 @@
 #pragma once
 
 #include <QtCore/QProcess>
-#include <QtCore/QVariantMap>
 
-/// The daemon as launchd runs it: with the command, the limits, the environment and the log file of
-/// its property list, in a process group of its own, which launchd ends when the daemon has died.
-/// Only for use in a private root.
+/// One run of the daemon as launchd has it: with the command, the limits, the environment and the
+/// log file of its property list, in a process group of its own, which launchd ends when the daemon
+/// has died. The stand-in for launchctl (lab/standins/sbin) knows how. Only for use in a private
+/// root.
 class LaunchdJob : public QProcess
 {
     Q_OBJECT
@@ -14,14 +14,9 @@ public:
     /// What becomes of the processes that a dead daemon leaves.
     enum class Survivors { AreEnded, StayAlive };
 
-    /// Puts bundle and launcher in their places and reads packaging/macos/TalvexVpnd.plist.
+    /// Puts bundle and launcher in their places.
     LaunchdJob();
     ~LaunchdJob() override;
-
-    const QVariantMap &properties() const { return m_properties; }
-
-    /// @return what a property list of packaging/macos holds.
-    static QVariantMap propertiesIn(const QString &name);
 
     /// Starts the daemon and waits until it accepts clients.
     /// @return false when it does not within some seconds.
@@ -37,10 +32,6 @@ public:
     /// @return everything that the runs so far have written to standard error.
     QByteArray log() const;
 
-protected:
-    void setupChildProcess() override;
-
 private:
-    QVariantMap m_properties;
     qint64 m_group = 0;
 };

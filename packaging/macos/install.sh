@@ -138,6 +138,7 @@ finish() {
     if [[ -n $isStopping ]]; then
         stopJob "$restoreJob"
         stopJob "$job"
+        removeSockets
     fi
     putBack
     if [[ -n $isStopping ]]; then

@@ -42,6 +42,12 @@ stopJob() {
 # launchd starts no job that somebody has switched off.
 startJob() { launchctl enable "$1" && launchctl bootstrap system "$2"; }
 
+# A daemon that ended leaves them.
+removeSockets() {
+    find /tmp/ -maxdepth 1 \( -name local:TalvexFreeVpnIpcInterface -o \
+        -name 'local:TalvexFreeVpnIpcInterface_*' \) -exec rm -rf {} +
+}
+
 # Ends the openvpn of the daemon as a disconnect does, so that it gives the DNS settings back. What has
 # not ended then, launchd ends with the job.
 endTunnels() {

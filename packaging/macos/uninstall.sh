@@ -40,8 +40,7 @@ removeAll() {
         "$launcher" "$support"/{update_conf_down,uninstall.sh,installation.bash}; do
         rm -f "$path" "$path$new" "$path$old"
     done
-    find /tmp/ -maxdepth 1 \( -name local:TalvexFreeVpnIpcInterface -o \
-        -name 'local:TalvexFreeVpnIpcInterface_*' \) -exec rm -rf {} +
+    removeSockets
     rm -rf "${data%/*}"
     # Only where nothing else is in them.
     rmdir "$contents/MacOS" "$contents/Resources" "$frameworks" "$support" 2>/dev/null || true

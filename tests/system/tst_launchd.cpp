@@ -1,9 +1,7 @@
 #include "client.h"
-#include "daemonprocess.h"
 #include "ipcurls.h"
 #include "launchd.h"
 #include "privateroot.h"
-#include "standins.h"
 
 #include <QtTest/QtTest>
 
@@ -15,14 +13,6 @@ QByteArray contentOf(const QString &path)
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
-QByteArray packaged(const char *name)
-{
-    return contentOf(QStringLiteral(TALVEX_PACKAGING "/") + QLatin1String(name));
-}
-
-const QString kLauncher =
-    QStringLiteral("/Library/Application Support/Talvex VPN Service/Talvex VPN Service");
-
 bool shell(const QString &script)
 {
     return QProcess::execute(QStringLiteral("/bin/bash"), {QStringLiteral("-ec"), script}) == 0;
@@ -30,77 +20,14 @@ bool shell(const QString &script)
 
 } // namespace
 
-/// What launchd is told about the daemon, and what comes of it. That the installer's launchctl
-/// takes the property list is shown by the test `installation`.
+/// What launchd starts. How it does that, and what else the jobs are for, the tests `installation`
+/// and `tryonmac` show.
 class TestLaunchd : public QObject
 {
     Q_OBJECT
 
 private Q_SLOTS:
     void init() { lab::resetPrivateRoot(); }
-
-    void jobRunsAsRootFromTheStartAndAgainWheneverItEnds()
-    {
-        const QVariantMap job = LaunchdJob().properties();
-        QCOMPARE(job.value(QStringLiteral("RunAtLoad")), QVariant(true));
-        // But not without the bundle, again and again.
-        QCOMPARE(
-            job.value(QStringLiteral("KeepAlive"))
-                .toMap()
-                .value(QStringLiteral("PathState"))
-                .toMap(),
-            (QVariantMap{{DaemonProcess::programFolder() + QStringLiteral("/talvexvpnd"), true}}));
-        QCOMPARE(job.value(QStringLiteral("UserName")), QVariant(QStringLiteral("root")));
-        QCOMPARE(job.value(QStringLiteral("AbandonProcessGroup")), QVariant(false));
-        QCOMPARE(job.value(QStringLiteral("ProcessType")), QVariant(QStringLiteral("Interactive")));
-        const QVariantMap files{{QStringLiteral("NumberOfFiles"), 8192}};
-        QCOMPARE(job.value(QStringLiteral("SoftResourceLimits")).toMap(), files);
-        QCOMPARE(job.value(QStringLiteral("HardResourceLimits")).toMap(), files);
-        // Without TMPDIR, the temporary folder of a launch daemon is root's own.
-        QCOMPARE(job.value(QStringLiteral("EnvironmentVariables")).toMap().keys(),
-                 (QStringList{QStringLiteral("HOME"), QStringLiteral("QT_FORCE_STDERR_LOGGING"),
-                              QStringLiteral("QT_MESSAGE_PATTERN")}));
-    }
-
-    void settingsAreLookedAfterWhileThereAreBackups()
-    {
-        const QVariantMap job = LaunchdJob::propertiesIn(QStringLiteral("TalvexRestore.plist"));
-        QCOMPARE(job.value(QStringLiteral("QueueDirectories")).toStringList(),
-                 QStringList{standins::dataFolder()});
-        QCOMPARE(job.value(QStringLiteral("ThrottleInterval")), QVariant(60));
-        QCOMPARE(job.value(QStringLiteral("ProgramArguments")).toStringList(),
-                 (QStringList{kLauncher, QStringLiteral("restore")}));
-    }
-
-    void settingsComeBackWhenNoDaemonWillGiveThemBack_data()
-    {
-        QTest::addColumn<QString>("script");
-        QTest::addColumn<bool>("isRestored");
-        const QString noBundle = QStringLiteral("rm -r /Applications/*; ");
-        const QString noJob = QStringLiteral("launchctl list >/dev/null; ");
-        const QString job = QStringLiteral(
-            "printf '%s\\t0\\tcom.talvex.talvexvpnd\\n' - >/var/root/stand-ins/launchctl/jobs; ");
-        const QString daemon =
-            QStringLiteral("cp /usr/bin/sleep /tmp/talvexvpnd; /tmp/talvexvpnd 5 & "
-                           "until [[ $(ps -axo comm=) == *talvexvpnd* ]]; do sleep 0.01; done; ");
-        QTest::newRow("bundle gone") << noJob + job + noBundle << true;
-        QTest::newRow("job off") << noJob << true;
-        QTest::newRow("daemon between two runs") << noJob + job << false;
-        QTest::newRow("daemon runs on without its bundle") << daemon + noBundle << false;
-    }
-
-    void settingsComeBackWhenNoDaemonWillGiveThemBack()
-    {
-        QFETCH(QString, script);
-        QFETCH(bool, isRestored);
-        const LaunchdJob installed;
-        standins::writeBackup(QStringLiteral("TalvexFreeVPN_dns_Wi-Fi"), "192.0.2.53\n");
-        QVERIFY(
-            shell(script + QStringLiteral("'%1' restore; kill %% 2>&- || true").arg(kLauncher)));
-        QCOMPARE(standins::dnsServers(QStringLiteral("Wi-Fi")),
-                 isRestored ? QStringList{QStringLiteral("192.0.2.53")} : QStringList());
-        QCOMPARE(standins::backupFiles().isEmpty(), isRestored);
-    }
 
     void startWithoutTheBundleEndsAtOnce()
     {
@@ -110,28 +37,6 @@ private Q_SLOTS:
         QVERIFY(job.waitForFinished());
         QCOMPARE(job.exitCode(), 0);
         QCOMPARE(job.log(), QByteArray());
-    }
-
-    void labelIsTheOneThatOthersUse()
-    {
-        // The application searches what launchctl lists for "talvexvpnd".
-        QCOMPARE(LaunchdJob().properties().value(QStringLiteral("Label")),
-                 QVariant(QStringLiteral("com.talvex.talvexvpnd")));
-        QVERIFY(
-            packaged("installation.bash").contains("readonly job=system/com.talvex.talvexvpnd\n"));
-        QVERIFY(packaged("launcher").contains("readonly job=system/com.talvex.talvexvpnd\n"));
-        QCOMPARE(LaunchdJob::propertiesIn(QStringLiteral("TalvexRestore.plist"))
-                     .value(QStringLiteral("Label")),
-                 QVariant(QStringLiteral("com.talvex.restore")));
-        QVERIFY(packaged("installation.bash")
-                    .contains("readonly restoreJob=system/com.talvex.restore\n"));
-    }
-
-    void logIsTheFileThatTheInstallerMakes()
-    {
-        QCOMPARE(LaunchdJob().properties().value(QStringLiteral("StandardErrorPath")),
-                 QVariant(QStringLiteral("/var/log/talvexvpnd.log")));
-        QVERIFY(packaged("installation.bash").contains("readonly log=/var/log/talvexvpnd.log\n"));
     }
 
     void runServesClients()
@@ -155,6 +60,10 @@ private Q_SLOTS:
         QVERIFY(contentOf(process + QStringLiteral("environ"))
                     .split('\0')
                     .contains(QByteArrayLiteral("HOME=/var/root")));
+        QVERIFY(QRegularExpression(QStringLiteral("^Max open files +8192 +8192 "),
+                                   QRegularExpression::MultilineOption)
+                    .match(QString::fromUtf8(contentOf(process + QStringLiteral("limits"))))
+                    .hasMatch());
     }
 
     void socketsOfADaemonThatDiedAreCleared()
