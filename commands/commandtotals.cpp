@@ -1,12 +1,8 @@
 #include "commandtotals.h"
 
+#include "peeruser.h"
+
 #include <algorithm>
-
-namespace {
-
-constexpr quint32 kRoot = 0;
-
-} // namespace
 
 CommandTotals::CommandTotals(const Limits &limits)
     : m_limits(limits)
@@ -37,7 +33,7 @@ bool CommandTotals::hasTooManyTunnels(const void *client) const
         tunnelsOfUser += other->user == user;
     }
     return tunnels >= m_limits.tunnels
-        || (user != kRoot && tunnelsOfUser >= m_limits.tunnelsOfUser);
+        || (user != kRootUser && tunnelsOfUser >= m_limits.tunnelsOfUser);
 }
 
 bool CommandTotals::mayConnect(const void *client)
@@ -82,5 +78,5 @@ void CommandTotals::end(const void *client, bool isConnect)
 
 bool CommandTotals::hasAllHisConnects(quint32 user) const
 {
-    return user != kRoot && m_connectsOf.value(user) >= m_limits.connectsOfUser;
+    return user != kRootUser && m_connectsOf.value(user) >= m_limits.connectsOfUser;
 }

@@ -50,15 +50,17 @@ ServiceInterfaceManager::ServiceInterfaceManager(vpncore::IOvpnConnection *conne
     , ovpnConnection(connection)
     , heartbeatLimit(limit)
     , queue(
-          totals, user, [this] { return hasTunnel(); }, this)
+          totals, user, [this] { return ownConnection && ownConnection->isRunning(); }, this)
 {
     // A coarse timer of 30 s may fire half a second early; a client must not lose its tunnel then.
     livenessTimer->setTimerType(Qt::PreciseTimer);
     connect(livenessTimer, &QTimer::timeout, this, &ServiceInterfaceManager::timeout_slot);
     connect(&queue, &CommandQueue::due, this, &ServiceInterfaceManager::execute);
     connect(&queue, &CommandQueue::overtaken, this, &ServiceInterfaceManager::answerOvertaken);
-    connect(&queue, &CommandQueue::refused, this, &ServiceInterfaceManager::answerRefused);
-    connect(&queue, &CommandQueue::attemptOvertaken, this, &ServiceInterfaceManager::endAttempt);
+    connect(&queue, &CommandQueue::refused, this,
+            [this] { answer(kConnect, vpncore::OvpnConnection::cannotStartResult()); });
+    connect(&queue, &CommandQueue::attemptOvertaken, this,
+            [this] { ovpnConnection->disconnect(); });
     qDebug() << "Source Node Started";
 }
 
@@ -129,21 +131,6 @@ void ServiceInterfaceManager::answerOvertaken(Command command)
         answer(kDisconnect, OperationResult::succeeded());
     else
         answer(kConnect, vpncore::OvpnConnection::overtakenResult());
-}
-
-void ServiceInterfaceManager::answerRefused()
-{
-    answer(kConnect, vpncore::OvpnConnection::cannotStartResult());
-}
-
-bool ServiceInterfaceManager::hasTunnel() const
-{
-    return ownConnection && ownConnection->isRunning();
-}
-
-void ServiceInterfaceManager::endAttempt()
-{
-    ovpnConnection->disconnect();
 }
 
 void ServiceInterfaceManager::answer(const QString &cmd, const OperationResult &result)

@@ -86,9 +86,6 @@ private:
     void execute(Command command, const VpnServerInformation &vpnServer);
     void answer(const QString &cmd, const OperationResult &result);
     void answerOvertaken(Command command);
-    void answerRefused();
-    bool hasTunnel() const;
-    void endAttempt();
 
     QTimer *livenessTimer;
     vpncore::IOvpnConnection *ovpnConnection;

@@ -1,10 +1,8 @@
 #include "boundedlog.h"
 
-#include <QtCore/QString>
+#include <QtCore/QFile>
 
-#include <array>
 #include <cstdio>
-#include <cstring>
 
 #include <fcntl.h>
 #include <sys/param.h>
@@ -13,71 +11,37 @@
 
 namespace {
 
-constexpr char kNotice[] = "Older lines were removed: the log was full\n";
-constexpr qint64 kNoticeLength = sizeof(kNotice) - 1;
-
-LogLimits logLimits;
+qint64 maxLogBytes = 0;
 QtMessageHandler writeMessage = nullptr;
 qint64 unseenBytes = 0; ///< written since the last look at the file's size, at most
-int logFile = -1; ///< the file behind standard error, to read and to write anywhere in it
 
-/// @return a descriptor of its own, since the one that is there may only append; or -1.
-int reopenStandardError()
+/// @return a name for the file behind standard error, whose descriptor need not be for reading.
+QString nameOfStandardError()
 {
 #ifdef Q_OS_DARWIN
     char path[MAXPATHLEN];
-    if (::fcntl(STDERR_FILENO, F_GETPATH, path) != 0)
-        return -1;
+    return ::fcntl(STDERR_FILENO, F_GETPATH, path) == 0 ? QFile::decodeName(path) : QString();
 #else
-    const char *path = "/proc/self/fd/2";
+    return QStringLiteral("/proc/self/fd/2");
 #endif
-    const int file = ::open(path, O_RDWR | O_CLOEXEC);
-    struct stat opened = {};
-    struct stat wanted = {};
-    if (::fstat(file, &opened) == 0 && ::fstat(STDERR_FILENO, &wanted) == 0
-        && opened.st_dev == wanted.st_dev && opened.st_ino == wanted.st_ino)
-        return file;
-    ::close(file); // another one has taken the name
-    return -1;
 }
 
-/// Writes the notice and the newest lines over the beginning of the file. The end stays as it is,
-/// so that a crash meanwhile loses none of them.
-/// @return the length of what was written, or 0 when that failed.
-qint64 copyNewestToTheFront(qint64 size)
+/// @return the newest lines of a log of @p size bytes, whole ones.
+QByteArray newestLines(qint64 size)
 {
-    if (::pwrite(logFile, kNotice, kNoticeLength, 0) != kNoticeLength)
-        return 0;
-    qint64 to = kNoticeLength;
-    qint64 from = size - logLimits.keptBytes - 1; // a line may end with this byte
-    bool isAtALine = false;
-    static std::array<char, std::size_t{64} * 1024> buffer;
-    while (from < size) {
-        qint64 count = ::pread(logFile, buffer.data(), buffer.size(), from);
-        if (count <= 0)
-            return 0;
-        from += count;
-        const char *text = buffer.data();
-        if (!isAtALine) {
-            const void *end = std::memchr(text, '\n', static_cast<std::size_t>(count));
-            if (end == nullptr)
-                continue;
-            isAtALine = true;
-            text = static_cast<const char *>(end) + 1;
-            count -= text - buffer.data();
-        }
-        if (::pwrite(logFile, text, static_cast<std::size_t>(count), to) != count)
-            return 0;
-        to += count;
-    }
-    return to;
+    QFile log(nameOfStandardError());
+    // A line may end with the byte before those that are kept.
+    if (!log.open(QIODevice::ReadOnly) || !log.seek(size - maxLogBytes / 8 - 1))
+        return {};
+    log.readLine();
+    return log.readAll();
 }
 
 /// How much may be written before the file's size is looked at again, which would be a fifth of
 /// what a short line costs.
-qint64 mostUnseenBytes()
+qint64 maxUnseenBytes()
 {
-    return logLimits.maxBytes / 256;
+    return maxLogBytes / 256;
 }
 
 /// Makes room for @p bytes more, and for what is written before the next look.
@@ -85,41 +49,39 @@ void makeRoom(qint64 bytes)
 {
     struct stat status = {};
     if (::fstat(STDERR_FILENO, &status) != 0
-        || status.st_size <= logLimits.keptBytes + kNoticeLength // no older lines worth the copy
-        || status.st_size + bytes + mostUnseenBytes() <= logLimits.maxBytes)
+        || status.st_size + bytes + maxUnseenBytes() <= maxLogBytes)
         return;
-    const qint64 kept = copyNewestToTheFront(status.st_size);
-    if (::ftruncate(STDERR_FILENO, kept) == 0 && kept == 0)
-        static_cast<void>(std::fputs(kNotice, stderr));
+    const QByteArray kept = newestLines(status.st_size);
+    if (::ftruncate(STDERR_FILENO, 0) != 0)
+        return;
+    std::fputs("Older lines were removed: the log was full\n", stderr);
+    std::fwrite(kept.constData(), 1, static_cast<std::size_t>(kept.size()), stderr);
 }
 
-void writeWithinLimits(QtMsgType type, const QMessageLogContext &context, const QString &message)
+void writeWithinLimit(QtMsgType type, const QMessageLogContext &context, const QString &message)
 {
     constexpr qint64 kFrameOfALine = 256; // time, category and line feed, as a pattern may ask for
-    const qint64 bytes = qint64{3} * message.size(); // a UTF-16 unit has three bytes at most
-    unseenBytes += bytes + kFrameOfALine;
-    const bool isDue = unseenBytes > mostUnseenBytes();
-    if (isDue)
+    // A UTF-16 unit has three bytes at most.
+    const qint64 bytes = qint64{3} * message.size() + kFrameOfALine;
+    unseenBytes += bytes;
+    if (unseenBytes > maxUnseenBytes()) {
         makeRoom(bytes);
-    writeMessage(type, context, message);
-    if (isDue) {
-        makeRoom(0);
-        unseenBytes = 0;
+        unseenBytes = bytes;
     }
+    writeMessage(type, context, message);
 }
 
 } // namespace
 
-bool keepLogWithin(const LogLimits &limits)
+bool keepLogWithin(qint64 maxBytes)
 {
     struct stat status = {};
     if (::fstat(STDERR_FILENO, &status) != 0 || !S_ISREG(status.st_mode))
         return false;
     // Else the next message would come where the end was before, behind a hole.
     ::fcntl(STDERR_FILENO, F_SETFL, ::fcntl(STDERR_FILENO, F_GETFL) | O_APPEND);
-    logLimits = limits;
-    unseenBytes = mostUnseenBytes(); // the first message is due
-    logFile = reopenStandardError();
-    writeMessage = qInstallMessageHandler(writeWithinLimits);
+    maxLogBytes = maxBytes;
+    unseenBytes = maxBytes; // so the first message looks
+    writeMessage = qInstallMessageHandler(writeWithinLimit);
     return true;
 }

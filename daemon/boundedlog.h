@@ -2,29 +2,18 @@
 
 #include <QtCore/QtGlobal>
 
-/// A local user can make the daemon write more than a hundred MiB a second.
+/// The largest log, in bytes. A local user can make the daemon write more than a hundred MiB a
+/// second.
 constexpr qint64 kMaxLogBytes = qint64{32} * 1024 * 1024;
 
-struct LogLimits
-{
-    /// The log is not larger than this, in bytes. Only a single message that is longer than the
-    /// difference of the two values may pass it, and only until it is written.
-    qint64 maxBytes = kMaxLogBytes;
-
-    /// What is kept of the newest lines when the log is full, in bytes. Less than maxBytes: the
-    /// difference is written before the log is full again, so that a flood does not copy for ever.
-    qint64 keptBytes = kMaxLogBytes / 2;
-};
-
-/// Keeps the log within limits from now on, where standard error is a regular file: when it is
-/// full, the older lines go and one line at the beginning says so.
+/// Keeps the log within a limit from now on, where standard error is a regular file: when it is
+/// full, all but the newest eighth goes, and one line at the beginning says so.
 ///
 /// Messages go to the handler that was installed before, so their texts are the same as without.
-/// The size is looked at with each message and counts what others write to the file. It does not
-/// matter how the file was opened, nor whether it is renamed or removed meanwhile. Where it cannot
-/// be read, no old line is kept.
+/// What others write to the file counts. It does not matter how the file was opened, nor whether it
+/// is renamed or removed meanwhile; where it cannot be read, no line is kept.
 ///
-/// To be called once, and before there are messages of several threads. Takes one descriptor for as
-/// long as the process lives.
+/// To be called once, and before there are messages of several threads.
+/// @param maxBytes more than the longest message, which has some MiB, and an eighth of this.
 /// @return false when standard error is no regular file: a terminal, a pipe. Then nothing changes.
-bool keepLogWithin(const LogLimits &limits = {});
+bool keepLogWithin(qint64 maxBytes = kMaxLogBytes);

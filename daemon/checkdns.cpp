@@ -2,12 +2,14 @@
 
 #include "bashscript.h"
 #include "dnsrestorer.h"
+#include "dnsscripts.h"
 
 #include <QtCore/QDebug>
 
-void checkDNS(std::chrono::milliseconds limit)
+void checkDNS()
 {
-    const QString output = vpncore::runBashScript(vpncore::dnsRestoreScript(), limit);
+    const QString output =
+        vpncore::runBashScript(vpncore::dnsRestoreScript(), vpncore::kDnsScriptLimit);
     // Every text contains the empty one, so this says "true" always, and that is wanted: a failed
     // restore shows in what networksetup printed, not here.
     qDebug() << "check DNS result " << (output.contains(QString()) ? "true" : "false");

@@ -27,8 +27,7 @@ std::optional<quint32> readUser;
 /// @return why the connection may not be; null when it may.
 const char *problemOf(int descriptor, quint32 user, std::optional<quint32> owner)
 {
-    constexpr quint32 kRoot = 0;
-    if (owner && user != *owner && user != kRoot)
+    if (owner && user != *owner && user != kRootUser)
         return "the endpoint belongs to another user";
     if (!UserShare::isLeftFor(user))
         return "its user has too many";

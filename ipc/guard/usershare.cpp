@@ -1,14 +1,13 @@
 #include "usershare.h"
 
 #include "guardlimits.h"
+#include "peeruser.h"
 
 #include <QtCore/QHash>
 
 #include <unistd.h>
 
 namespace {
-
-constexpr quint32 kRoot = 0;
 
 QHash<quint32, int> &shares()
 {
@@ -21,7 +20,7 @@ QHash<quint32, int> &shares()
 bool UserShare::isLeftFor(quint32 user)
 {
     const long limit = ::sysconf(_SC_OPEN_MAX);
-    return user == kRoot || limit < 0
+    return user == kRootUser || limit < 0
         || shares().value(user) < limit / 2 - guard::kTunnelDescriptors;
 }
 

@@ -1,362 +1,182 @@
 #include "commandqueue.h"
 
-#include <QtCore/QEventLoop>
 #include <QtTest/QtTest>
 
-#include <functional>
-#include <memory>
-#include <vector>
-
-namespace {
-
-VpnServerInformation serverOf(int number)
-{
-    VpnServerInformation server;
-    server.host = QString::number(number);
-    return server;
-}
-
-/// A queue whose commands run until they are told to end, or end at once.
-class Client : public QObject
-{
-public:
-    explicit Client(const QSharedPointer<CommandTotals> &totals, quint32 user = 501)
-        : queue(
-            totals, user, [this] { return hasTunnel; }, nullptr)
-    {
-        connect(&queue, &CommandQueue::due, this,
-                [this](Command command, const VpnServerInformation &server) {
-                    events.append(name(command) + server.host);
-                    if (isSlow) {
-                        m_loop = std::make_unique<QEventLoop>();
-                        m_loop->exec();
-                        m_loop.reset();
-                    }
-                });
-        connect(&queue, &CommandQueue::overtaken, this, [this](Command command) {
-            events.append(QStringLiteral("overtaken ") + name(command));
-        });
-        connect(&queue, &CommandQueue::refused, this, [this](Command command) {
-            events.append(QStringLiteral("refused ") + name(command));
-        });
-        connect(&queue, &CommandQueue::attemptOvertaken, this, [this] {
-            events.append(QStringLiteral("give up"));
-            if (endsWhenOvertaken)
-                end();
-        });
-    }
-
-    bool isRunning() const { return m_loop != nullptr; }
-
-    void end() { m_loop->quit(); }
-
-    CommandQueue queue;
-    QStringList events;
-    bool isSlow = false;
-    bool hasTunnel = false;
-    bool endsWhenOvertaken = true;
-
-private:
-    static QString name(Command command)
-    {
-        switch (command) {
-        case Command::Disconnect:
-            return QStringLiteral("disconnect");
-        case Command::ConnectTcp:
-            return QStringLiteral("tcp ");
-        case Command::ConnectUdp:
-            return QStringLiteral("udp ");
-        case Command::None:
-            break;
-        }
-        return QStringLiteral("none");
-    }
-
-    std::unique_ptr<QEventLoop> m_loop;
-};
-
-} // namespace
-
-/// The order in which the commands of a client, and of several, get their turn.
-class CommandQueueOrder : public QObject
+/// The order in which the commands of a client get their turn. What several clients share is shown
+/// with CommandTotals.
+class CommandQueueTest : public QObject
 {
     Q_OBJECT
 
 private:
+    /// @param words of commands and what becomes of them: "d" is a disconnect, "u1" and "t1" are
+    ///        connects to a server of that name; see takeSteps().
+    void take(const QString &words)
+    {
+        for (const QString &word : words.split(QLatin1Char(' '), Qt::SkipEmptyParts)) {
+            VpnServerInformation server;
+            server.host = word.mid(1);
+            if (word == QLatin1String("slow") || word == QLatin1String("stubborn"))
+                m_behaviour = word;
+            else if (word == QLatin1String("end"))
+                m_loop->quit();
+            else if (word == QLatin1String("quick"))
+                m_behaviour.clear();
+            else
+                m_queue->add(word == QLatin1String("d")              ? Command::Disconnect
+                                 : word.startsWith(QLatin1Char('u')) ? Command::ConnectUdp
+                                                                     : Command::ConnectTcp,
+                             server);
+        }
+    }
+
+    void note(const QString &event, Command command, const QString &host = {})
+    {
+        const QStringList names{QStringLiteral("none"), QStringLiteral("d"), QStringLiteral("t"),
+                                QStringLiteral("u")};
+        m_events.append(event + names.at(int(command)) + host);
+    }
+
+    void run()
+    {
+        if (m_behaviour.isEmpty())
+            return;
+        QEventLoop loop;
+        const QScopedValueRollback<QEventLoop *> running(m_loop, &loop);
+        loop.exec();
+    }
+
     QSharedPointer<CommandTotals> m_totals;
-    std::unique_ptr<Client> m_client;
-
-    void use(const CommandTotals::Limits &limits)
-    {
-        m_totals.reset(new CommandTotals(limits));
-        m_client = std::make_unique<Client>(m_totals);
-    }
-
-    /// Takes the steps one by one from the event loop, which is then that of the running command.
-    void duringTheCommand(const QVector<std::function<void()>> &steps)
-    {
-        for (int i = 0; i < steps.size(); ++i)
-            QTimer::singleShot(20 * (i + 1), this, steps.at(i));
-    }
+    QScopedPointer<CommandQueue> m_queue;
+    QStringList m_events;
+    QString m_behaviour; ///< of the commands that begin; without one they end at once
+    QEventLoop *m_loop = nullptr; ///< of the running command
+    const int m_other = 0; ///< a client
 
 private Q_SLOTS:
-    void init() { use({}); }
-
-    void cleanup() { m_client.reset(); }
-
-    void commandWaitsForTheEventLoop()
+    void init()
     {
-        m_client->queue.add(Command::ConnectUdp, serverOf(1));
-        QCOMPARE(m_client->events, QStringList());
-        QTRY_COMPARE(m_client->events, QStringList{QStringLiteral("udp 1")});
+        m_events.clear();
+        m_behaviour.clear();
+        m_totals.reset(new CommandTotals({1, 1, std::chrono::minutes(1), 1, 1}));
+        m_queue.reset(new CommandQueue(
+            m_totals, 501, [] { return false; }, nullptr));
+        connect(m_queue.data(), &CommandQueue::due, this,
+                [this](Command command, const VpnServerInformation &server) {
+                    note({}, command, server.host);
+                    run();
+                });
+        connect(m_queue.data(), &CommandQueue::overtaken, this,
+                [this](Command command) { note(QStringLiteral("overtaken "), command); });
+        connect(m_queue.data(), &CommandQueue::refused, this,
+                [this](Command command) { note(QStringLiteral("refused "), command); });
+        connect(m_queue.data(), &CommandQueue::attemptOvertaken, this, [this] {
+            m_events.append(QStringLiteral("give up"));
+            if (m_behaviour != QLatin1String("stubborn"))
+                m_loop->quit();
+        });
     }
 
-    void newestOfThoseThatWaitDecides()
+    void cleanup() { m_queue.reset(); }
+
+    void newestCommandDecides_data()
     {
-        m_client->queue.add(Command::Disconnect, {});
-        m_client->queue.add(Command::ConnectUdp, serverOf(1));
-        m_client->queue.add(Command::Disconnect, {});
-        m_client->queue.add(Command::ConnectTcp, serverOf(2));
-        QTRY_COMPARE(m_client->events,
-                     (QStringList{QStringLiteral("disconnect"), QStringLiteral("overtaken udp "),
-                                  QStringLiteral("disconnect"), QStringLiteral("tcp 2")}));
+        QTest::addColumn<QString>("steps");
+        QTest::addColumn<QString>("events");
+        QTest::newRow("it runs from the event loop") << "u1"
+                                                     << "u1";
+        QTest::newRow("connects that wait are overtaken") << "d u1 d t2"
+                                                          << "d, overtaken u, d, t2";
+        QTest::newRow("a running connect is told once") << "stubborn u1 | t2 | t3 | quick end"
+                                                        << "u1, give up, overtaken t, t3";
+        QTest::newRow("every running connect is told") << "slow u1 | u2 | u3 | end"
+                                                       << "u1, give up, u2, give up, u3";
+        QTest::newRow("a running disconnect goes on") << "slow d | u1 | quick end"
+                                                      << "d, u1";
     }
 
-    void newerCommandEndsARunningConnectOnceAndThenRuns()
+    /// The first step is taken at once, the others from the event loop, which is then that of the
+    /// running command.
+    void newestCommandDecides()
     {
-        m_client->isSlow = true;
-        m_client->endsWhenOvertaken = false;
-        m_client->queue.add(Command::ConnectUdp, serverOf(1));
-        duringTheCommand({[this] { m_client->queue.add(Command::ConnectTcp, serverOf(2)); },
-                          // It gives up already, so it is not told again.
-                          [this] { m_client->queue.add(Command::ConnectTcp, serverOf(3)); },
-                          [this] {
-                              m_client->isSlow = false;
-                              m_client->end();
-                          }});
-        QTRY_COMPARE(m_client->events,
-                     (QStringList{QStringLiteral("udp 1"), QStringLiteral("give up"),
-                                  QStringLiteral("overtaken tcp "), QStringLiteral("tcp 3")}));
-    }
-
-    void everyRunningConnectCanBeOvertaken()
-    {
-        m_client->isSlow = true;
-        m_client->queue.add(Command::ConnectUdp, serverOf(1));
-        duringTheCommand({[this] { m_client->queue.add(Command::ConnectUdp, serverOf(2)); },
-                          [this] { m_client->queue.add(Command::ConnectUdp, serverOf(3)); },
-                          [this] { m_client->end(); }});
-        QTRY_COMPARE(m_client->events,
-                     (QStringList{QStringLiteral("udp 1"), QStringLiteral("give up"),
-                                  QStringLiteral("udp 2"), QStringLiteral("give up"),
-                                  QStringLiteral("udp 3")}));
-        QTRY_VERIFY(!m_client->isRunning());
-    }
-
-    void runningDisconnectIsNotOvertaken()
-    {
-        m_client->isSlow = true;
-        m_client->queue.add(Command::Disconnect, {});
-        duringTheCommand({[this] { m_client->queue.add(Command::ConnectUdp, serverOf(1)); },
-                          [this] {
-                              m_client->isSlow = false;
-                              m_client->end();
-                          }});
-        QTRY_COMPARE(m_client->events,
-                     (QStringList{QStringLiteral("disconnect"), QStringLiteral("udp 1")}));
+        QFETCH(QString, steps);
+        QFETCH(QString, events);
+        const QStringList each = steps.split(QLatin1Char('|'));
+        for (int i = 1; i < each.size(); ++i)
+            QTimer::singleShot(20 * i, m_queue.data(), [=] { take(each.at(i)); });
+        take(each.first());
+        QCOMPARE(m_events, QStringList());
+        QTRY_COMPARE(m_events.join(QStringLiteral(", ")), events);
+        QTRY_VERIFY(!m_loop);
     }
 
     void oneMoreThanTenThousandOvertakesTheOldest()
     {
-        m_client->queue.add(Command::ConnectUdp, serverOf(1));
+        take(QStringLiteral("u1"));
         for (int i = 1; i < 10'000; ++i)
-            m_client->queue.add(Command::Disconnect, {});
-        QCOMPARE(m_client->events.size(), 0);
-        m_client->queue.add(Command::Disconnect, {});
-        QCOMPARE(m_client->events, QStringList{QStringLiteral("overtaken udp ")});
+            m_queue->add(Command::Disconnect, {});
+        QCOMPARE(m_events, QStringList());
+        m_queue->add(Command::Disconnect, {});
+        QCOMPARE(m_events, QStringList{QStringLiteral("overtaken u")});
     }
 
     void answersAreGivenOneATurn()
     {
-        for (int i = 0; i < 3; ++i)
-            m_client->queue.add(Command::ConnectUdp, serverOf(i));
-        int turns = 0;
-        while (m_client->events.size() < 3 && turns < 1'000) {
-            const int before = m_client->events.size();
+        take(QStringLiteral("u1 u2 u3"));
+        while (m_events.size() < 3) {
+            const int before = m_events.size();
             QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
-            QVERIFY(m_client->events.size() - before <= 1);
-            ++turns;
+            QVERIFY(m_events.size() - before <= 1);
         }
-        QCOMPARE(m_client->events.size(), 3);
     }
 
-    void usualLimits()
+    /// A disconnect never waits for one.
+    void connectWaitsForItsTurn_data()
     {
-        const CommandTotals::Limits limits;
-        QCOMPARE(limits.connects, 8);
-        QCOMPARE(limits.connectsOfUser, 2);
-        QCOMPARE(limits.joinTime.count(), 16'000);
-        QCOMPARE(limits.tunnels, 64);
-        QCOMPARE(limits.tunnelsOfUser, 16);
+        QTest::addColumn<QString>("next");
+        QTest::addColumn<QString>("events");
+        QTest::newRow("its turn comes") << QString() << "u1";
+        QTest::newRow("a disconnect comes") << "d"
+                                            << "overtaken u, d";
     }
 
-    void connectsInsideEachOtherAreLimited_data()
+    void connectWaitsForItsTurn()
     {
-        QTest::addColumn<QVector<quint32>>("users");
-        QTest::addColumn<int>("running");
-        QTest::newRow("of one user") << QVector<quint32>{501, 501, 501} << 2;
-        QTest::newRow("of root") << QVector<quint32>{0, 0, 0, 0, 0} << 4;
-        QTest::newRow("of all") << QVector<quint32>{501, 502, 501, 502, 503, 504} << 4;
-        QTest::newRow("one user does not keep others waiting")
-            << QVector<quint32>{501, 501, 501, 501, 502} << 3;
+        QFETCH(QString, next);
+        QFETCH(QString, events);
+        m_totals->add(&m_other, 502, [] { return false; });
+        m_totals->begin(&m_other, true);
+        take(QStringLiteral("u1"));
+        QCoreApplication::processEvents();
+        QCOMPARE(m_events, QStringList());
+        take(next);
+        QCoreApplication::processEvents(); // too soon for the connect to ask again
+        QCOMPARE(m_events.isEmpty(), next.isEmpty());
+        if (next.isEmpty())
+            m_totals->end(&m_other, true);
+        QTRY_COMPARE(m_events.join(QStringLiteral(", ")), events);
     }
 
-    /// Four in all, two of one user.
-    void connectsInsideEachOtherAreLimited()
+    void queueThatGoesTakesItsRequestBack()
     {
-        QFETCH(QVector<quint32>, users);
-        QFETCH(int, running);
-        use({4, 2, std::chrono::minutes(1), 64, 16});
-        std::vector<std::unique_ptr<Client>> clients;
-        for (const quint32 user : users) {
-            clients.push_back(std::make_unique<Client>(m_totals, user));
-            clients.back()->isSlow = true;
-            clients.back()->queue.add(Command::ConnectUdp, {});
-        }
-        int counted = -1;
-        // Nested waits end from the inside, so this happens in the innermost of them.
-        QTimer::singleShot(350, this, [&] {
-            counted = int(std::count_if(clients.begin(), clients.end(),
-                                        [](const auto &client) { return client->isRunning(); }));
-            for (const auto &client : clients) {
-                client->isSlow = false;
-                if (client->isRunning())
-                    client->end();
-            }
-        });
-        for (const auto &client : clients)
-            QTRY_COMPARE(client->events, QStringList{QStringLiteral("udp ")});
-        QCOMPARE(counted, running);
+        m_totals->add(&m_other, 502, [] { return false; });
+        m_totals->begin(&m_other, true);
+        take(QStringLiteral("u1"));
+        QCoreApplication::processEvents();
+        m_queue.reset();
+        m_totals->end(&m_other, true);
+        QVERIFY(m_totals->mayConnect(&m_other));
     }
 
-    void turnsAreGivenInTheOrderOfArrival()
-    {
-        use({1, 1, std::chrono::minutes(1), 64, 16});
-        Client first(m_totals, 501);
-        Client second(m_totals, 502);
-        Client third(m_totals, 503);
-        QStringList order;
-        for (Client *client : {&first, &second, &third}) {
-            connect(&client->queue, &CommandQueue::due, this,
-                    [&order](Command, const VpnServerInformation &server) {
-                        order.append(server.host);
-                    });
-        }
-        first.isSlow = true;
-        first.queue.add(Command::ConnectUdp, serverOf(1));
-        QTimer::singleShot(20, this, [&] { second.queue.add(Command::ConnectUdp, serverOf(2)); });
-        // The third one asks more often, and is later all the same.
-        QTimer often;
-        connect(&often, &QTimer::timeout, this, [&] {
-            if (!order.contains(QStringLiteral("3")))
-                third.queue.add(Command::ConnectUdp, serverOf(3));
-        });
-        QTimer::singleShot(60, &often, [&] { often.start(10); });
-        QTimer::singleShot(200, this, [&] { first.end(); });
-        QTRY_COMPARE(third.events.count(QStringLiteral("udp 3")), 1);
-        QCOMPARE(order,
-                 (QStringList{QStringLiteral("1"), QStringLiteral("2"), QStringLiteral("3")}));
-    }
-
-    void clientThatHasGoneKeepsNobodyWaiting()
-    {
-        use({1, 1, std::chrono::minutes(1), 64, 16});
-        m_client->isSlow = true;
-        m_client->queue.add(Command::ConnectUdp, serverOf(1));
-        auto gone = std::make_unique<Client>(m_totals, 502);
-        Client next(m_totals, 503);
-        QTimer::singleShot(20, this, [&] { gone->queue.add(Command::ConnectUdp, serverOf(2)); });
-        QTimer::singleShot(40, this, [&] { next.queue.add(Command::ConnectUdp, serverOf(3)); });
-        QTimer::singleShot(60, this, [&] {
-            gone.reset();
-            m_client->end();
-        });
-        QTRY_COMPARE(next.events, QStringList{QStringLiteral("udp 3")});
-    }
-
-    void disconnectNeverWaitsForATurn()
-    {
-        use({1, 1, std::chrono::minutes(1), 64, 16});
-        Client other(m_totals, 502);
-        other.isSlow = true;
-        other.queue.add(Command::ConnectUdp, serverOf(1));
-        QElapsedTimer timer;
-        qint64 delay = -1;
-        connect(&m_client->queue, &CommandQueue::due, this, [&] { delay = timer.elapsed(); });
-        QTimer::singleShot(20, this, [&] {
-            m_client->queue.add(Command::ConnectUdp, serverOf(2)); // which is put off
-            QTimer::singleShot(30, this, [&] {
-                timer.start();
-                m_client->queue.add(Command::Disconnect, {});
-            });
-        });
-        QTimer::singleShot(150, this, [&] { other.end(); });
-        QTRY_COMPARE(m_client->events,
-                     (QStringList{QStringLiteral("overtaken udp "), QStringLiteral("disconnect")}));
-        QVERIFY2(delay >= 0 && delay < 60, qPrintable(QString::number(delay)));
-    }
-
-    void noConnectJoinsCommandsThatRunForLong()
-    {
-        use({8, 2, std::chrono::milliseconds(100), 64, 16});
-        Client other(m_totals, 502);
-        other.isSlow = true;
-        other.queue.add(Command::Disconnect, {});
-        bool hasJoined = true;
-        QTimer::singleShot(150, this,
-                           [&] { m_client->queue.add(Command::ConnectUdp, serverOf(2)); });
-        QTimer::singleShot(400, this, [&] {
-            hasJoined = !m_client->events.isEmpty();
-            other.end();
-        });
-        QTRY_COMPARE(m_client->events, QStringList{QStringLiteral("udp 2")});
-        QVERIFY(!hasJoined);
-    }
-
-    void connectBeyondTheTunnelsIsRefused_data()
-    {
-        QTest::addColumn<QVector<quint32>>("tunnels");
-        QTest::addColumn<quint32>("user");
-        QTest::addColumn<bool>("isRefused");
-        QTest::newRow("of the user") << QVector<quint32>{501, 501} << 501u << true;
-        QTest::newRow("one less") << QVector<quint32>{501, 502} << 501u << false;
-        QTest::newRow("of root") << QVector<quint32>{0, 0, 501} << 0u << false;
-        QTest::newRow("in all") << QVector<quint32>{0, 501, 502, 503} << 0u << true;
-    }
-
-    /// Four in all, two of one user.
     void connectBeyondTheTunnelsIsRefused()
     {
-        QFETCH(QVector<quint32>, tunnels);
-        QFETCH(quint32, user);
-        QFETCH(bool, isRefused);
-        use({8, 2, std::chrono::minutes(1), 4, 2});
-        std::vector<std::unique_ptr<Client>> others;
-        for (const quint32 other : tunnels) {
-            others.push_back(std::make_unique<Client>(m_totals, other));
-            others.back()->hasTunnel = true;
-        }
-        Client client(m_totals, user);
-        client.hasTunnel = true; // its own is replaced and does not count
-        client.queue.add(Command::ConnectTcp, serverOf(1));
-        const QString event = isRefused ? QStringLiteral("refused tcp ") : QStringLiteral("tcp 1");
-        QTRY_COMPARE(client.events, QStringList{event});
-        // One that goes leaves its place.
-        others.pop_back();
-        client.queue.add(Command::ConnectTcp, serverOf(2));
-        QTRY_COMPARE(client.events, (QStringList{event, QStringLiteral("tcp 2")}));
+        m_totals->add(&m_other, 502, [] { return true; });
+        take(QStringLiteral("t1 d"));
+        QTRY_COMPARE(m_events.join(QStringLiteral(", ")), QStringLiteral("overtaken t, d"));
+        take(QStringLiteral("t1"));
+        QTRY_COMPARE(m_events.last(), QStringLiteral("refused t"));
     }
 };
 
-QTEST_GUILESS_MAIN(CommandQueueOrder)
+QTEST_GUILESS_MAIN(CommandQueueTest)
 #include "tst_commandqueue.moc"

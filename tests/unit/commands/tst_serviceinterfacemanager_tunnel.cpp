@@ -25,8 +25,6 @@ class ManagerWithATunnel : public QObject
     Q_OBJECT
 
 private:
-    QStringList m_outcomes;
-
     void watch(ServiceInterfaceManager &manager)
     {
         connect(&manager, &ServiceInterfaceManager::vpn_cmd_result, this,
@@ -34,6 +32,9 @@ private:
                     m_outcomes.append(result.message);
                 });
     }
+
+    QSharedPointer<CommandTotals> m_totals{new CommandTotals};
+    QStringList m_outcomes;
 
 private Q_SLOTS:
     void init()
@@ -45,11 +46,11 @@ private Q_SLOTS:
     void tunnelOutlivesItsManager()
     {
         LogCapture log;
-        {
-            ServiceInterfaceManager manager(QSharedPointer<CommandTotals>::create(), 501, nullptr);
-            manager.parseVpnCmd(kConnect, serverFor(kTunnel));
-            QCOMPARE(standins::runningOpenvpns(), 1);
-        }
+        QObject parent;
+        auto *manager = new ServiceInterfaceManager(m_totals, 501, &parent);
+        manager->parseVpnCmd(kConnect, serverFor(kTunnel));
+        QCOMPARE(standins::runningOpenvpns(), 1);
+        delete manager;
         QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
         QCOMPARE(standins::runningOpenvpns(), 1);
         QCOMPARE(log.count(QStringLiteral("result output  true")), 0);
@@ -71,7 +72,7 @@ private Q_SLOTS:
     {
         QFETCH(bool, firstIsDirect);
         QFETCH(bool, secondIsDirect);
-        ServiceInterfaceManager manager(QSharedPointer<CommandTotals>::create(), 501, nullptr);
+        ServiceInterfaceManager manager(m_totals, 501, nullptr);
         watch(manager);
         const auto command = [&manager](bool isDirect, const QString &scenario) {
             if (isDirect)
@@ -96,8 +97,8 @@ private Q_SLOTS:
     void heartbeatTimeOutEndsARunningConnect()
     {
         vpncore::OvpnConnection connection;
-        ServiceInterfaceManager manager(&connection, QSharedPointer<CommandTotals>::create(), 501,
-                                        std::chrono::milliseconds(200), nullptr);
+        ServiceInterfaceManager manager(&connection, m_totals, 501, std::chrono::milliseconds(200),
+                                        nullptr);
         watch(manager);
         manager.server_slot(true);
         manager.vpn_command(kConnect, serverFor(QStringLiteral("silent")));

@@ -6,8 +6,6 @@
 
 #include <QtTest/QtTest>
 
-using namespace std::chrono_literals;
-
 /// What a start of the daemon does about DNS settings. The script itself is in tst_dnsscripts.
 class CheckDns : public QObject
 {
@@ -41,13 +39,6 @@ private Q_SLOTS:
                  (QStringList{QStringLiteral("\"Usage: networksetup -setdnsservers "
                                              "<networkservice> <dns1> [dns2] [...]\\n\""),
                               QStringLiteral("check DNS result  true")}));
-    }
-
-    void restoreIsEndedAtTheLimit()
-    {
-        standins::writeBackup(QStringLiteral("TalvexFreeVPN_dns_Wi-Fi"), "192.0.2.1\n");
-        checkDNS(0ms);
-        QCOMPARE(standins::backupFiles(), QStringList{QStringLiteral("TalvexFreeVPN_dns_Wi-Fi")});
     }
 };
 

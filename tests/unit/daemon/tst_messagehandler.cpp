@@ -6,39 +6,27 @@
 
 #include <ctime>
 
-namespace {
-
-const QString kTimeFormat = QStringLiteral("yyyy-MM-dd hh:mm:ss.zzz");
-
-/// Calls the handler as Qt does for a message without a category of its own.
-void log(QtMsgType type, const QString &text, const char *category = "default")
-{
-    messageHandler(type, QMessageLogContext("file.cpp", 7, "function", category), text);
-}
-
-} // namespace
-
-Q_DECLARE_METATYPE(QtMsgType)
-
 /// The lines that the handler writes, for whoever opens a log file.
 class MessageHandler : public QObject
 {
     Q_OBJECT
 
 private:
+    static void log(int type, const QString &text, const char *category = "default")
+    {
+        messageHandler(QtMsgType(type), QMessageLogContext("file.cpp", 7, "function", category),
+                       text);
+    }
+
     /// @return what another reader sees in the file.
     QString content() const
     {
-        QFile file(m_fileName);
+        QFile file(m_folder->filePath(QStringLiteral("log")));
         return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll())
                                               : QStringLiteral("unreadable");
     }
 
-    /// @return the content of a file of one line, without the time.
-    QString withoutTime() const { return content().mid(kTimeFormat.size()); }
-
     QScopedPointer<QTemporaryDir> m_folder;
-    QString m_fileName;
 
 private Q_SLOTS:
     void initTestCase()
@@ -51,90 +39,56 @@ private Q_SLOTS:
     void init()
     {
         m_folder.reset(new QTemporaryDir);
-        m_fileName = m_folder->filePath(QStringLiteral("log"));
-        m_logFile.reset(new QFile(m_fileName));
+        m_logFile.reset(new QFile(m_folder->filePath(QStringLiteral("log"))));
         QVERIFY(m_logFile->open(QIODevice::WriteOnly));
     }
 
     void cleanup() { m_logFile.reset(); }
 
-    void everyLevelHasItsTag_data()
+    void messageIsOneLine_data()
     {
-        QTest::addColumn<QtMsgType>("type");
+        QTest::addColumn<int>("type");
+        QTest::addColumn<QString>("text");
         QTest::addColumn<QString>("line");
-        QTest::newRow("debug") << QtDebugMsg << QStringLiteral("DBG default: a text\n");
-        QTest::newRow("info") << QtInfoMsg << QStringLiteral("INF default: a text\n");
-        QTest::newRow("warning") << QtWarningMsg << QStringLiteral("WRN default: a text\n");
-        QTest::newRow("critical") << QtCriticalMsg << QStringLiteral("CRT default: a text\n");
-        QTest::newRow("fatal, and the handler returns")
-            << QtFatalMsg << QStringLiteral("FTL default: a text\n");
-        QTest::newRow("unknown, without a tag")
-            << static_cast<QtMsgType>(7) << QStringLiteral("default: a text\n");
+        const auto row = [](const char *name, int type, const char *text, const char *line) {
+            QTest::newRow(name) << type << QString::fromLatin1(text) << QString::fromLatin1(line);
+        };
+        row("debug", QtDebugMsg, "a text", "DBG default: a text\n");
+        row("info", QtInfoMsg, "", "INF default: \n");
+        row("warning", QtWarningMsg, "  \"text\" \\n ", "WRN default:   \"text\" \\n \n");
+        row("critical", QtCriticalMsg, "%1 %s %{message}", "CRT default: %1 %s %{message}\n");
+        row("fatal, and the handler returns", QtFatalMsg, "a\r\nb\n", "FTL default: a\r\nb\n\n");
+        row("unknown, without a tag", 7, "a text", "default: a text\n");
     }
 
-    void everyLevelHasItsTag()
+    void messageIsOneLine()
     {
-        QFETCH(QtMsgType, type);
+        QFETCH(int, type);
+        QFETCH(QString, text);
         QFETCH(QString, line);
-        log(type, QStringLiteral("a text"));
-        QCOMPARE(withoutTime(), line);
-    }
-
-    void timeIsTheLocalTimeOfTheMessage()
-    {
+        const QString format = QStringLiteral("yyyy-MM-dd hh:mm:ss.zzz");
         const QDateTime before = QDateTime::currentDateTime();
-        log(QtDebugMsg, QStringLiteral("Local server stopped"));
-        const QDateTime after = QDateTime::currentDateTime();
         QVERIFY(before.offsetFromUtc() != 0);
-        static const QRegularExpression format(
-            QStringLiteral("\\A(\\d{4}-\\d{2}-\\d{2} \\d{2}:\\d{2}:\\d{2}\\.\\d{3})"
-                           "DBG default: Local server stopped\\n\\z"));
-        const QRegularExpressionMatch match = format.match(content());
-        QVERIFY2(match.hasMatch(), qPrintable(content()));
-        const auto time = QDateTime::fromString(match.captured(1), kTimeFormat);
+        log(type, text);
+        const QDateTime after = QDateTime::currentDateTime();
+        QCOMPARE(content().mid(format.size()), line);
+        const auto time = QDateTime::fromString(content().left(format.size()), format);
         QVERIFY2(before <= time && time <= after, qPrintable(content()));
+        QVERIFY(m_logFile->isOpen());
     }
 
     void categoryIsThatOfTheMessage()
     {
         log(QtWarningMsg, QStringLiteral("text"), "talvex.test");
-        QCOMPARE(withoutTime(), QStringLiteral("WRN talvex.test: text\n"));
+        QVERIFY(content().endsWith(QStringLiteral("WRN talvex.test: text\n")));
     }
 
-    void textIsWrittenAsItIs_data()
+    void handlerOpensNothing()
     {
-        QTest::addColumn<QString>("text");
-        QTest::newRow("empty") << QString();
-        QTest::newRow("blanks and quotes") << QStringLiteral("  \"text\" \\n ");
-        QTest::newRow("markers") << QStringLiteral("%1 %s %{message}");
-        QTest::newRow("several lines") << QStringLiteral("first\r\nsecond\n");
-    }
-
-    void textIsWrittenAsItIs()
-    {
-        QFETCH(QString, text);
-        log(QtInfoMsg, text);
-        QCOMPARE(withoutTime(), QStringLiteral("INF default: %1\n").arg(text));
-    }
-
-    void fileStaysAsItWasOpened()
-    {
-        log(QtDebugMsg, QStringLiteral("first"));
-        m_logFile.reset(new QFile(m_fileName));
-        QVERIFY(m_logFile->open(QIODevice::WriteOnly | QIODevice::Append));
-        log(QtDebugMsg, QStringLiteral("second"));
-        QCOMPARE(content().count(QLatin1Char('\n')), 2);
-        QVERIFY(m_logFile->isOpen());
-
         const QString other = m_folder->filePath(QStringLiteral("other"));
         m_logFile.reset(new QFile(other));
-        log(QtDebugMsg, QStringLiteral("third"));
-        QVERIFY(!m_logFile->isOpen());
+        log(QtDebugMsg, QStringLiteral("text"));
         QVERIFY(!QFile::exists(other));
-    }
-
-    void withoutAFileNothingIsWritten()
-    {
         m_logFile.reset();
         const LogCapture qt; // which would complain of a stream without a device
         log(QtFatalMsg, QStringLiteral("text"));
@@ -147,7 +101,7 @@ private Q_SLOTS:
         const QtMessageHandler former = qInstallMessageHandler(messageHandler);
         qInfo() << "info" << QStringLiteral("text");
         qInstallMessageHandler(former);
-        QCOMPARE(withoutTime(), QStringLiteral("INF default: info \"text\"\n"));
+        QVERIFY(content().endsWith(QStringLiteral("INF default: info \"text\"\n")));
     }
 };
 
