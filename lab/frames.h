@@ -9,8 +9,8 @@
 /// docs/protocol-frames.md for the layout.
 namespace frames {
 
-const QString kIpcInterface = QStringLiteral("IpcInterface");
-const QString kServiceInterface = QStringLiteral("ServiceInterface");
+constexpr QLatin1String kIpcInterface("IpcInterface");
+constexpr QLatin1String kServiceInterface("ServiceInterface");
 
 /// The index of a slot in its interface.
 constexpr int kCreatePrivilegedProcess = 0;

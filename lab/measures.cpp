@@ -4,51 +4,60 @@
 
 #include <algorithm>
 
-#include <sys/resource.h>
+#include <unistd.h>
 
 namespace measures {
 
+namespace {
+
+/// @return the number behind @p field in a file of /proc/PID, behind @p section if there is one.
+qint64 numberIn(qint64 pid, const char *name, const QByteArray &field, const char *section = "")
+{
+    QFile file(QStringLiteral("/proc/%1/%2").arg(pid).arg(QLatin1String(name)));
+    if (!file.open(QIODevice::ReadOnly))
+        return -1;
+    const QByteArray text = '\n' + file.readAll();
+    const int start = text.indexOf(section);
+    const int found = start < 0 ? -1 : text.indexOf('\n' + field + ':', start);
+    return found < 0
+        ? -1
+        : text.mid(found + field.size() + 2).simplified().split(' ').first().toLongLong();
+}
+
+} // namespace
+
 qint64 statusOf(qint64 pid, const char *field)
 {
-    QFile status(QStringLiteral("/proc/%1/status").arg(pid));
-    if (!status.open(QIODevice::ReadOnly))
-        return -1;
-    const QByteArray text = '\n' + status.readAll();
-    const QByteArray start = '\n' + QByteArray(field) + ':';
-    const int found = text.indexOf(start);
-    return found < 0 ? -1
-                     : text.mid(found + start.size())
-                           .trimmed()
-                           .split('\n')
-                           .first()
-                           .split(' ')
-                           .first()
-                           .toLongLong();
+    return numberIn(pid, "status", field);
 }
 
 qint64 stackKiB(qint64 pid)
 {
     // The pages that were ever touched; the size of the mapping starts beyond what is used.
-    QFile maps(QStringLiteral("/proc/%1/smaps").arg(pid));
-    if (!maps.open(QIODevice::ReadOnly))
-        return -1;
-    const QByteArray text = maps.readAll();
-    const int stack = text.indexOf("[stack]");
-    const int found = stack < 0 ? -1 : text.indexOf("Rss:", stack);
-    if (found < 0)
-        return -1;
-    return text.mid(found + 4).trimmed().split(' ').first().toLongLong();
+    return numberIn(pid, "smaps", "Rss", "[stack]");
 }
 
-bool allowDescriptors(quint64 number)
+bool allowDescriptors(rlim_t number)
 {
     rlimit limit = {};
     ::getrlimit(RLIMIT_NOFILE, &limit);
-    if (limit.rlim_cur >= number)
-        return true;
-    limit.rlim_cur = number;
-    limit.rlim_max = std::max<rlim_t>(limit.rlim_max, number);
+    limit.rlim_cur = std::max(limit.rlim_cur, number);
+    limit.rlim_max = std::max(limit.rlim_max, number);
     return ::setrlimit(RLIMIT_NOFILE, &limit) == 0;
+}
+
+FewDescriptors::FewDescriptors(int left)
+{
+    ::getrlimit(RLIMIT_NOFILE, &m_former);
+    const int next = ::dup(0);
+    ::close(next);
+    const rlimit few = {static_cast<rlim_t>(next + left), m_former.rlim_max};
+    ::setrlimit(RLIMIT_NOFILE, &few);
+}
+
+FewDescriptors::~FewDescriptors()
+{
+    ::setrlimit(RLIMIT_NOFILE, &m_former);
 }
 
 } // namespace measures

@@ -2,6 +2,8 @@
 
 #include <QtCore/QtGlobal>
 
+#include <sys/resource.h>
+
 /// Figures of processes, and what the tests need to take them.
 namespace measures {
 
@@ -14,7 +16,20 @@ qint64 stackKiB(qint64 pid);
 
 /// Lets this process, and those that it starts, open as many descriptors.
 /// @return false when the machine does not allow it.
-bool allowDescriptors(quint64 number);
+bool allowDescriptors(rlim_t number);
+
+/// Lets this process open so many descriptors more and not one beyond, while it lives.
+class FewDescriptors
+{
+public:
+    explicit FewDescriptors(int left);
+    ~FewDescriptors();
+    FewDescriptors(const FewDescriptors &) = delete;
+    FewDescriptors &operator=(const FewDescriptors &) = delete;
+
+private:
+    rlimit m_former = {};
+};
 
 /// Whether resident memory tells something about the program: the sanitizers keep freed memory
 /// back and put a shadow beside it.
