@@ -287,6 +287,14 @@ private Q_SLOTS:
                               QStringLiteral("disconnect"), QStringLiteral("tcp lastkey443")}));
     }
 
+    void directCallInsideAWaitingConnectNests()
+    {
+        m_connection->isSlow = true;
+        QTimer::singleShot(0, this, [this] { m_manager->parseVpnCmd(kDisconnect, {}); });
+        m_manager->parseVpnCmd(kConnectUdp, server());
+        QCOMPARE(m_answers, (QStringList{kDisconnectAnswer, kConnectAnswer}));
+    }
+
     void everyHeartbeatStartsThirtySecondsAnew()
     {
         const LogCapture log;
@@ -324,6 +332,15 @@ private Q_SLOTS:
             QVERIFY(!watch()->isActive());
         }
         QCOMPARE(m_answers, QStringList());
+    }
+
+    void timeOutEndsAConnectThatRuns()
+    {
+        use(50ms);
+        m_connection->isSlow = true;
+        m_manager->server_slot(true);
+        m_manager->vpn_command(kConnectUdp, server());
+        QTRY_COMPARE(m_messages, QStringList{QStringLiteral("gave up")});
     }
 
     void timeOutEndsWhatWaits()

@@ -320,20 +320,6 @@ private Q_SLOTS:
         QTRY_VERIFY(checked.isNull());
     }
 
-    void hostMayGoBeforeItsConnections()
-    {
-        RawConnections clients;
-        {
-            Endpoint endpoint(m_name);
-            clients = openConnections(m_name, 3);
-            for (const auto &client : clients)
-                QVERIFY(client->send(kAttach + kHeartbeat));
-            QTRY_COMPARE(endpoint.source.heartbeats, 3);
-        }
-        QCOMPARE(closedByPeer(clients), 3);
-        QCOMPARE(warnings(), QStringList());
-    }
-
     void connectionLeaves32Descriptors_data()
     {
         QTest::addColumn<int>("left");
