@@ -37,8 +37,8 @@ public:
                           const std::function<double()> &takeBaseline,
                           const std::function<double()> &takeSample);
 
-    /// The bar, of which a row has one at most: without, it tells and cannot miss. The values are
-    /// in the row's unit; the ratio is of the measured value to the baseline.
+    /// The bar. A row has one at most; without one it cannot miss. The values are in the row's
+    /// unit; the ratio is the measured value divided by the baseline.
     Result &mustBeAtMost(double value);
     Result &mustBeAtMostBaselinePlus(double value); ///< and the remark tells the worst rounds
     /// The same, and the worst round at most the baseline's worst plus @p worst.

@@ -1,4 +1,4 @@
-# What who writes a client installs: "cmake --install BUILD --component development". A CMake project
+# What a client's developer installs: "cmake --install BUILD --component development". A CMake project
 # finds it with find_package(TalvexVpn); examples/CMakeLists.txt shows how.
 
 include(CMakePackageConfigHelpers)

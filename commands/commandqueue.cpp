@@ -7,11 +7,11 @@ namespace {
 
 using namespace std::chrono_literals;
 
-/// After which a command that may not begin yet asks again.
+/// A command that may not begin yet asks again after this time.
 constexpr auto kPutOffTime = 100ms;
 
-/// What is left to a client for reading one answer, when it has very many to read. Thousands in one
-/// go would be more than a connection holds for its client.
+/// The pause between two answers. It lets the client read: a connection does not hold thousands of
+/// unread ones.
 constexpr auto kAnswerTime = 1ms;
 
 } // namespace
@@ -53,7 +53,7 @@ void CommandQueue::runNext()
 {
     if (m_waiting.isEmpty())
         return;
-    if (m_running != Command::None) { // and its wait is where this is called from
+    if (m_running != Command::None) { // this is called from inside its wait
         overtakeRunning();
         return;
     }

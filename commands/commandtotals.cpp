@@ -26,7 +26,7 @@ bool CommandTotals::hasTooManyTunnels(const void *client) const
     int tunnels = 0;
     int tunnelsOfUser = 0;
     for (auto other = m_clients.begin(); other != m_clients.end(); ++other) {
-        // Its own one ends before the connect starts another.
+        // The connect ends its own tunnel before it starts another.
         if (other.key() == client || !other->hasTunnel())
             continue;
         ++tunnels;

@@ -7,24 +7,24 @@
 #include <chrono>
 #include <functional>
 
-/// What the clients share of the daemon, and what is a fair part of it. One object for all of them.
+/// Shares out turns and tunnels among all clients. One object for all of them.
 ///
 /// While a command waits for `openvpn`, the event loop turns, and a command of another client
 /// begins inside that wait: the outer one is answered only after the inner one. So connects, which
 /// take long, have to wait for a turn. Disconnects never do.
 ///
-/// Of the user root, only the totals count.
+/// For the user root, only the totals count.
 class CommandTotals
 {
 public:
     struct Limits
     {
-        /// Connects that run inside each other. Each takes some 10 KiB of stack and may hold up
-        /// those in whose waits it runs by its own time.
+        /// Connects that run inside each other's waits. Each takes some 10 KiB of stack and delays
+        /// the answers of the commands around it.
         int connects = 8;
         int connectsOfUser = 2;
-        /// After the outermost running command has begun, connects may still begin inside it for so
-        /// long. Otherwise one after the other could hold up its answer without end.
+        /// Connects may begin inside the outermost running command for so long after its start.
+        /// Without this limit, one after the other could delay its answer without end.
         std::chrono::milliseconds joinTime{std::chrono::seconds(16)};
         /// Living `openvpn` processes, in a tunnel or left by a failed attempt.
         int tunnels = 64;

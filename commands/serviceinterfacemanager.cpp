@@ -180,9 +180,10 @@ void ServiceInterfaceManager::server_slot(bool clientState)
 void ServiceInterfaceManager::timeout_slot()
 {
     qDebug() << "Client was disconnected";
-    // Or a connect that waits behind a slow disconnect would bring a tunnel up that nobody watches.
+    // Otherwise a connect that waits behind a slow disconnect would bring up a tunnel that nobody
+    // watches.
     queue.overtakeWaiting();
     ovpnConnection->disconnect();
-    // Not before: that a heartbeat which comes during the disconnect does not count is wanted.
+    // Not before: a heartbeat that comes during the disconnect does not count. That is wanted.
     livenessTimer->stop();
 }

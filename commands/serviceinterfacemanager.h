@@ -53,7 +53,7 @@ public:
     /// Executes one command and answers it. The event loop turns until the command is done (16 s
     /// and more for a connect), so this may be called again from inside; the newer command then
     /// ends the attempt of the older one. Giving the DNS settings back blocks for up to 10 s
-    /// without turning it. Such direct calls pass the queue by.
+    /// without turning it. Direct calls go past the queue.
     /// @param message the command, JSON.
     /// @param vpnServer where to connect to; not read by other commands.
     void parseVpnCmd(const QString &message, const VpnServerInformation &vpnServer);

@@ -60,8 +60,8 @@ int IpcServer::createPrivilegedProcess()
     return m_localSocketsCounter;
 }
 
-/// The first three connections hold copies of the descriptor. They go when this goes, newest first:
-/// nothing is logged then, since what logs has gone before the last copy.
+/// The first three connections hold copies of the descriptor. When this object is deleted, they are
+/// removed newest first. So those that log have gone before the last copy, and nothing is logged.
 void IpcServer::serve(const ProcessDescriptor &descriptor)
 {
     const QLocalServer *server = descriptor.localServer.data();

@@ -43,7 +43,7 @@ public:
     /// Restores later while that is needed, for a restore that has just been run by somebody else.
     void watch();
 
-    /// Lets no repetition run as long as @p openvpn does. Its end is no reason to restore.
+    /// Pauses the repetitions while @p openvpn runs. Its end alone restores nothing.
     void pauseWhileRunning(const QProcess &openvpn);
 
 private:

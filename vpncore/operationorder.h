@@ -5,7 +5,7 @@
 namespace vpncore {
 
 /// Knows which operation of a connection is the newest. Operations nest, because every wait turns
-/// the event loop; who has waited asks its token whether it still has the say.
+/// the event loop. After a wait, an operation asks its token whether it is still the newest.
 ///
 /// An operation begins with the disconnect() that ends what was before it.
 class OperationOrder

@@ -201,7 +201,7 @@ OperationResult OvpnConnection::tryConnectOneTime(const QString &configText,
     QElapsedTimer attempt;
     attempt.start();
     OpenvpnOutput output;
-    // As it comes, also while other operations run inside the waits, so that it never piles up.
+    // Read at once, also while other operations run inside the waits, so that it never piles up.
     const QObject attemptScope;
     QObject::connect(process.get(), &QProcess::readyRead, &attemptScope,
                      [&] { output.read(*process); });

@@ -9,8 +9,8 @@ struct OvpnLimits
 {
     /// Between two looks at the output and the state of `openvpn`.
     std::chrono::milliseconds poll{500};
-    /// For the first output of an attempt. An unreachable server is the usual reason for silence,
-    /// and another one may be tried sooner than after a whole attempt.
+    /// For the first output of an attempt. `openvpn` prints its version at once, so without output
+    /// it hangs.
     std::chrono::milliseconds firstOutput{std::chrono::seconds(10)};
     /// For one attempt.
     std::chrono::milliseconds attempt{std::chrono::seconds(16)};

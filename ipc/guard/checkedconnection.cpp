@@ -75,7 +75,7 @@ bool CheckedConnection::accept(QLocalServer &server, QRemoteObjectHostBase &host
     // last child.
     connect(connection, SIGNAL(disconnected()), host.children().constLast(), SIGNAL(disconnected()),
             Qt::UniqueConnection);
-    // Last, so that it goes after the objects of the host that write to it when they go.
+    // Last: the host's objects write to it when they are deleted, so it must outlive them.
     connection->setParent(&host);
     return true;
 }
@@ -129,7 +129,7 @@ qint64 CheckedConnection::readData(char *data, qint64 maxSize)
     std::memcpy(data, m_readable.constData(), static_cast<std::size_t>(size));
     m_readable.remove(0, size);
     if (m_readable.isEmpty())
-        m_readable.clear(); // which also lets go of the room of a long frame
+        m_readable.clear(); // which also frees the memory of a long frame
     return size;
 }
 

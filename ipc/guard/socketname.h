@@ -6,7 +6,7 @@
 namespace socketname {
 
 /// @return whether something of this process's own effective user stands at @p path: the socket of
-///         a daemon that lives, or what a dead one left. A link counts as what it is itself.
+///         a daemon that lives, or what a dead one left. A link counts, not its target.
 bool isTakenByOwnUser(const QString &path);
 
 /// @return what QLocalServer::errorString() says of a name that is taken.

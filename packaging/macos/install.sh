@@ -60,7 +60,7 @@ makeFolder() {
 
 # prepare TARGET [MODE SOURCE]: puts the target's successor beside it.
 prepare() {
-    # What an installation has left that was cut off in the middle.
+    # What an interrupted installation has left.
     rm -rf "$1$new"
     if isThere "$1"; then
         rm -rf "$1$old"

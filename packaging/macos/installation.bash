@@ -17,7 +17,7 @@ readonly restorePlist=/Library/LaunchDaemons/TalvexRestore.plist
 readonly log=/var/log/talvexvpnd.log
 readonly job=system/com.talvex.talvexvpnd
 readonly restoreJob=system/com.talvex.restore
-# What an installation puts beside a file: its successor, and while it goes on, the file itself.
+# What an installation puts beside a file: the new one, and the old one until all is done.
 readonly new=.talvex-new
 readonly old=.talvex-old
 
@@ -63,7 +63,7 @@ endTunnels() {
     while ((tries-- > 0)) && kill -0 "${openvpns[@]}" 2>/dev/null; do sleep 0.2; done
 }
 
-# failIfWritable PATH [OPTION-OF-FIND]...: of what find finds, nothing may be for others to change.
+# failIfWritable PATH [OPTION-OF-FIND]...: fails when others than root may change what find finds.
 failIfWritable() {
     local found
     found=$(find "$@" \( ! -user 0 -o ! -type l \( -perm -020 -o -perm -002 \) \))

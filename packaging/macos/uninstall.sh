@@ -47,7 +47,7 @@ removeAll() {
     rmdir "$contents" "$app" 2>/dev/null || true
 }
 
-# In one piece, since the file itself goes meanwhile.
+# Bash reads a function as a whole. The file itself is removed while this one runs.
 main() {
     [[ $# -eq 0 ]] || fail "usage: uninstall.sh"
     ((EUID == 0)) || fail "this needs root: sudo $0"

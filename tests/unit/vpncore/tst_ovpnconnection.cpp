@@ -99,7 +99,7 @@ private:
     Q_DISABLE_COPY(Mount)
 };
 
-/// A file that nobody can execute until it is let go of, as on a disk that hangs: exec(2) waits.
+/// A file that nobody can execute until it is released, as on a disk that hangs: exec(2) waits.
 class HangingFile
 {
 public:
