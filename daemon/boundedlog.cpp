@@ -37,8 +37,8 @@ QByteArray newestLines(qint64 size)
     return log.readAll();
 }
 
-/// How much may be written before the file's size is looked at again, which would be a fifth of
-/// what a short line costs.
+/// How much may be written before the file's size is looked at again. A look costs a fifth of a
+/// short line.
 qint64 maxUnseenBytes()
 {
     return maxLogBytes / 256;
@@ -78,7 +78,7 @@ bool keepLogWithin(qint64 maxBytes)
     struct stat status = {};
     if (::fstat(STDERR_FILENO, &status) != 0 || !S_ISREG(status.st_mode))
         return false;
-    // Else the next message would come where the end was before, behind a hole.
+    // Otherwise the next message after a cut would stand where the end was before, behind a hole.
     ::fcntl(STDERR_FILENO, F_SETFL, ::fcntl(STDERR_FILENO, F_GETFL) | O_APPEND);
     maxLogBytes = maxBytes;
     unseenBytes = maxBytes; // so the first message looks

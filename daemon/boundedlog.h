@@ -13,7 +13,7 @@ constexpr qint64 kMaxLogBytes = qint64{32} * 1024 * 1024;
 /// What others write to the file counts. It does not matter how the file was opened, nor whether it
 /// is renamed or removed meanwhile; where it cannot be read, no line is kept.
 ///
-/// To be called once, and before there are messages of several threads.
+/// Call this once, before several threads write messages.
 /// @param maxBytes more than the longest message, which has some MiB, and an eighth of this.
 /// @return false when standard error is no regular file: a terminal, a pipe. Then nothing changes.
 bool keepLogWithin(qint64 maxBytes = kMaxLogBytes);

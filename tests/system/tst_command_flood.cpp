@@ -129,7 +129,7 @@ private Q_SLOTS:
         QTest::addColumn<QString>("type");
         QTest::addColumn<qint64>("memoryKiB");
         QTest::addColumn<int>("running");
-        // What a call carried is let go of when it is done; all records together have 16 MiB.
+        // The daemon drops the arguments of a call after it; all records together have 16 MiB.
         QTest::newRow("texts that are no command") << "nothing" << qint64(8 * 1024) << 0;
         // An attempt that runs holds the record, the configuration text and what it was sent.
         QTest::newRow("connects") << "connect" << qint64(96 * 1024) << 8;
