@@ -74,7 +74,7 @@ int main(int argc, char **argv)
         const auto line = readCommandLine(arguments, terminalWidth(STDOUT_FILENO));
         if (const auto *options = std::get_if<Options>(&line))
             return run(*options, report);
-        QTextStream(stdout) << std::get<QString>(line);
+        QTextStream(stdout) << *std::get_if<QString>(&line);
         return exitStatus(ExitCode::Done);
     } catch (const Problem &problem) {
         report.problem(problem);

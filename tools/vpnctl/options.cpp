@@ -191,24 +191,35 @@ private:
     int m_width;
 };
 
+/// @return nothing when @p row is not about a member of this type.
+template<typename Value>
 CLI::Option *addOption(CLI::App &command, const OptionRow &row, Options &options)
 {
-    const auto add = [&](auto member) {
-        using Value = std::decay_t<decltype(options.*member)>;
-        if constexpr (std::is_same_v<Value, bool>) {
-            return command.add_flag(row.names, options.*member, row.text);
-        } else if constexpr (std::is_same_v<Value, QString>) {
-            const auto set = [member, &options](const std::string &text) {
-                options.*member = QString::fromStdString(text);
-            };
-            return command.add_option_function<std::string>(row.names, set, row.text);
-        } else {
-            const auto set = [member, &options](int number) { options.*member = Value(number); };
-            return command.add_option_function<int>(row.names, set, row.text)
-                ->check(CLI::Range(row.lowest, row.highest).description(""));
-        }
-    };
-    return std::visit(add, row.member)->type_name(row.value);
+    const auto *pointer = std::get_if<Value Options::*>(&row.member);
+    if (!pointer)
+        return nullptr;
+    Value &value = options.**pointer;
+    if constexpr (std::is_same_v<Value, bool>) {
+        return command.add_flag(row.names, value, row.text);
+    } else if constexpr (std::is_same_v<Value, QString>) {
+        const auto set = [&value](const std::string &text) {
+            value = QString::fromStdString(text);
+        };
+        return command.add_option_function<std::string>(row.names, set, row.text);
+    } else {
+        const auto set = [&value](int number) { value = Value(number); };
+        return command.add_option_function<int>(row.names, set, row.text)
+            ->check(CLI::Range(row.lowest, row.highest).description(""));
+    }
+}
+
+CLI::Option *addOption(CLI::App &command, const OptionRow &row, Options &options)
+{
+    CLI::Option *option = addOption<bool>(command, row, options);
+    option = option ? option : addOption<int>(command, row, options);
+    option = option ? option : addOption<std::chrono::seconds>(command, row, options);
+    option = option ? option : addOption<QString>(command, row, options);
+    return option->type_name(row.value);
 }
 
 void addEverything(CLI::App &app, Options &options)

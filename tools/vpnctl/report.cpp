@@ -1,6 +1,7 @@
 #include "report.h"
 
 #include "explain.h"
+#include "textlayout.h"
 #include "vpnsession.h"
 
 #include <QtCore/QJsonArray>
@@ -117,7 +118,7 @@ void Report::print(const char *event, QJsonObject fields, const QString &text, i
         return;
     }
     clearLiveLine();
-    write(descriptor, text.toUtf8() + '\n');
+    write(descriptor, wrapped(text, terminalWidth(descriptor)).toUtf8() + '\n');
 }
 
 void Report::write(int descriptor, const QByteArray &bytes)
