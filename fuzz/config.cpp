@@ -7,37 +7,27 @@
 #include "configtext.h"
 #include "fuzzsupport.h"
 
-namespace {
-
-QString text(fuzz::Input &input)
+void fuzz::run(const QByteArray &input)
 {
-    QByteArray bytes = input.upToNul();
-    while (bytes.endsWith('\xff')) {
-        bytes.chop(1);
-        const QByteArray more = input.upToNul();
-        bytes += '\1' + more;
-    }
-    return QString::fromUtf8(bytes).replace(QChar(1), QChar(0));
-}
-
-} // namespace
-
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
-{
-    fuzz::prepare();
-    fuzz::Input input(data, size);
-    const auto type =
-        input.byte() % 2 == 0 ? vpncore::OvpnConnection::Tcp : vpncore::OvpnConnection::Udp;
+    quint8 transport = 0;
     VpnServerInformation server;
-    server.udpPort = server.tcpPort = input.number();
-    server.host = text(input);
-    server.ca = text(input);
-    server.cert = text(input);
-    server.key = text(input);
+    QDataStream stream(input);
+    stream >> transport >> server.udpPort;
+    server.tcpPort = server.udpPort;
+    const auto type =
+        transport % 2 == 0 ? vpncore::OvpnConnection::Tcp : vpncore::OvpnConnection::Udp;
+    QByteArray texts = input.mid(5);
+    const QByteArrayList fields = texts.replace(QByteArray("\xff\0", 2), "\1").split('\0');
+    const auto text = [&fields](int n) {
+        return QString::fromUtf8(fields.value(n)).replace(QChar(1), QChar(0));
+    };
+    server.host = text(0);
+    server.ca = text(1);
+    server.cert = text(2);
+    server.key = text(3);
 
     const QByteArray file = configtext::written(configtext::generated(type, server));
     const QByteArray problem = configtext::problem(type, server, file);
     if (!problem.isEmpty())
-        fuzz::fail("a record got something else into the configuration", problem);
-    return 0;
+        fail("a record got something else into the configuration", problem);
 }

@@ -12,19 +12,11 @@
 
 namespace {
 
-constexpr quint16 kInvoke = 6;
-
-const QMetaObject &interfaceOf(quint8 choice)
-{
-    return choice % 2 == 0 ? IpcInterfaceSource::staticMetaObject
-                           : ServiceInterfaceSource::staticMetaObject;
-}
-
 /// Reads what has passed as Remote Objects does, without any doubt.
 void readFrames(const QByteArray &passed)
 {
+    constexpr quint16 kInvoke = 6;
     QDataStream all(passed);
-    all.setVersion(QDataStream::Qt_5_12);
     while (!all.atEnd()) {
         QByteArray frame;
         all >> frame; // which has its length in front as well
@@ -34,12 +26,9 @@ void readFrames(const QByteArray &passed)
         QString name;
         stream >> type >> name;
         if (type == kInvoke) {
-            qint32 call = 0;
-            qint32 index = 0;
+            qint32 number = 0;
             QVariantList arguments;
-            qint32 serial = 0;
-            qint32 property = 0;
-            stream >> call >> index >> arguments >> serial >> property;
+            stream >> number >> number >> arguments >> number >> number;
             if (!stream.atEnd())
                 fuzz::fail("an invoke that is longer than its content passed");
         }
@@ -50,20 +39,20 @@ void readFrames(const QByteArray &passed)
 
 } // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
+void fuzz::run(const QByteArray &input)
 {
-    fuzz::prepare();
     qRegisterMetaTypeStreamOperators<VpnServerInformation>("VpnServerInformation");
-    fuzz::Input input(data, size);
-    const QMetaObject &interface = interfaceOf(input.byte());
-    const QByteArray bytes = input.rest();
+    const QMetaObject &interface = input.isEmpty() || input.at(0) % 2 == 0
+        ? IpcInterfaceSource::staticMetaObject
+        : ServiceInterfaceSource::staticMetaObject;
+    const QByteArray bytes = input.mid(1);
 
     FrameChecker whole(interface);
     const QByteArray passed = whole.check(bytes);
     if (!bytes.startsWith(passed))
-        fuzz::fail("what passed is not what came");
+        fail("what passed is not what came");
     if (whole.violation().isEmpty() && passed.size() + whole.heldBytes() != bytes.size())
-        fuzz::fail("bytes got lost");
+        fail("bytes got lost");
     readFrames(passed);
 
     FrameChecker inPieces(interface);
@@ -72,7 +61,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     for (int position = 0; position < bytes.size(); position += piece)
         passedInPieces += inPieces.check(bytes.mid(position, piece));
     if (inPieces.violation() != whole.violation() || inPieces.heldBytes() != whole.heldBytes())
-        fuzz::fail("cutting the bytes changed the verdict");
+        fail("cutting the bytes changed the verdict");
     readFrames(passedInPieces);
-    return 0;
 }

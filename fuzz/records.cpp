@@ -34,13 +34,10 @@ void goRound(const QByteArray &bytes)
 
 } // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
+void fuzz::run(const QByteArray &input)
 {
-    fuzz::prepare();
-    fuzz::Input input(data, size);
-    if (input.byte() % 2 == 0)
-        goRound<VpnServerInformation>(input.rest());
+    if (input.isEmpty() || input.at(0) % 2 == 0)
+        goRound<VpnServerInformation>(input.mid(1));
     else
-        goRound<OperationResult>(input.rest());
-    return 0;
+        goRound<OperationResult>(input.mid(1));
 }

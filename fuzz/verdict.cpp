@@ -21,20 +21,15 @@ int expectedVerdict(const std::string &output)
 
 } // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
+void fuzz::run(const QByteArray &output)
 {
-    fuzz::prepare();
-    fuzz::Input input(data, size);
-    const QByteArray output = input.rest();
-
     OvpnConnection connection;
     const QString text = QString::fromLatin1(output.constData(), output.size());
     const int verdict = connection.analyseProcessOutput(text);
     if (verdict != expectedVerdict(output.toStdString()))
-        fuzz::fail("not the verdict that the texts call for");
+        fail("not the verdict that the texts call for");
     const QString half = text.left(text.size() / 2);
     if (connection.analyseProcessOutput(half) == OvpnConnection::Connected
         && verdict != OvpnConnection::Connected)
-        fuzz::fail("more output took a success back");
-    return 0;
+        fail("more output took a success back");
 }

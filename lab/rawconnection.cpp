@@ -17,7 +17,7 @@ namespace {
 
 constexpr int kLimitMs = 30'000;
 
-bool waitFor(int socket, short event, int limitMs)
+bool waitFor(int socket, short event, int limitMs = kLimitMs)
 {
     pollfd ready = {socket, event, 0};
     return ::poll(&ready, 1, limitMs) == 1;
@@ -48,7 +48,7 @@ RawConnection::~RawConnection()
     ::close(m_socket);
 }
 
-bool RawConnection::send(const QByteArray &bytes, int limitMs)
+bool RawConnection::send(const QByteArray &bytes)
 {
     int sent = 0;
     while (sent < bytes.size()) {
@@ -56,7 +56,7 @@ bool RawConnection::send(const QByteArray &bytes, int limitMs)
                                   static_cast<std::size_t>(bytes.size() - sent), MSG_NOSIGNAL);
         if (count > 0)
             sent += static_cast<int>(count);
-        else if (errno != EAGAIN || !waitFor(m_socket, POLLOUT, limitMs))
+        else if (errno != EAGAIN || !waitFor(m_socket, POLLOUT))
             return false;
     }
     return true;
@@ -67,37 +67,14 @@ void RawConnection::finishSending()
     ::shutdown(m_socket, SHUT_WR);
 }
 
-bool RawConnection::receive(int size)
+bool RawConnection::isClosedByPeer(int limitMs) const
 {
     char buffer[4096];
-    while (size > 0) {
-        if (!waitFor(m_socket, POLLIN, kLimitMs))
-            return false;
-        const auto count = ::recv(m_socket, buffer, sizeof(buffer), 0);
-        if (count <= 0)
-            return false;
-        size -= static_cast<int>(count);
-    }
-    return true;
-}
-
-bool RawConnection::waitForEnd()
-{
-    char buffer[4096];
-    while (waitFor(m_socket, POLLIN, kLimitMs)) {
+    while (waitFor(m_socket, POLLIN, limitMs)) {
         if (::recv(m_socket, buffer, sizeof(buffer), 0) <= 0)
             return true;
     }
     return false;
-}
-
-bool RawConnection::isClosedByPeer() const
-{
-    char buffer[4096];
-    ssize_t count = 0;
-    while ((count = ::recv(m_socket, buffer, sizeof(buffer), 0)) > 0) {
-    }
-    return count == 0 || errno != EAGAIN;
 }
 
 RawConnections openConnections(const QString &name, int number)

@@ -20,21 +20,14 @@ public:
 
     bool isConnected() const { return m_isConnected; }
 
-    /// Sends everything, unless the peer closes the connection or takes nothing for @p limitMs.
-    bool send(const QByteArray &bytes, int limitMs = 30'000);
+    /// Sends everything, unless the peer closes the connection or takes nothing for long.
+    bool send(const QByteArray &bytes);
 
     void finishSending();
 
-    /// Reads at least @p size bytes.
-    bool receive(int size);
-
-    /// Reads until the peer has closed the connection.
-    /// @return false when it does not within some seconds.
-    bool waitForEnd();
-
-    /// Reads what has come.
+    /// Reads what has come, and what comes within @p limitMs milliseconds.
     /// @return whether the peer has closed the connection after it.
-    bool isClosedByPeer() const;
+    bool isClosedByPeer(int limitMs = 0) const;
 
 private:
     int m_socket;

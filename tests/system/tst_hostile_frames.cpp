@@ -60,7 +60,7 @@ int attack(const QString &socket, const QMetaObject &interface, const QString &n
         RawConnection connection(socket);
         connection.send(stream.join()); // which may be closed meanwhile
         connection.finishSending();
-        if (!connection.isConnected() || !connection.waitForEnd())
+        if (!connection.isConnected() || !connection.isClosedByPeer(30'000))
             return -1;
         sent += stream.size();
         FrameChecker checker(interface);
