@@ -16,8 +16,6 @@ using standins::serverFor;
 namespace {
 
 constexpr int kLimit = 256; ///< of descriptors, as launchd gives it; see kWrapper
-constexpr int kConnectionReserve = 32;
-constexpr int kEndpointReserve = 64;
 constexpr int kRestoreNeeds = 12; ///< on macOS; 8 on Linux
 constexpr int kFlood = 1'000;
 
@@ -88,56 +86,50 @@ private Q_SLOTS:
         m_daemon.reset();
     }
 
-    void connectionsPass_data()
+    void floodsPass_data()
     {
-        QTest::addColumn<bool>("isMain");
-        QTest::newRow("main socket") << true;
-        QTest::newRow("endpoint") << false;
+        QTest::addColumn<QString>("what");
+        QTest::addColumn<int>("left");
+        QTest::newRow("connections to the main socket") << "main" << 32;
+        QTest::newRow("connections to an endpoint") << "endpoint" << 32;
+        QTest::newRow("endpoints") << "endpoints" << 64;
     }
 
-    void connectionsPass()
+    /// What an early client has still works meanwhile, and a late one is served afterwards.
+    void floodsPass()
     {
-        QFETCH(bool, isMain);
-        const int letIn = freeDescriptors() - kConnectionReserve;
-        RawConnections flood = openConnections(
-            isMain ? shared::getIpcServiceUrl() : shared::getIpcProcessUrl(m_early->endpoint()),
-            kFlood);
-        // Some are let in; all the others find themselves closed.
-        QTRY_COMPARE_WITH_TIMEOUT(closedByPeer(flood), kFlood - letIn, 20'000);
-        QCOMPARE(freeDescriptors(), kConnectionReserve);
-        QTRY_COMPARE(
-            m_daemon->count(QStringLiteral("Connection refused: too few descriptors are left")),
-            kFlood - letIn);
-        bringTunnelUpAndDown(*m_early);
-
-        flood.clear();
-        QTRY_VERIFY(freeDescriptors() > kLimit / 2);
-        bringTunnelUpAndDown(*openEndpoints(1).front());
-        Client guest;
-        QVERIFY(guest.attach(m_early->endpoint()));
-        bringTunnelUpAndDown(guest);
-    }
-
-    void endpointsAreRefusedWhileATunnelStillFits()
-    {
-        Client flood;
-        QVERIFY(flood.connectToMainSocket());
-        while (flood.createEndpoint() > 0) {
+        QFETCH(QString, what);
+        QFETCH(int, left);
+        Client greedy;
+        QVERIFY(greedy.connectToMainSocket());
+        const int letIn = freeDescriptors() - left;
+        RawConnections flood;
+        if (what == QLatin1String("endpoints")) {
+            while (greedy.createEndpoint() > 0) {
+            }
+            QTRY_COMPARE(m_daemon->linesWith(QStringLiteral("\"Unable to start the server: ")),
+                         QStringList{QStringLiteral("\"Unable to start the server: too few "
+                                                    "descriptors are left. IpcServer\"")});
+        } else {
+            flood = openConnections(what == QLatin1String("main")
+                                        ? shared::getIpcServiceUrl()
+                                        : shared::getIpcProcessUrl(m_early->endpoint()),
+                                    kFlood);
+            // Some are let in; all the others find themselves closed.
+            QTRY_COMPARE_WITH_TIMEOUT(closedByPeer(flood), kFlood - letIn, 20'000);
+            QTRY_COMPARE(
+                m_daemon->count(QStringLiteral("Connection refused: too few descriptors are left")),
+                kFlood - letIn);
         }
-        QCOMPARE(freeDescriptors(), kEndpointReserve);
-        QTRY_COMPARE(m_daemon->linesWith(QStringLiteral("\"Unable to start the server: ")),
-                     QStringList{QStringLiteral("\"Unable to start the server: too few "
-                                                "descriptors are left. IpcServer\"")});
-        // With the endpoints taken, connections take what is left, but for their own reserve.
-        RawConnections connections = openConnections(shared::getIpcServiceUrl(), kLimit);
-        QTRY_COMPARE(closedByPeer(connections), kLimit - (kEndpointReserve - kConnectionReserve));
+        QCOMPARE(freeDescriptors(), left);
         bringTunnelUpAndDown(*m_early);
 
         // Endpoints stay, so new ones are still refused; what there is serves whoever comes.
-        connections.clear();
-        QTRY_COMPARE(freeDescriptors(), kEndpointReserve);
-        QCOMPARE(flood.createEndpoint(), -1);
+        flood.clear();
+        QTRY_VERIFY(what == QLatin1String("endpoints") || freeDescriptors() > kLimit / 2);
         Client late;
+        QVERIFY(late.connectToMainSocket());
+        QCOMPARE(late.createEndpoint() > 0, what != QLatin1String("endpoints"));
         QVERIFY(late.attach(m_early->endpoint()));
         bringTunnelUpAndDown(late);
     }

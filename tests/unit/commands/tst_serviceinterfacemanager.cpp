@@ -127,19 +127,6 @@ private Q_SLOTS:
 
     void cleanup() { m_manager.reset(); }
 
-    void lifeLogsOneLineAndCallsNothing()
-    {
-        const LogCapture log;
-        use(0ms);
-        QCOMPARE(log.lines(), QStringList{QStringLiteral("Source Node Started")});
-        m_manager->server_slot(true);
-        m_manager->vpn_command(kDisconnect, {}); // which does not begin any more
-        m_manager.reset();
-        QCoreApplication::processEvents();
-        QCOMPARE(log.count(QStringLiteral("Client was disconnected")), 0);
-        QCOMPARE(m_connection->calls, QStringList());
-    }
-
     void valueOfAKeyIsRead_data()
     {
         QTest::addColumn<QString>("value");
