@@ -1,8 +1,5 @@
 #include "command.h"
 
-#include "connectcommand.h"
-#include "smallcommands.h"
-
 namespace vpnctl {
 
 namespace {
@@ -13,13 +10,6 @@ constexpr auto kLivePeriod = 100ms;
 constexpr auto kLinePeriod = 5s;
 
 } // namespace
-
-std::unique_ptr<Command> Command::create(const Options &options, Report &report)
-{
-    if (options.command == Options::Command::Connect)
-        return std::make_unique<ConnectCommand>(options, report);
-    return createSmallCommand(options, report);
-}
 
 Command::Command(const Options &options, Report &report)
     : m_options(options)
@@ -69,11 +59,16 @@ std::chrono::milliseconds Command::answerArrived()
 
 void Command::giveUpWaiting()
 {
-    finishWith({ExitCode::NoAnswer,
-                QStringLiteral("The daemon did not answer the command within %1 seconds.")
-                    .arg(m_options.answerLimit.count()),
-                QStringLiteral("It may be busy with other clients, or does not know the command; "
-                               "--timeout waits longer, the daemon's log may say more.")});
+    finishWith(lateAnswer());
+}
+
+Problem Command::lateAnswer() const
+{
+    return {ExitCode::NoAnswer,
+            QStringLiteral("The daemon did not answer the command within %1 seconds.")
+                .arg(m_options.answerLimit.count()),
+            QStringLiteral("It may be busy with other clients, or does not know the command; "
+                           "--timeout waits longer, the daemon's log may say more.")};
 }
 
 void Command::finish(ExitCode exitCode)

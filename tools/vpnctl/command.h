@@ -1,6 +1,5 @@
 #pragma once
 
-#include "exitcode.h"
 #include "options.h"
 #include "report.h"
 #include "vpnsession.h"
@@ -57,6 +56,9 @@ protected:
     /// The awaited answer has not come within Options::answerLimit. Unless a command knows better,
     /// it ends with that.
     virtual void giveUpWaiting();
+
+    /// @return what is then to be told.
+    Problem lateAnswer() const;
 
     void finish(ExitCode exitCode);
     void finishWith(const Problem &problem);

@@ -82,10 +82,7 @@ void ConnectCommand::stop()
         m_sinceStop.isValid() && !m_sinceStop.hasExpired(kSameStopRequest.count());
     if (m_phase != Phase::Closing || !m_exitCode || isSameRequest)
         return hangUp();
-    finishWith({ExitCode::Interrupted,
-                QStringLiteral("Not waited for: the daemon has not said that the tunnel is down. "
-                               "It may still be up, and the DNS settings may be the tunnel's."),
-                howToTakeDown()});
+    leave(ExitCode::Interrupted);
 }
 
 void ConnectCommand::hangUp()
@@ -103,29 +100,19 @@ void ConnectCommand::hangUp()
 
 void ConnectCommand::giveUpWaiting()
 {
-    const qint64 seconds = options().answerLimit.count();
-    if (m_phase == Phase::Connecting) {
-        report().problem(
-            {ExitCode::NoAnswer,
-             QStringLiteral("The daemon did not answer the command within %1 seconds.")
-                 .arg(seconds),
-             QStringLiteral("It may be busy with other clients; an attempt alone is given 16 "
-                            "seconds, and --timeout waits longer.")});
-        closeAfterFailure(ExitCode::NoAnswer);
-        return;
-    }
-    finishWith({ExitCode::NoAnswer,
-                QStringLiteral("The daemon did not say within %1 seconds that the tunnel is down.")
-                    .arg(seconds),
-                QStringLiteral("It has the command and may still carry it out; its log may say "
-                               "more. ")
-                    + howToTakeDown()});
+    if (m_phase != Phase::Connecting)
+        return leave(ExitCode::NoAnswer);
+    report().problem(lateAnswer());
+    closeAfterFailure(ExitCode::NoAnswer);
 }
 
-QString ConnectCommand::howToTakeDown() const
+void ConnectCommand::leave(ExitCode exitCode)
 {
-    return QStringLiteral("\"vpnctl disconnect --endpoint %1\" takes the tunnel down.")
-        .arg(m_endpoint);
+    finishWith({exitCode,
+                QStringLiteral("The daemon has not said that the tunnel is down: it may still be "
+                               "up, and the DNS settings may be the tunnel's."),
+                QStringLiteral("\"vpnctl disconnect --endpoint %1\" takes the tunnel down.")
+                    .arg(m_endpoint)});
 }
 
 void ConnectCommand::tryNextTarget()

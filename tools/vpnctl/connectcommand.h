@@ -44,7 +44,9 @@ private:
     void closeAfterFailure(ExitCode exitCode);
     void close(std::optional<ExitCode> exitCode);
     void connectLater();
-    QString howToTakeDown() const;
+
+    /// Finishes without an answer to the disconnect.
+    void leave(ExitCode exitCode);
 
     Phase m_phase = Phase::Opening;
     Targets m_targets;

@@ -1,16 +1,16 @@
 #include "observation.h"
 
-#include "endpoints.h"
+#include "ipcurls.h"
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QDirIterator>
-#include <QtCore/QFile>
-#include <QtCore/QJsonArray>
+#include <QtCore/QFileInfo>
 #include <QtCore/QMap>
 #include <QtCore/QProcess>
 #include <QtCore/QRegularExpression>
 #include <QtNetwork/QHostAddress>
 
+#include <algorithm>
 #include <cerrno>
 
 #include <ifaddrs.h>
@@ -39,42 +39,6 @@ using Counters = if_data;
 #endif
 
 const QString kBackups = QStringLiteral("/var/root/Library/Preferences/talvexvpnd/data");
-
-/// @return the servers of the system's first resolver, or of resolv.conf(5).
-QStringList dnsServers()
-{
-    static const QRegularExpression server(
-        QStringLiteral("^ *nameserver(?:\\[[0-9]+\\] :)? (\\S+)"),
-        QRegularExpression::MultilineOption);
-    const QString text = QString::fromUtf8(
-        outputOf(QStringLiteral("scutil --dns 2>/dev/null || cat /etc/resolv.conf 2>/dev/null")));
-    QStringList servers;
-    for (auto matches =
-             server.globalMatch(text.section(QLatin1String("(for scoped queries)"), 0, 0));
-         matches.hasNext();)
-        servers.append(matches.next().captured(1));
-    servers.removeDuplicates();
-    return servers;
-}
-
-QJsonValue backups()
-{
-    if (::access(QFile::encodeName(kBackups), R_OK | X_OK) != 0 && errno == EACCES)
-        return QJsonValue::Null;
-    QJsonArray names;
-    // The name of a network service may have slashes, and its backup then lies in folders.
-    for (QDirIterator files(kBackups, QDir::Files, QDirIterator::Subdirectories); files.hasNext();)
-        names.append(files.next().mid(kBackups.size() + 1));
-    return names;
-}
-
-QString listOf(const QJsonValue &values)
-{
-    QStringList texts;
-    for (const QVariant &value : values.toArray().toVariantList())
-        texts.append(value.toString());
-    return texts.isEmpty() ? QStringLiteral("none") : texts.join(QStringLiteral(", "));
-}
 
 } // namespace
 
@@ -111,43 +75,42 @@ QVector<TunnelInterface> tunnelInterfaces()
     return found;
 }
 
-QJsonObject observation()
+QVector<int> endpointsWithSockets()
 {
-    QJsonArray interfaces;
-    for (const TunnelInterface &tunnel : tunnelInterfaces()) {
-        interfaces.append(
-            QJsonObject{{QStringLiteral("name"), tunnel.name},
-                        {QStringLiteral("address"), tunnel.address},
-                        {QStringLiteral("bytesIn"), static_cast<qint64>(tunnel.bytesIn)},
-                        {QStringLiteral("bytesOut"), static_cast<qint64>(tunnel.bytesOut)}});
-    }
-    QJsonArray endpoints;
-    for (const int endpoint : endpointsWithSockets())
-        endpoints.append(endpoint);
-    return {{QStringLiteral("interfaces"), interfaces},
-            {QStringLiteral("dns"), QJsonArray::fromStringList(dnsServers())},
-            {QStringLiteral("backups"), backups()},
-            {QStringLiteral("endpoints"), endpoints}};
+    const QFileInfo main(shared::getIpcServiceUrl());
+    const QString prefix = main.fileName() + QLatin1Char('_');
+    QVector<int> endpoints;
+    for (const QString &name : main.dir().entryList({prefix + QLatin1Char('*')}, QDir::System))
+        endpoints.append(name.mid(prefix.size()).toInt());
+    std::sort(endpoints.begin(), endpoints.end());
+    return endpoints;
 }
 
-QString textOf(const QJsonObject &observation)
+QStringList dnsServers()
 {
-    QJsonArray interfaces;
-    for (const QJsonValue &tunnel : observation[QLatin1String("interfaces")].toArray()) {
-        interfaces.append(QStringLiteral("%1 with %2 (%3 bytes in, %4 out)")
-                              .arg(tunnel[QLatin1String("name")].toString(),
-                                   tunnel[QLatin1String("address")].toString(),
-                                   tunnel[QLatin1String("bytesIn")].toVariant().toString(),
-                                   tunnel[QLatin1String("bytesOut")].toVariant().toString()));
-    }
-    const QJsonValue backups = observation[QLatin1String("backups")];
-    return QStringLiteral("Tunnel interfaces: %1\n"
-                          "DNS servers in use: %2\n"
-                          "Backups of DNS settings: %3\n"
-                          "Endpoints with a socket: %4")
-        .arg(listOf(interfaces), listOf(observation[QLatin1String("dns")]),
-             backups.isNull() ? QStringLiteral("only root may see them") : listOf(backups),
-             listOf(observation[QLatin1String("endpoints")]));
+    static const QRegularExpression server(
+        QStringLiteral("^ *nameserver(?:\\[[0-9]+\\] :)? (\\S+)"),
+        QRegularExpression::MultilineOption);
+    const QString text = QString::fromUtf8(
+        outputOf(QStringLiteral("scutil --dns 2>/dev/null || cat /etc/resolv.conf 2>/dev/null")));
+    QStringList servers;
+    for (auto matches =
+             server.globalMatch(text.section(QLatin1String("(for scoped queries)"), 0, 0));
+         matches.hasNext();)
+        servers.append(matches.next().captured(1));
+    servers.removeDuplicates();
+    return servers;
+}
+
+std::optional<QStringList> dnsBackups()
+{
+    if (::access(QFile::encodeName(kBackups), R_OK | X_OK) != 0 && errno == EACCES)
+        return {};
+    QStringList names;
+    // The name of a network service may have slashes, and its backup then lies in folders.
+    for (QDirIterator files(kBackups, QDir::Files, QDirIterator::Subdirectories); files.hasNext();)
+        names.append(files.next().mid(kBackups.size() + 1));
+    return names;
 }
 
 QByteArray outputOf(const QString &script)

@@ -1,7 +1,9 @@
 #pragma once
 
-#include <QtCore/QJsonObject>
+#include <QtCore/QStringList>
 #include <QtCore/QVector>
+
+#include <optional>
 
 namespace vpnctl {
 
@@ -19,14 +21,15 @@ struct TunnelInterface
 ///         keeps some with no other for itself.
 QVector<TunnelInterface> tunnelInterfaces();
 
-/// @return what can be seen of the VPN without asking the daemon: "interfaces" (objects with
-///         "name", "address", "bytesIn" and "bytesOut"), "dns" (the servers in use), "backups" (the
-///         names of the backups of DNS settings; null when the user may not look), and "endpoints"
-///         (the numbers of those that have a socket).
-QJsonObject observation();
+/// @return the numbers of the endpoints that have a socket, in ascending order. A daemon that was
+///         killed leaves its sockets behind.
+QVector<int> endpointsWithSockets();
 
-/// @return the same as lines for people.
-QString textOf(const QJsonObject &observation);
+/// @return the DNS servers that the system asks.
+QStringList dnsServers();
+
+/// @return the names of the backups of DNS settings; nothing when the user may not look.
+std::optional<QStringList> dnsBackups();
 
 /// @return what a script for sh(1) prints within ten seconds. In it, $0 is this program.
 QByteArray outputOf(const QString &script);

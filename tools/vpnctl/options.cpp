@@ -1,7 +1,7 @@
 #include "options.h"
 
-#include "endpoints.h"
 #include "explain.h"
+#include "observation.h"
 #include "ovpnprofile.h"
 #include "problem.h"
 #include "textlayout.h"

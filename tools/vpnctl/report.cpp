@@ -35,7 +35,7 @@ Report::Report(Form form, QObject *parent)
 
 Report::~Report()
 {
-    clearLiveLine();
+    eraseLiveLine();
 }
 
 void Report::note(const QString &text)
@@ -70,7 +70,6 @@ void Report::waiting(std::chrono::milliseconds elapsed)
         return print("waiting", {{QStringLiteral("seconds"), secondsText(elapsed).toDouble()}},
                      text);
     write(STDOUT_FILENO, kEraseLine + text.toUtf8());
-    m_hasLiveLine = true;
 }
 
 void Report::answer(const QString &message, const OperationResult &result,
@@ -117,7 +116,7 @@ void Report::print(const char *event, QJsonObject fields, const QString &text, i
         write(STDOUT_FILENO, QJsonDocument(fields).toJson(QJsonDocument::Compact) + '\n');
         return;
     }
-    clearLiveLine();
+    eraseLiveLine();
     write(descriptor, wrapped(text, terminalWidth(descriptor)).toUtf8() + '\n');
 }
 
@@ -141,12 +140,10 @@ void Report::write(int descriptor, const QByteArray &bytes)
     }
 }
 
-void Report::clearLiveLine()
+void Report::eraseLiveLine()
 {
-    if (!m_hasLiveLine)
-        return;
-    m_hasLiveLine = false;
-    write(STDOUT_FILENO, kEraseLine);
+    if (m_isLive)
+        write(STDOUT_FILENO, kEraseLine);
 }
 
 } // namespace vpnctl

@@ -54,11 +54,10 @@ Q_SIGNALS:
 
 private:
     void write(int descriptor, const QByteArray &bytes);
-    void clearLiveLine();
+    void eraseLiveLine();
 
     Form m_form;
     bool m_isLive = false;
-    bool m_hasLiveLine = false;
 };
 
 } // namespace vpnctl

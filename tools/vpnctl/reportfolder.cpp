@@ -27,7 +27,9 @@ constexpr Entry kEntries[] = {
         uname -a)"},
     {"status.txt", "what \"vpnctl status\" shows", R"("$0" status)"},
     {"job.txt", "what launchd says about the daemon",
-     "launchctl print system/com.talvex.talvexvpnd; launchctl print-disabled system"},
+     R"(launchctl print system/com.talvex.talvexvpnd
+        echo "exit status $?"
+        launchctl print-disabled system)"},
     {"log.txt", "the end of the daemon's log, if you may read it, without addresses and keys",
      "tail -c 4000000 /var/log/talvexvpnd.log"},
 };

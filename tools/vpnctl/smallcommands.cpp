@@ -1,8 +1,9 @@
-#include "smallcommands.h"
-
+#include "connectcommand.h"
 #include "observation.h"
 #include "reportfolder.h"
 #include "targetreader.h"
+
+#include <QtCore/QJsonArray>
 
 #include <cmath>
 
@@ -44,8 +45,44 @@ class StatusCommand : public PingCommand
 
     void start() override
     {
-        const QJsonObject seen = observation();
-        report().print("observation", seen, textOf(seen));
+        QJsonArray tunnels;
+        QStringList lines;
+        for (const TunnelInterface &tunnel : tunnelInterfaces()) {
+            const qint64 in = tunnel.bytesIn;
+            const qint64 out = tunnel.bytesOut;
+            tunnels.append(QJsonObject{{QStringLiteral("name"), tunnel.name},
+                                       {QStringLiteral("address"), tunnel.address},
+                                       {QStringLiteral("bytesIn"), in},
+                                       {QStringLiteral("bytesOut"), out}});
+            lines.append(QStringLiteral("%1 with %2 (%3 bytes in, %4 out)")
+                             .arg(tunnel.name, tunnel.address)
+                             .arg(in)
+                             .arg(out));
+        }
+        QJsonArray endpoints;
+        QStringList numbers;
+        for (const int endpoint : endpointsWithSockets()) {
+            endpoints.append(endpoint);
+            numbers.append(QString::number(endpoint));
+        }
+        const auto backups = dnsBackups();
+        const auto listed = [](const QStringList &texts) {
+            return texts.isEmpty() ? QStringLiteral("none") : texts.join(QStringLiteral(", "));
+        };
+        report().print(
+            "observation",
+            {{QStringLiteral("interfaces"), tunnels},
+             {QStringLiteral("dns"), QJsonArray::fromStringList(dnsServers())},
+             {QStringLiteral("backups"),
+              backups ? QJsonValue(QJsonArray::fromStringList(*backups)) : QJsonValue()},
+             {QStringLiteral("endpoints"), endpoints}},
+            QStringLiteral("Tunnel interfaces: %1\n"
+                           "DNS servers in use: %2\n"
+                           "Backups of DNS settings: %3\n"
+                           "Endpoints with a socket: %4")
+                .arg(listed(lines), listed(dnsServers()),
+                     backups ? listed(*backups) : QStringLiteral("only root may see them"),
+                     listed(numbers)));
         PingCommand::start();
     }
 };
@@ -132,9 +169,11 @@ private:
 
 } // namespace
 
-std::unique_ptr<Command> createSmallCommand(const Options &options, Report &report)
+std::unique_ptr<Command> Command::create(const Options &options, Report &report)
 {
     switch (options.command) {
+    case Options::Command::Connect:
+        return std::make_unique<ConnectCommand>(options, report);
     case Options::Command::Ping:
         return std::make_unique<PingCommand>(options, report);
     case Options::Command::Status:
@@ -143,9 +182,11 @@ std::unique_ptr<Command> createSmallCommand(const Options &options, Report &repo
         return std::make_unique<ReportCommand>(options, report);
     case Options::Command::Watch:
         return std::make_unique<WatchCommand>(options, report);
-    default:
-        return std::make_unique<SendCommand>(options, report);
+    case Options::Command::Disconnect:
+    case Options::Command::Raw:
+        break;
     }
+    return std::make_unique<SendCommand>(options, report);
 }
 
 } // namespace vpnctl

@@ -26,17 +26,15 @@ constexpr auto kEndingTime = 100ms;
 /// What is in the frame of a command beside its texts; docs/protocol-frames.md shows each byte.
 constexpr qint64 kBytesBesideTexts = 137;
 
-/// Connects to the main socket only to see whether somebody listens there.
-bool isListening(QLocalSocket &socket)
-{
-    socket.connectToServer(shared::getIpcServiceUrl());
-    return socket.waitForConnected(kTrialLimitMs);
-}
-
-/// Why the main socket could not be connected to.
-Problem mainSocketProblem(const QLocalSocket &socket)
+/// Why there is no connection: mostly because there is no daemon at all.
+/// @param otherwise what it is when there is one.
+Problem connectionProblem(const Problem &otherwise)
 {
     const QString name = shared::getIpcServiceUrl();
+    QLocalSocket socket;
+    socket.connectToServer(name);
+    if (socket.waitForConnected(kTrialLimitMs))
+        return otherwise;
     switch (socket.error()) {
     case QLocalSocket::ServerNotFoundError:
         return {ExitCode::NoDaemon,
@@ -57,32 +55,6 @@ Problem mainSocketProblem(const QLocalSocket &socket)
                     .arg(name, socket.errorString()),
                 QStringLiteral("Every user should be allowed to read and write it.")};
     }
-}
-
-/// Why an endpoint's socket could not be connected to: mostly because there is no daemon at all.
-Problem endpointProblem(int endpoint)
-{
-    QLocalSocket socket;
-    if (!isListening(socket))
-        return mainSocketProblem(socket);
-    return {ExitCode::WrongUse, QStringLiteral("The daemon has no endpoint %1.").arg(endpoint),
-            QStringLiteral("\"vpnctl status\" lists the endpoints that there are; they end with "
-                           "the daemon that made them.")};
-}
-
-/// Why a connection that was there has ended.
-Problem closedProblem()
-{
-    QLocalSocket socket;
-    if (isListening(socket)) {
-        return {ExitCode::NoDaemon,
-                QStringLiteral("The daemon closed the connection; its log says why."),
-                QStringLiteral("It is running. It refuses connections when it has no descriptor "
-                               "left, and closes those that go beyond its limits.")};
-    }
-    return {ExitCode::NoDaemon, QStringLiteral("The daemon has gone: it closed the connection."),
-            QStringLiteral("Its log may say why. A tunnel that was up may be left without "
-                           "anybody to take it down; start the daemon again.")};
 }
 
 /// Whoever has the name of a socket could take a private key for himself.
@@ -130,7 +102,7 @@ void checkLength(const QString &message, const VpnServerInformation &server)
     }
 }
 
-VpnSession::VpnSession(const SessionLimits &limits, QObject *parent)
+VpnSession::VpnSession(const Limits &limits, QObject *parent)
     : QObject(parent)
 {
     m_limit.setSingleShot(true);
@@ -185,12 +157,23 @@ template<typename Replica>
 void VpnSession::open(Link<Replica> &link, const QString &name, void (VpnSession::*next)())
 {
     QLocalSocket &socket = link.socket;
-    connect(&socket, &QLocalSocket::errorOccurred, this, [this, &socket](auto error) {
+    connect(&socket, &QLocalSocket::errorOccurred, this, [this](auto error) {
         if (error != QLocalSocket::PeerClosedError)
-            fail(&socket == &m_main.socket ? mainSocketProblem(socket)
-                                           : endpointProblem(m_endpoint));
+            fail(connectionProblem(
+                wrongUse(QStringLiteral("The daemon has no endpoint %1.").arg(m_endpoint),
+                         QStringLiteral("\"vpnctl status\" lists those that have a socket."))));
     });
-    connect(&socket, &QLocalSocket::disconnected, this, &VpnSession::handleClosed);
+    connect(&socket, &QLocalSocket::disconnected, this, [this] {
+        QTimer::singleShot(kEndingTime, this, [this] {
+            if (!m_isOver)
+                fail(connectionProblem(
+                    {ExitCode::NoDaemon,
+                     QStringLiteral("The daemon closed the connection; its log says why."),
+                     QStringLiteral("It is running. It refuses connections when it has no "
+                                    "descriptor left, and closes those that go beyond its "
+                                    "limits.")}));
+        });
+    });
     connect(&socket, &QLocalSocket::connected, this, [this, &link, next] {
         if (const auto problem = peerProblem(link.socket))
             return fail(*problem);
@@ -233,26 +216,13 @@ void VpnSession::createEndpoint()
     });
 }
 
-void VpnSession::handleClosed()
-{
-    if (m_isOver)
-        return;
-    end();
-    QTimer::singleShot(kEndingTime, this, [this] { Q_EMIT failed(closedProblem()); });
-}
-
-void VpnSession::end()
-{
-    m_isOver = true;
-    m_limit.stop();
-    m_heartbeat.stop();
-}
-
 void VpnSession::fail(const Problem &problem)
 {
     if (m_isOver)
         return;
-    end();
+    m_isOver = true;
+    m_limit.stop();
+    m_heartbeat.stop();
     Q_EMIT failed(problem);
 }
 

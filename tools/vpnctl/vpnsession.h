@@ -1,9 +1,8 @@
 #pragma once
 
 #include "operationresult.h"
+#include "options.h"
 #include "problem.h"
-#include "sessionlimits.h"
-#include "target.h"
 #include "vpnserverinformation.h"
 
 #include <QtCore/QObject>
@@ -40,7 +39,7 @@ class VpnSession : public QObject
     Q_OBJECT
 
 public:
-    explicit VpnSession(const SessionLimits &limits, QObject *parent = nullptr);
+    explicit VpnSession(const Limits &limits, QObject *parent = nullptr);
     ~VpnSession() override;
 
     /// Goes as far as the main socket's interface, which leaves nothing behind in the daemon.
@@ -88,8 +87,6 @@ private:
     template<typename Replica>
     void open(Link<Replica> &link, const QString &name, void (VpnSession::*next)());
     void createEndpoint();
-    void handleClosed();
-    void end();
     void fail(const Problem &problem);
 
     Link<IpcInterfaceReplica> m_main;

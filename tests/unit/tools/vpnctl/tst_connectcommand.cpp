@@ -124,33 +124,14 @@ private Q_SLOTS:
         QTRY_COMPARE(m_finished, ExitCode::NoAnswer);
     }
 
-    void daemonThatIsBusyForAWhileIsWaitedFor()
-    {
-        QLocalServer server; // in the place of a daemon that does something else
-        QVERIFY(server.listen(shared::getIpcServiceUrl()));
-        m_options.limits.handshake = 500ms;
-        begin();
-        QTest::qWait(200);
-        QVERIFY(!m_finished);
-        QRemoteObjectHost host;
-        MainSocketObject object;
-        host.addHostSideConnection(server.nextPendingConnection());
-        host.enableRemoting(static_cast<IpcInterfaceSource *>(&object));
-        QTRY_COMPARE(object.calls, 1);
-    }
-
     void heldTunnelIsKeptAliveByHeartbeats()
     {
         const MainSocket mainSocket;
         const FirstEndpoint endpoint;
         m_options.limits.heartbeatPeriod = 50ms;
-        m_options.answerLimit = 1s; // which the answer ends
         begin();
         QTRY_COMPARE(endpoint.commands, QStringList{QStringLiteral("connect")});
-        QElapsedTimer timer;
-        timer.start();
-        QTRY_VERIFY(endpoint.heartbeats >= 25);
-        QVERIFY(timer.elapsed() > 1'000);
+        QTRY_VERIFY(endpoint.heartbeats >= 5);
         QVERIFY(!m_finished);
     }
 
@@ -170,8 +151,8 @@ private Q_SLOTS:
         QTest::addColumn<bool>("once");
         QTest::addColumn<QString>("commands");
         QTest::newRow("not for long") << 29'000 << false << "connect";
-        QTest::newRow("too long") << 300 << false << "connect disconnect connect";
-        QTest::newRow("too long, once") << 300 << true << "connect disconnect";
+        QTest::newRow("too long") << 100 << false << "connect disconnect connect";
+        QTest::newRow("too long, once") << 100 << true << "connect disconnect";
     }
 
     void holderThatWasStoppedConnectsAgain()
@@ -183,35 +164,38 @@ private Q_SLOTS:
         const FirstEndpoint endpoint;
         m_options.once = once;
         m_options.limits.silence = std::chrono::milliseconds(silenceMs);
-        holdAndStopFor(350ms, endpoint);
+        m_options.limits.firstPause = 20ms;
+        holdAndStop(endpoint);
         QTRY_COMPARE(endpoint.commands.join(QLatin1Char(' ')), commands);
-        if (once)
-            QTRY_COMPARE(m_finished, ExitCode::Failed);
-        QTest::qWait(100);
+        QTest::qWait(50);
         QCOMPARE(endpoint.commands.join(QLatin1Char(' ')), commands);
         QCOMPARE(m_finished.has_value(), once);
+        QCOMPARE(m_finished.value_or(ExitCode::Failed), ExitCode::Failed);
     }
 
     void pausesGrow()
     {
         const MainSocket mainSocket;
         FirstEndpoint endpoint;
-        endpoint.failures = 4;
-        m_options.limits.silence = 300ms;
-        m_options.limits.firstPause = 100ms;
-        m_options.limits.longestPause = 250ms;
-        holdAndStopFor(350ms, endpoint);
-        // A pair for each attempt: the command that takes it back, and after a pause the next one.
+        endpoint.failures = 3;
+        m_options.answerLimit = 1s; // which is over before the pauses are
+        m_options.limits.silence = 100ms;
+        m_options.limits.firstPause = 200ms;
+        m_options.limits.longestPause = 400ms;
+        holdAndStop(endpoint);
+        // For each attempt a disconnect, and after a pause the next connect.
+        QTRY_COMPARE(endpoint.commands.size(), 9);
+        const auto pauseBefore = [&](int command) {
+            return endpoint.times[command] - endpoint.times[command - 1];
+        };
+        QVERIFY(pauseBefore(2) >= 190);
+        QVERIFY(pauseBefore(4) >= 380);
+        QVERIFY(pauseBefore(6) >= 380);
+        QVERIFY(pauseBefore(8) >= 380 && pauseBefore(8) < 790);
+        QThread::msleep(450); // of a tunnel that was up for longer, the first one is as short again
         QTRY_COMPARE(endpoint.commands.size(), 11);
-        for (const auto &[disconnect, pause] : {std::pair{1, 100}, {3, 200}, {5, 250}, {7, 250}}) {
-            QCOMPARE(endpoint.commands[disconnect], QStringLiteral("disconnect"));
-            const qint64 time = endpoint.times[disconnect + 1] - endpoint.times[disconnect];
-            QVERIFY2(time >= pause * 19 / 20 && time < pause + 90,
-                     qPrintable(QString::number(time)));
-        }
-        QThread::msleep(350); // after longer than the longest pause, they begin anew
-        QTRY_COMPARE(endpoint.commands.size(), 13);
-        QVERIFY(endpoint.times[12] - endpoint.times[11] < 190);
+        QVERIFY(pauseBefore(10) < 380);
+        QVERIFY(!m_finished);
     }
 
     void cleanup()
@@ -229,24 +213,14 @@ private:
         m_command->start();
     }
 
-    /// Begins, and stops this process and so the command for a time once the tunnel is held.
-    void holdAndStopFor(std::chrono::milliseconds time, const FirstEndpoint &endpoint)
+    /// Begins, and when the tunnel is held stops this process, and so the command, for a while.
+    void holdAndStop(const FirstEndpoint &endpoint)
     {
         m_options.limits.heartbeatPeriod = m_options.limits.lookPeriod = 20ms;
-        if (m_options.limits.firstPause == 1s)
-            m_options.limits.firstPause = 20ms;
         begin();
         QTRY_VERIFY(endpoint.heartbeats >= 4);
-        QThread::msleep(static_cast<unsigned long>(time.count()));
+        QThread::msleep(150);
     }
-
-    /// createPrivilegedProcess() without a socket.
-    class MainSocketObject : public IpcInterfaceSource
-    {
-    public:
-        int calls = 0;
-        int createPrivilegedProcess() override { return ++calls; }
-    };
 
     Options m_options;
     Report m_report{Report::Form::Json};
