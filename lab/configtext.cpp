@@ -1,99 +1,56 @@
 #include "configtext.h"
 
 #include "macplatform.h"
-#include "openvpnparser.h"
 #include "ovpntemplate.h"
+#include "serverfields.h"
 
-using openvpnparser::Directive;
+#include <algorithm>
+
 using vpncore::OvpnConnection;
 
 namespace configtext {
 
 namespace {
 
+/// OpenVPN reads within inline blocks in pieces of so many bytes, each of which counts as a line.
+/// Elsewhere it refuses a line that is longer, its line feed included.
+constexpr int kPieceBytes = 255;
+
 int portOf(OvpnConnection::ConnectionType type, const VpnServerInformation &server)
 {
     return type == OvpnConnection::Udp ? server.udpPort : server.tcpPort;
 }
 
-QString protocolOf(OvpnConnection::ConnectionType type)
+bool isSpace(char c)
 {
-    return type == OvpnConnection::Tcp ? QStringLiteral("tcp") : QStringLiteral("udp");
+    return c == ' ' || (c >= '\t' && c <= '\r');
 }
 
-Directive line(const QByteArrayList &words)
+bool startsWithTag(const QByteArray &piece, const QByteArray &tag)
 {
-    Directive directive;
-    directive.words = words;
-    return directive;
+    const auto *start = std::find_if_not(piece.begin(), piece.end(), isSpace);
+    return piece.mid(static_cast<int>(start - piece.begin())).startsWith(tag);
 }
 
-Directive block(const QByteArray &tag, const QByteArray &content)
+bool isOneWord(const QByteArray &host)
 {
-    Directive directive;
-    directive.words = {tag};
-    directive.isBlock = true;
-    directive.block = content + '\n';
-    return directive;
+    return std::none_of(host.begin(), host.end(), [](char c) {
+        return isSpace(c) || (c >= '\0' && c < ' ') || QByteArray("\"'\\#;").contains(c);
+    });
 }
 
-/// What the template says, in OpenVPN's words. Written out, so that a line that slips into the
-/// template is noticed, too.
-QVector<Directive> expectedDirectives(OvpnConnection::ConnectionType type,
-                                      const VpnServerInformation &server)
+/// The record as it may go into the configuration: each field whole, or left out.
+VpnServerInformation withoutHostileFields(VpnServerInformation server, int port)
 {
-    const QByteArray folder = written(vpncore::MacPlatform::resourcesDir());
-    // As one text, because the driver replaces words over the blank between the two.
-    const QByteArray hostAndPort =
-        written(QStringLiteral("%1 %2").arg(server.host, QString::number(portOf(type, server))));
-    const int blank = hostAndPort.lastIndexOf(' ');
-    QByteArrayList remote{"remote", hostAndPort.left(blank), hostAndPort.mid(blank + 1)};
-    remote.removeAll({});
-    return {line({"client"}),
-            line({"dev", "tun"}),
-            line({"proto", protocolOf(type).toLatin1()}),
-            line(remote),
-            line({"resolv-retry", "infinite"}),
-            line({"nobind"}),
-            line({"persist-key"}),
-            line({"persist-tun"}),
-            line({"remote-cert-tls", "server"}),
-            line({"comp-lzo"}),
-            line({"verb", "1"}),
-            line({"tun-mtu", "1500"}),
-            line({"tun-mtu-extra", "32"}),
-            line({"mssfix", "1450"}),
-            line({"ping", "15"}),
-            line({"ping-restart", "0"}),
-            line({"ping-timer-rem"}),
-            line({"reneg-sec", "0"}),
-            line({"pull"}),
-            line({"fast-io"}),
-            line({"cipher", "AES-256-CBC"}),
-            line({"script-security", "2"}),
-            line({"up", '\'' + folder + "/update_conf_up'"}),
-            line({"down", '\'' + folder + "/update_conf_down'"}),
-            block("ca", written(server.ca)),
-            block("cert", written(server.cert)),
-            block("key", written(server.key))};
-}
-
-/// A field may be left out, as a whole.
-void leaveOutWhatWasLeftOut(VpnServerInformation &server, const QVector<Directive> &found)
-{
-    for (const Directive &directive : found) {
-        const QByteArray name = directive.words.first();
-        if (name == "remote" && directive.words.size() == 2)
-            server.host.clear();
-        if (!directive.isBlock || directive.block != "\n")
-            continue;
-        if (name == "ca")
-            server.ca.clear();
-        else if (name == "cert")
-            server.cert.clear();
-        else if (name == "key")
-            server.key.clear();
-    }
+    if (!vpncore::fitsRemoteLine(server.host, port))
+        server.host.clear();
+    if (!vpncore::fitsInlineBlock(server.ca, QLatin1String("ca")))
+        server.ca.clear();
+    if (!vpncore::fitsInlineBlock(server.cert, QLatin1String("cert")))
+        server.cert.clear();
+    if (!vpncore::fitsInlineBlock(server.key, QLatin1String("key")))
+        server.key.clear();
+    return server;
 }
 
 } // namespace
@@ -107,10 +64,10 @@ QString generated(OvpnConnection::ConnectionType type, const VpnServerInformatio
 
 QString unchecked(OvpnConnection::ConnectionType type, const VpnServerInformation &server)
 {
-    return vpncore::ovpnTemplate()
-        .arg(protocolOf(type), server.host, server.ca, server.cert, server.key)
-        .arg(portOf(type, server))
-        .arg(vpncore::MacPlatform::resourcesDir());
+    return vpncore::ovpnTemplate().arg(
+        type == OvpnConnection::Tcp ? QStringLiteral("tcp") : QStringLiteral("udp"), server.host,
+        server.ca, server.cert, server.key, QString::number(portOf(type, server)),
+        vpncore::MacPlatform::resourcesDir());
 }
 
 QByteArray written(const QString &configText)
@@ -121,17 +78,45 @@ QByteArray written(const QString &configText)
     return text.toUtf8();
 }
 
+QByteArrayList directives(const QByteArray &file)
+{
+    QByteArrayList found;
+    QByteArray closingTag; // of the block that is open
+    const QByteArrayList lines = QByteArray(file.constData()).split('\n'); // up to a zero byte
+    for (QByteArray line : lines) {
+        while (!closingTag.isEmpty() && !line.isEmpty()) {
+            if (startsWithTag(line.left(kPieceBytes), closingTag))
+                closingTag.clear();
+            line.remove(0, kPieceBytes);
+        }
+        if (line.size() >= kPieceBytes)
+            return found << "unreadable: " + line;
+        line = line.trimmed();
+        if (!closingTag.isEmpty() || line.isEmpty() || line.startsWith('#') || line.startsWith(';'))
+            continue;
+        found.append(line);
+        if (line.startsWith('<') && line.endsWith('>'))
+            closingTag = "</" + line.mid(1);
+    }
+    return found;
+}
+
 QByteArray problem(OvpnConnection::ConnectionType type, const VpnServerInformation &server,
                    const QByteArray &file)
 {
-    const QVector<Directive> found = openvpnparser::parse(file);
-    VpnServerInformation inserted = server;
-    leaveOutWhatWasLeftOut(inserted, found);
-    const QVector<Directive> expected = expectedDirectives(type, inserted);
-    if (found == expected)
-        return {};
-    return "expected\n" + openvpnparser::toText(expected) + "but found\n"
-        + openvpnparser::toText(found);
+    const int port = portOf(type, server);
+    const VpnServerInformation kept = withoutHostileFields(server, port);
+    if (file != written(unchecked(type, kept)))
+        return "not the template with the fields that fit:\n" + file;
+    if (!isOneWord(written(kept.host)))
+        return "a host of several words: " + written(kept.host);
+
+    VpnServerInformation nothing;
+    nothing.udpPort = nothing.tcpPort = port;
+    QByteArrayList expected = directives(written(unchecked(type, nothing)));
+    expected[3] = written(QStringLiteral("remote %1 %2").arg(kept.host, QString::number(port)));
+    const QByteArrayList found = directives(file);
+    return found == expected ? QByteArray() : "other directives:\n" + found.join('\n');
 }
 
 } // namespace configtext

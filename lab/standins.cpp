@@ -1,15 +1,12 @@
 #include "standins.h"
 
-#include <QtCore/QCoreApplication>
-#include <QtCore/QDeadlineTimer>
 #include <QtCore/QDir>
-#include <QtCore/QEvent>
 #include <QtCore/QFile>
 #include <QtCore/QProcess>
-#include <QtCore/QThread>
 
-#include <csignal>
-#include <unistd.h>
+#include <algorithm>
+
+#include <sys/stat.h>
 
 namespace {
 
@@ -29,6 +26,14 @@ QStringList linesOf(const QString &path)
     return QString::fromUtf8(contentOf(path)).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
 }
 
+void mustWrite(const QString &path, const QByteArray &content)
+{
+    QDir().mkpath(QFileInfo(path).path());
+    QFile file(path);
+    if (!file.open(QIODevice::WriteOnly) || file.write(content) != content.size())
+        qFatal("cannot write %s", qPrintable(path));
+}
+
 void networksetup(const QStringList &arguments)
 {
     QProcess::execute(QStringLiteral("/sbin/networksetup"), arguments);
@@ -41,24 +46,20 @@ namespace standins {
 QVector<OpenvpnStart> openvpnStarts()
 {
     QVector<OpenvpnStart> starts;
-    for (const QString &line : linesOf(state(QStringLiteral("openvpn/journal")))) {
-        // "PID 'program' 'argument'..." is a start; other lines say what became of it.
-        if (!line.contains(QLatin1String(" '")))
-            continue;
-        OpenvpnStart start;
-        start.pid = line.section(QLatin1Char(' '), 0, 0).toLongLong();
-        start.arguments = line.section(QLatin1Char('\''), 1, -2).split(QStringLiteral("' '"));
-        starts.append(start);
+    for (const QString &line : stateLines(QStringLiteral("openvpn/journal"))) {
+        QStringList words = line.split(QLatin1Char('\t'));
+        const qint64 pid = words.takeFirst().toLongLong();
+        if (!words.isEmpty()) // Other lines say what became of one.
+            starts.append({pid, words});
     }
     return starts;
 }
 
 int runningOpenvpns()
 {
-    int running = 0;
-    for (const OpenvpnStart &start : openvpnStarts())
-        running += isAlive(start.pid);
-    return running;
+    const auto starts = openvpnStarts();
+    return int(std::count_if(starts.begin(), starts.end(),
+                             [](const OpenvpnStart &start) { return isAlive(start.pid); }));
 }
 
 QByteArray configurationOf(const OpenvpnStart &start)
@@ -68,7 +69,9 @@ QByteArray configurationOf(const OpenvpnStart &start)
 
 QByteArray configurationModeOf(const OpenvpnStart &start)
 {
-    return contentOf(state(QStringLiteral("openvpn/mode.%1").arg(start.pid))).trimmed();
+    struct stat status = {};
+    ::stat(qPrintable(state(QStringLiteral("openvpn/config.%1").arg(start.pid))), &status);
+    return QByteArray::number(status.st_mode & 07777U, 8);
 }
 
 VpnServerInformation serverFor(const QString &scenario)
@@ -77,6 +80,13 @@ VpnServerInformation serverFor(const QString &scenario)
     server.host = scenario;
     server.udpPort = 1194;
     server.tcpPort = 443;
+    return server;
+}
+
+VpnServerInformation serverThatPlays(const QString &script)
+{
+    VpnServerInformation server = serverFor(QStringLiteral("192.0.2.2"));
+    server.ca = QStringLiteral("play ") + script;
     return server;
 }
 
@@ -113,10 +123,7 @@ QStringList backupFiles()
 
 void writeBackup(const QString &name, const QByteArray &content)
 {
-    QDir().mkpath(dataFolder());
-    QFile file(dataFolder() + QLatin1Char('/') + name);
-    if (!file.open(QIODevice::WriteOnly) || file.write(content) != content.size())
-        qFatal("cannot write the backup file %s", qPrintable(file.fileName()));
+    mustWrite(dataFolder() + QLatin1Char('/') + name, content);
 }
 
 QVector<QStringList> calls(const QString &tool)
@@ -150,32 +157,14 @@ QStringList stateLines(const QString &name)
 
 void setState(const QString &name, const QByteArray &content)
 {
-    const QString path = state(name);
-    QDir().mkpath(QFileInfo(path).path());
-    QFile file(path);
-    if (!file.open(QIODevice::WriteOnly) || file.write(content) != content.size())
-        qFatal("cannot write the state %s", qPrintable(path));
+    mustWrite(state(name), content);
 }
 
-void removeState(const QString &name)
+void writeTool(const QString &path, const QByteArray &script)
 {
-    if (!QFile::remove(state(name)))
-        qFatal("there is no state %s", qPrintable(name));
-}
-
-void endHangingTool(const QString &name)
-{
-    const pid_t tool = contentOf(state(name)).trimmed().toInt();
-    if (tool <= 1 || ::kill(tool, SIGKILL) != 0)
-        qFatal("there is no hanging tool of %s", qPrintable(name));
-    // A process that has ended is in this list until its object knows.
-    const QString children = QStringLiteral("/proc/self/task/%1/children").arg(getpid());
-    const QDeadlineTimer deadline(std::chrono::seconds(10));
-    while (!contentOf(children).isEmpty() && !deadline.hasExpired()) {
-        QCoreApplication::processEvents();
-        QThread::msleep(10);
-    }
-    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    QFile::remove(path); // which may be a link to a stand-in
+    mustWrite(path, "#!/bin/bash\n" + script);
+    QFile::setPermissions(path, QFile::ReadOwner | QFile::ExeOwner);
 }
 
 void forgetState()

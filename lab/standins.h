@@ -31,6 +31,9 @@ QByteArray configurationModeOf(const OpenvpnStart &start);
 /// @return a record whose host makes the stand-in for openvpn play @p scenario.
 VpnServerInformation serverFor(const QString &scenario);
 
+/// @return a record that makes it run @p script, one line of bash; see lab/standins/openvpn.
+VpnServerInformation serverThatPlays(const QString &script);
+
 /// @return the DNS servers of a network service.
 QStringList dnsServers(const QString &service);
 
@@ -62,12 +65,8 @@ QStringList stateLines(const QString &name);
 /// Writes a file of the stand-ins' state.
 void setState(const QString &name, const QByteArray &content);
 
-/// Removes a file of the stand-ins' state.
-void removeState(const QString &name);
-
-/// Ends a tool that hangs and has left its process id in the file @p name of the stand-ins' state,
-/// and turns the event loop until every process that this one started is gone and its object freed.
-void endHangingTool(const QString &name);
+/// Writes a tool of its own for a test, a script of bash, in place of what is at @p path.
+void writeTool(const QString &path, const QByteArray &script);
 
 /// Forgets the whole state: every stand-in begins anew.
 void forgetState();

@@ -1,15 +1,13 @@
-# What the stand-ins for macOS's tools have in common. Sourced by them; makes the folder in which
-# one keeps its state, ${TALVEX_STANDIN_STATE:-/var/root/stand-ins}/NAME, and goes on from there.
-# In it lies the file "journal", with one line a call: the arguments, each quoted by bash's
-# printf %q and followed by a blank. `eval "arguments=($line)"` gives them back exactly.
+# What the stand-ins have in common. Sourced by them; makes the folder in which one keeps its state,
+# /var/root/stand-ins/NAME. In it lies the file "journal", with one line a call: the arguments, each
+# quoted by bash's printf %q and followed by a blank. `eval "arguments=($line)"` gives them back exactly.
 
 set -f
 umask 022
 
-readonly standIn=${0##*/}
-readonly allState=${TALVEX_STANDIN_STATE:-/var/root/stand-ins}
-readonly state=$allState/$standIn
-mkdir -p "$state"
+readonly allState=/var/root/stand-ins
+readonly state=$allState/${0##*/}
+[[ -d $state ]] || mkdir -p "$state"
 
 journalCall() {
     local line
