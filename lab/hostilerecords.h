@@ -16,8 +16,7 @@ struct Record
     QString field; ///< the field that carries it
     VpnServerInformation server;
     /// Whether OpenVPN would read the directive if the field got into the configuration as it is.
-    /// Where not, the trick is for a reader of another kind, or would be if the text were
-    /// converted in another way.
+    /// If not, the trick works on another reader, or with another conversion of the text.
     bool isInjection;
 };
 

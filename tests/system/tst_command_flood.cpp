@@ -86,7 +86,7 @@ private Q_SLOTS:
         client.connectUdp(serverFor(QStringLiteral("prints-at-once-success")));
         client.heartbeat();
         QTRY_COMPARE_WITH_TIMEOUT(m_daemon->count(kHeartbeat), 1, 20'000);
-        // More do not wait; the oldest beyond are answered at once.
+        // 10,000 wait at most. The oldest of those beyond are answered at once.
         QTRY_COMPARE(client.answers().size(), 201);
         growsByLess(8 * 1024, 512);
 
@@ -131,7 +131,7 @@ private Q_SLOTS:
         QTest::addColumn<int>("running");
         // The daemon drops the arguments of a call after it; all records together have 16 MiB.
         QTest::newRow("texts that are no command") << "nothing" << qint64(8 * 1024) << 0;
-        // An attempt that runs holds the record, the configuration text and what it was sent.
+        // A running attempt holds the record, the configuration text and the command.
         QTest::newRow("connects") << "connect" << qint64(96 * 1024) << 8;
     }
 

@@ -151,12 +151,12 @@ private Q_SLOTS:
         QVERIFY(freeDescriptors() < 64); // so it is not for something else that some are refused
         QCOMPARE(standins::runningOpenvpns(), int(up.size()));
 
-        // Whoever comes now is refused, and no socket is lost by that.
+        // New connections are refused, and no socket is lost by that.
         const RawConnections refused = openConnections(shared::getIpcServiceUrl(), 50);
         QTRY_VERIFY(closedByPeer(refused) > 0);
         QVERIFY(freeDescriptors() >= kRestoreNeeds);
 
-        // What is left is enough to restore the DNS settings after an openvpn that cannot.
+        // Enough descriptors are left for the daemon to restore the DNS settings.
         standins::setDns(kWiFi, kTunnelsDns, {QStringLiteral("tunnel.test")});
         standins::writeBackup(QStringLiteral("TalvexFreeVPN_dns_Wi-Fi"), "192.0.2.53\n");
         up.front()->disconnectTunnel();

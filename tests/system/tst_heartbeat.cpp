@@ -52,7 +52,7 @@ private Q_SLOTS:
         QTRY_COMPARE(daemon.count(timeOut), kSilentClients);
         QVERIFY(measures::stackKiB(daemon.pid()) - stackBefore < 2'048); // of 8 MiB on a Mac
 
-        // Who never called keeps its tunnel, and nobody is told anything.
+        // A client that never called keeps its tunnel. No client is told anything.
         QVERIFY(standins::isAlive(standins::openvpnStarts().first().pid));
         for (const auto &client : clients)
             QCOMPARE(client->answers().size(), 1);

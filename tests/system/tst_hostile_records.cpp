@@ -76,7 +76,7 @@ public:
         m_output += readAll();
         return state() == NotRunning
             || m_output.contains("Initialization Sequence Completed")
-            // With no host there is nobody to answer.
+            // Without a host there is no server that could answer.
             || (field == QLatin1String("host")
                 && (m_output.contains("link remote: ") || m_output.contains("RESOLVE: ")));
     }
@@ -132,7 +132,7 @@ private Q_SLOTS:
         for (const Record &record : records) {
             Run run(configtext::generated(OvpnConnection::Udp, record.server));
             QTRY_VERIFY2_WITH_TIMEOUT(run.isThrough(field), qPrintable(record.name), 10'000);
-            // None of the silence is the openvpn's fault: it has run.
+            // The scripts left no trace although openvpn did run.
             QVERIFY2(!run.output().isEmpty(), qPrintable(record.name));
         }
         QCOMPARE(traces(), QStringList());

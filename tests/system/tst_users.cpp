@@ -100,7 +100,7 @@ private Q_SLOTS:
 
     void oneUsersConnectionsAndTunnelsLeaveEnoughForOthers()
     {
-        // Of three descriptors each, 64 are all; and of the tunnels 16.
+        // Each client takes three descriptors, and a user has 64. He may have 16 tunnels.
         Clients hostile = clientsOf(kHostileUser, 21);
         RawConnections flood = connectionsOf(kHostileUser, shared::getIpcServiceUrl(), 200);
         QTRY_VERIFY(m_daemon->count(QStringLiteral("Connection refused: its user has too many"))
@@ -120,7 +120,7 @@ private Q_SLOTS:
         hostile.clear();
         flood.clear();
         clientsOf(kUser, 1);
-        // Endpoints stay, but what his connections took he has again.
+        // His endpoints stay. The descriptors of his connections are free again.
         QTRY_VERIFY(m_daemon->descriptors() < 130);
         clientsOf(kHostileUser, 1);
         during.front()->disconnectTunnel();

@@ -311,7 +311,7 @@ private Q_SLOTS:
             QElapsedTimer silence;
             silence.start();
             m_manager->server_slot(true);
-            // One that comes meanwhile does not count.
+            // A heartbeat that comes during the disconnect does not count.
             m_connection->onCall = [this] { m_manager->server_slot(true); };
             QTRY_COMPARE(m_connection->calls.size(), i);
             QVERIFY(silence.elapsed() >= 49);

@@ -133,8 +133,8 @@ private Q_SLOTS:
 
     void waitForeverIsEndedByWhatAnInnerWaitDid()
     {
-        // Nothing else is left then that could wake the outer wait. The inner one serves events
-        // that were posted, too, and so takes what would have kept the outer one awake.
+        // The inner wait also serves the events that would have woken the outer one. The outer one
+        // must end all the same.
         bool isDone = false;
         post([this, &isDone] {
             QTimer::singleShot(50, this, [this] { post([] {}); });

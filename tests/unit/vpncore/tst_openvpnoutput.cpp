@@ -117,7 +117,7 @@ private Q_SLOTS:
         QCOMPARE(output.endPass().size(), 1'048'576);
         QCOMPARE(verdictOf(output), kFailed);
         output.add("Initialization Sequence Completed\n");
-        // What ends a refused name still belongs to it.
+        // The rest of the line still belongs to a name that does not count.
         QCOMPARE(verdictOf(output), piece.startsWith("VERIFY") ? kFailed : kConnected);
     }
 };

@@ -49,10 +49,10 @@ const QString kSilent = ":";
 const QString kChatty = "while :; do echo a line; pause 0.03; done";
 const QString kSlowToStop = "close() { echo Still closing; pause 5; }; succeed";
 
-/// What is shorter than this was not held up by any of the limits.
+/// An operation that is shorter than this has not waited for any of the limits.
 constexpr qint64 kSoonMs = 10'000;
 
-/// Limits that no test reaches, but for those that it shortens.
+/// Limits that no test reaches. A test shortens those that it is about.
 OvpnLimits patient(std::initializer_list<std::pair<Limit, int>> shortened = {})
 {
     OvpnLimits limits;
@@ -279,7 +279,7 @@ private Q_SLOTS:
         QCOMPARE(result.success, message.isEmpty());
         QCOMPARE(result.message, message);
         QCOMPARE(openvpnStarts().size(), starts);
-        // A failed one is left to the next disconnect.
+        // A failed attempt leaves its openvpn to the next disconnect.
         QCOMPARE(runningOpenvpns(), 1);
         QVERIFY(m_connection->disconnect().success);
         QVERIFY(!m_connection->hasProcess());

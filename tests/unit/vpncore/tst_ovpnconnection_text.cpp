@@ -170,7 +170,7 @@ private Q_SLOTS:
         QFETCH(int, verdict);
         OvpnConnection connection;
         QCOMPARE(connection.analyseProcessOutput(QTest::currentDataTag()), verdict);
-        // Of former texts nothing is remembered.
+        // Nothing is remembered of former texts.
         QCOMPARE(connection.analyseProcessOutput(QString()), 2);
     }
 };

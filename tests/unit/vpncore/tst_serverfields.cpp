@@ -241,7 +241,7 @@ private Q_SLOTS:
         QFETCH(VpnServerInformation, server);
         QFETCH(bool, isInjection);
         QCOMPARE(problemOf(server, OvpnConnection::Udp), QByteArray());
-        // Without the checks, a trick that is one gets its directive in.
+        // Without the checks, each real trick gets its directive into the configuration.
         QCOMPARE(hasPlugin(server), isInjection);
     }
 

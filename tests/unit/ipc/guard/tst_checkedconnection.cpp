@@ -304,7 +304,7 @@ private Q_SLOTS:
         }
         QTRY_COMPARE(openDescriptors(), descriptors);
         QTRY_COMPARE(endpoint.host.findChildren<QObject *>().size(), objects);
-        // Writing to one that has ended would show as a warning of Qt's.
+        // Qt would warn of a write to a connection that has ended.
         Q_EMIT endpoint.source.finished();
         QVERIFY(!steady.isClosedByPeer());
         QCOMPARE(warnings(), QStringList());

@@ -198,7 +198,7 @@ private Q_SLOTS:
             for (int position = 0; position < stream.size(); position += piece)
                 passedInPieces += checker.check(stream.mid(position, piece));
             QCOMPARE(checker.violation().isEmpty(), isGood);
-            // What came before a violation may have passed before it was seen.
+            // Frames before the violation may have passed already.
             QVERIFY(isGood ? passedInPieces == passed : stream.startsWith(passedInPieces));
         }
     }
