@@ -83,16 +83,16 @@ private Q_SLOTS:
     {
         QTest::addColumn<QString>("steps");
         QTest::addColumn<QString>("events");
-        QTest::newRow("it runs from the event loop") << "u1"
-                                                     << "u1";
-        QTest::newRow("connects that wait are overtaken") << "d u1 d t2"
-                                                          << "d, overtaken u, d, t2";
-        QTest::newRow("a running connect is told once") << "stubborn u1 | t2 | t3 | quick end"
-                                                        << "u1, give up, overtaken t, t3";
-        QTest::newRow("every running connect is told") << "slow u1 | u2 | u3 | end"
-                                                       << "u1, give up, u2, give up, u3";
-        QTest::newRow("a running disconnect goes on") << "slow d | u1 | quick end"
-                                                      << "d, u1";
+        const auto row = [](const char *name, const char *steps, const char *events) {
+            QTest::newRow(name) << QString::fromLatin1(steps) << QString::fromLatin1(events);
+        };
+        row("it runs from the event loop", "u1", "u1");
+        row("connects that wait are overtaken", "d u1 d t2", "d, overtaken u, d, t2");
+        row("a running connect is told once", "stubborn u1 | t2 | t3 | quick end",
+            "u1, give up, overtaken t, t3");
+        row("every running connect is told", "slow u1 | u2 | u3 | end",
+            "u1, give up, u2, give up, u3");
+        row("a running disconnect goes on", "slow d | u1 | quick end", "d, u1");
     }
 
     /// The first step is taken at once, the others from the event loop, which is then that of the

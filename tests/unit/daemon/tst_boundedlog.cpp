@@ -94,17 +94,17 @@ private Q_SLOTS:
         qint64 last = 0;
         int shrinks = 0;
         for (int number = 1; number <= kManyLines; ++number) {
-            if (number == 7'000) { // the log is nearly full
-                if (scenario == QLatin1String("renamed"))
-                    QVERIFY(QFile::rename(m_fileName, m_fileName + suffix));
-                else if (scenario == QLatin1String("emptied"))
-                    QVERIFY(QFile::resize(m_fileName, 0));
-                else if (scenario == QLatin1String("long message"))
-                    qDebug().noquote() << QString(20'000, QLatin1Char('x'));
-                else if (scenario == QLatin1String("unreadable"))
-                    none.reset(new measures::FewDescriptors(0));
-            }
-            if (number % 2 == 0 && scenario == QLatin1String("others write, too"))
+            const bool isDisturbed = number == 7'000; // the log is nearly full
+            if (isDisturbed && scenario == QLatin1String("renamed"))
+                QVERIFY(QFile::rename(m_fileName, m_fileName + suffix));
+            else if (isDisturbed && scenario == QLatin1String("emptied"))
+                QVERIFY(QFile::resize(m_fileName, 0));
+            else if (isDisturbed && scenario == QLatin1String("unreadable"))
+                none.reset(new measures::FewDescriptors(0));
+
+            if (isDisturbed && scenario == QLatin1String("long message"))
+                qDebug().noquote() << QString(20'000, QLatin1Char('x'));
+            else if (number % 2 == 0 && scenario == QLatin1String("others write, too"))
                 ::dprintf(STDERR_FILENO, "line %d\n", number);
             else
                 qDebug("line %d", number);
