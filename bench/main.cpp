@@ -1,44 +1,42 @@
-/// Measures the daemon against its bars. For scripts/bench, which makes a table of what this
-/// prints: an object about the machine, then one object a row.
+/// Measures the daemon. For scripts/bench, which knows what each row must come up to.
 ///
-///     talvexbench WHY-NO-PRIVATE-ROOT WHY-NO-TUNNEL [ROW]...
+///     talvexbench [ROW]
 ///
-/// The first two arguments are empty where the machine can do it. Ends with status 2 when there is
-/// no such row.
-
-#include "rows.h"
+/// Prints an object with the samples of the row, or without one an object about the build. Ends
+/// with status 1 and the reason on standard error when the row cannot be measured.
 
 #include "measures.h"
+#include "subjects.h"
 
 #include <QtCore/QCoreApplication>
+#include <QtCore/QJsonArray>
 #include <QtCore/QJsonDocument>
-#include <QtCore/QStringList>
+#include <QtCore/QJsonObject>
 
 #include <cstdio>
+#include <stdexcept>
 
 namespace {
 
-void print(const QJsonObject &object)
+QJsonArray arrayOf(const QVector<double> &values)
 {
-    std::puts(QJsonDocument(object).toJson(QJsonDocument::Compact).constData());
-    std::fflush(stdout);
+    QJsonArray array;
+    std::copy(values.begin(), values.end(), std::back_inserter(array));
+    return array;
 }
 
-QJsonObject withoutResult(const char *verdict, const QString &reason)
+QJsonObject measure(const char *number)
 {
-    return {{QStringLiteral("verdict"), QLatin1String(verdict)},
-            {QStringLiteral("reason"), reason}};
-}
-
-QJsonObject resultOf(const Row &row, const QString &whyNot)
-{
-    if (!whyNot.isEmpty())
-        return withoutResult("not measured", whyNot);
-    try {
-        return row.measure().json();
-    } catch (const MeasurementFailed &failure) {
-        return withoutResult("FAILED", QString::fromUtf8(failure.what()));
+    for (const Rows &rows : {processRows(), tunnelRows(), remoteCallRows()}) {
+        const auto row = rows.find(number);
+        if (row == rows.end())
+            continue;
+        const Measurement found = row->second();
+        return {{QStringLiteral("samples"), arrayOf(found.samples)},
+                {QStringLiteral("baseline"), arrayOf(found.baseline)},
+                {QStringLiteral("remark"), found.remark}};
     }
+    throw std::invalid_argument("there is no such row");
 }
 
 } // namespace
@@ -51,27 +49,15 @@ int main(int argc, char **argv)
     QCoreApplication application(argc, argv);
     // For the endpoints of row 7, here and in the daemon. Where it is refused, they fail.
     measures::allowDescriptors(8192);
-
-    const QStringList arguments = QCoreApplication::arguments();
-    const QString whyNoRoot = arguments.value(1);
-    const QString whyNoTunnel = whyNoRoot.isEmpty() ? arguments.value(2) : whyNoRoot;
-    QStringList numbers = arguments.mid(3);
-    const bool isAll = numbers.isEmpty();
-
-    print({{QStringLiteral("Qt"), QLatin1String(qVersion())},
-           {QStringLiteral("compiler"), QStringLiteral(__VERSION__)}});
-    for (const Row &row : waitingRows() + tunnelRows() + remoteCallRows() + startAndSizeRows()) {
-        const QLatin1String number(row.number);
-        if (!isAll && numbers.removeAll(number) == 0)
-            continue;
-        std::fprintf(stderr, "bench: %s, %s\n", row.number, row.what);
-        const QString reasons[] = {QString(), whyNoRoot, whyNoTunnel};
-        QJsonObject object = resultOf(row, reasons[static_cast<int>(row.needs)]);
-        object.insert(QStringLiteral("number"), number);
-        object.insert(QStringLiteral("what"), QLatin1String(row.what));
-        print(object);
+    try {
+        const QJsonObject object = argc > 1
+            ? measure(argv[1])
+            : QJsonObject{{QStringLiteral("Qt"), QLatin1String(qVersion())},
+                          {QStringLiteral("compiler"), QStringLiteral(__VERSION__)}};
+        std::puts(QJsonDocument(object).toJson(QJsonDocument::Compact).constData());
+        return 0;
+    } catch (const std::exception &failure) {
+        std::fprintf(stderr, "%s\n", failure.what());
+        return 1;
     }
-    if (!numbers.isEmpty())
-        std::fprintf(stderr, "bench: no such row: %s\n", qUtf8Printable(numbers.first()));
-    return numbers.isEmpty() ? 0 : 2;
 }

@@ -34,18 +34,16 @@ public:
 
     void vpn_command(const QString &message, const VpnServerInformation &) override
     {
-        qDebug() << "Command status " << (m_readsCommands ? typeOf(message) : m_unreadType);
+        const auto readType = [&message] {
+            return QJsonDocument::fromJson(message.toUtf8())
+                .object()
+                .value(QLatin1String("type"))
+                .toString();
+        };
+        qDebug() << "Command status " << (m_readsCommands ? readType() : m_unreadType);
     }
 
 private:
-    static QString typeOf(const QString &message)
-    {
-        return QJsonDocument::fromJson(message.toUtf8())
-            .object()
-            .value(QLatin1String("type"))
-            .toString();
-    }
-
     QTimer m_timer;
     const bool m_readsCommands;
     const QString m_unreadType = QStringLiteral("nothing");

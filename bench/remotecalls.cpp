@@ -1,108 +1,85 @@
-#include "programs.h"
-#include "rows.h"
+#include "subjects.h"
 
 #include "ipcserver.h"
 #include "privateroot.h"
 
+#include <QtCore/QFileInfo>
+
 #include <algorithm>
 #include <memory>
 #include <unistd.h>
-#include <utility>
 #include <vector>
 
 namespace {
 
-using namespace std::chrono_literals;
-
 constexpr int kCalls = 4000;
 constexpr int kBursts = 21;
-constexpr int kCallRounds = 15;
-constexpr double kCallBar = 0.9;
+constexpr int kRounds = 15;
 
-constexpr int kCreationRounds = 15;
-constexpr int kMemoryRounds = 3;
-constexpr int kEndpoints = 2000;
-constexpr int kConnectedEndpoints = 100;
-
-using Call = std::function<void(Client &)>;
+using Call = void (*)(Client &);
 
 /// @return how many calls the host serves in a second of processor time, when they come in one
 /// burst.
-double callsPerSecond(const Program &host, Client &client, const Call &call, const QByteArray &line)
+double callsPerSecond(const Program &host, Client &client, Call call, const QByteArray &line)
 {
-    const qint64 start = host.logSize();
+    const qint64 start = QFileInfo(host.log()).size();
     const qint64 end = start + qint64(kCalls) * (line.size() + 1);
     const double before = processorTime(host.pid());
     for (int n = 0; n < kCalls; ++n)
         call(client);
-    pollUntil([&] { return host.logSize() >= end; }, "not every call was logged");
+    pollUntil([&] { return QFileInfo(host.log()).size() >= end; }, "not every call was logged");
     const double seconds = (processorTime(host.pid()) - before) / 1e3;
-    require(host.logFrom(start).count(line + '\n') == kCalls, "the log has other lines");
+    require(contentOf(host.log()).mid(static_cast<int>(start)).count(line + '\n') == kCalls,
+            "the log has other lines");
     return kCalls / seconds;
 }
 
-/// @return the best burst of subject and baseline. Other work on the machine takes caches and never
-/// gives any.
-std::pair<double, double> bestBursts(const Call &call, const QByteArray &line,
-                                     MinimalHost::Commands commands)
+Measurement calls(Call call, const QByteArray &line, const QString &commands)
 {
-    const Daemon daemon;
-    const MinimalHost host(commands);
-    AttachedClient client;
-    Client hostClient;
-    require(hostClient.attach(MinimalHost::kEndpoint), "the client could not attach");
-
-    std::pair<double, double> best;
-    for (int n = 0; n < kBursts; ++n) {
-        best.first = std::max(best.first, callsPerSecond(daemon, client, call, line));
-        best.second = std::max(best.second, callsPerSecond(host, hostClient, call, line));
-    }
-    return best;
-}
-
-Result calls(const Call &call, const QByteArray &line, MinimalHost::Commands commands)
-{
+    Measurement found;
     // How a process happens to lie in memory is worth some percent, so every round has new ones.
-    QVector<double> measured;
-    QVector<double> baseline;
-    QVector<double> ratios;
-    for (int n = 0; n < kCallRounds; ++n) {
-        const auto [subjects, hosts] = bestBursts(call, line, commands);
-        measured.append(subjects);
-        baseline.append(hosts);
-        ratios.append(subjects / hosts);
+    for (int n = 0; n < kRounds; ++n) {
+        const Daemon daemon;
+        const MinimalHost host(commands);
+        AttachedClient client;
+        Client hostClient;
+        require(hostClient.attach(MinimalHost::kEndpoint), "the client could not attach");
+        // The best: other work on the machine takes caches and never gives any.
+        double best = 0;
+        double bestOfHost = 0;
+        for (int burst = 0; burst < kBursts; ++burst) {
+            best = std::max(best, callsPerSecond(daemon, client, call, line));
+            bestOfHost = std::max(bestOfHost, callsPerSecond(host, hostClient, call, line));
+        }
+        found.samples.append(best);
+        found.baseline.append(bestOfHost);
     }
-    Result result(QStringLiteral("/s"), measured, baseline);
-    result.remark = QStringLiteral("of processor time; a round is the best of %1 bursts of %2 with "
-                                   "new processes; ratios from %3 to %4")
-                        .arg(kBursts)
-                        .arg(kCalls)
-                        .arg(quantile(ratios, 0), 0, 'f', 3)
-                        .arg(quantile(ratios, 1), 0, 'f', 3);
-    return result;
+    found.remark = QStringLiteral("of processor time; a round is the best of %1 bursts of %2 with "
+                                  "new processes; ratios from {ratios[0]:.3f} to {ratios[1]:.3f}")
+                       .arg(kBursts)
+                       .arg(kCalls);
+    return found;
 }
 
-Result callsWithoutEffect(MinimalHost::Commands commands)
+Measurement callsWithoutEffect(const QString &commands)
 {
     return calls([](Client &client) { client.send(QStringLiteral(R"({"type":"nothing"})")); },
                  "Command status  \"nothing\"", commands);
 }
 
-Result heartbeats()
+Measurement heartbeats()
 {
     return calls([](Client &client) { client.heartbeat(); }, "Replica state is  true",
-                 MinimalHost::Commands::Unread)
-        .ratioMustBeAtLeast(kCallBar);
+                 QStringLiteral("unread"));
 }
 
-Result endpointCreation()
+Measurement endpointCreation()
 {
     // In this process: between calls from outside, the event loop looks through all sockets.
     const QtMessageHandler printing =
         qInstallMessageHandler([](QtMsgType, const QMessageLogContext &, const QString &) {});
-    QVector<double> last;
-    QVector<double> first;
-    for (int round = 0; round < kCreationRounds; ++round) {
+    Measurement found;
+    for (int round = 0; round < kRounds; ++round) {
         lab::resetPrivateRoot();
         IpcServer server;
         const auto timeUpTo = [&server](int number) {
@@ -114,67 +91,55 @@ Result endpointCreation()
             }
             return processorTime(getpid()) - before;
         };
-        first.append(timeUpTo(100));
+        found.baseline.append(timeUpTo(100));
         timeUpTo(1900);
-        last.append(timeUpTo(2000));
+        found.samples.append(timeUpTo(2000));
     }
     qInstallMessageHandler(printing);
-    Result result(QStringLiteral("ms"), last, first);
-    result.remark = QStringLiteral("processor time of a hundred, 1,901 to 2,000 against 1 to 100");
-    return result.ratioMustBeAtMost(1.3);
+    found.remark = QStringLiteral("processor time of a hundred, 1,901 to 2,000 against 1 to 100");
+    return found;
 }
 
-Result idleEndpointMemory()
+/// @param isConnected whether each endpoint has a client.
+/// @return the resident memory that one of @p number endpoints takes.
+QVector<double> memoryOfEndpoints(int number, bool isConnected)
 {
     QVector<double> each;
-    for (int round = 0; round < kMemoryRounds; ++round) {
-        const Daemon daemon;
-        Client client;
-        require(client.connectToMainSocket(), "the client could not connect");
-        const double before = memoryOf(daemon.pid(), "Rss");
-        for (int n = 1; n <= kEndpoints; ++n)
-            require(client.createEndpoint() == n, "an endpoint could not be created");
-        each.append((memoryOf(daemon.pid(), "Rss") - before) / kEndpoints);
-    }
-    Result result(QStringLiteral("KiB"), each);
-    result.remark = QStringLiteral("of %1").arg(kEndpoints);
-    return result.mustBeAtMost(10);
-}
-
-Result connectedEndpointMemory()
-{
-    QVector<double> each;
-    for (int round = 0; round < kMemoryRounds; ++round) {
+    for (int round = 0; round < 3; ++round) {
         const Daemon daemon;
         AttachedClient first;
         const double before = memoryOf(daemon.pid(), "Rss");
         std::vector<std::unique_ptr<AttachedClient>> clients;
-        for (int n = 0; n < kConnectedEndpoints; ++n) {
+        for (int n = 0; n < number; ++n) {
+            if (!isConnected) {
+                require(first.createEndpoint() > 0, "an endpoint could not be created");
+                continue;
+            }
             clients.push_back(std::make_unique<AttachedClient>());
             clients.back()->heartbeat();
         }
         vpncore::waitUntil(500ms);
-        each.append((memoryOf(daemon.pid(), "Rss") - before) / kConnectedEndpoints);
+        each.append((memoryOf(daemon.pid(), "Rss") - before) / number);
     }
-    Result result(QStringLiteral("KiB"), each);
-    result.remark =
-        QStringLiteral("of %1, with their connections to the main socket").arg(kConnectedEndpoints);
-    return result;
+    return each;
 }
 
 } // namespace
 
 Rows remoteCallRows()
 {
-    using Commands = MinimalHost::Commands;
-    return {
-        {"6a", "heartbeats", Needs::PrivateRoot, heartbeats},
-        {"6b", "commands without effect", Needs::PrivateRoot,
-         [] { return callsWithoutEffect(Commands::Read).ratioMustBeAtLeast(kCallBar); }},
-        {"6c", "the same, baseline without reading them", Needs::PrivateRoot,
-         [] { return callsWithoutEffect(Commands::Unread); }},
-        {"7a", "creating endpoints", Needs::PrivateRoot, endpointCreation},
-        {"7b", "memory of an endpoint, not connected", Needs::PrivateRoot, idleEndpointMemory},
-        {"7c", "memory of an endpoint, connected", Needs::PrivateRoot, connectedEndpointMemory},
-    };
+    return {{"6a", heartbeats},
+            {"6b", [] { return callsWithoutEffect(QStringLiteral("read")); }},
+            {"6c", [] { return callsWithoutEffect(QStringLiteral("unread")); }},
+            {"7a", endpointCreation},
+            {"7b",
+             [] {
+                 return Measurement{memoryOfEndpoints(2000, false), {}, QStringLiteral("of 2000")};
+             }},
+            {"7c", [] {
+                 return Measurement{
+                     memoryOfEndpoints(100, true),
+                     {},
+                     QStringLiteral("of 100, with their connections to the main socket")};
+             }}};
 }

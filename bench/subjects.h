@@ -3,16 +3,45 @@
 #include "client.h"
 #include "daemonprocess.h"
 #include "eventwait.h"
-#include "result.h"
 
+#include <QtCore/QElapsedTimer>
 #include <QtCore/QProcess>
+#include <QtCore/QVector>
 
 #include <chrono>
 #include <functional>
+#include <map>
+#include <string>
 
-/// What the rows measure, and what a client does with it. Only for use in a private root, except
-/// for processorTime() and processorTimeOfSpinning(). Everything turns the event loop while it
-/// waits, and throws MeasurementFailed when it does not come to what it waits for.
+// Everything here turns the event loop while it waits, and throws when it does not come to what it
+// waits for.
+
+using namespace std::chrono_literals;
+
+constexpr auto kLimit = 40s;
+
+/// What a row has found in its rounds, and the same of its baseline where it has one. Subject and
+/// baseline take turns, because the machine's speed changes with time. The remark may name, in
+/// braces, what scripts/bench finds in them.
+struct Measurement
+{
+    QVector<double> samples;
+    QVector<double> baseline;
+    QString remark;
+};
+
+const QString kWorst =
+    QStringLiteral("worst {worst:.1f} ms, of the baseline {worst_of_baseline:.1f} ms");
+
+/// Functions that start what they measure and leave nothing running, by the row's number.
+using Rows = std::map<std::string, Measurement (*)()>;
+
+Rows processRows();
+Rows tunnelRows();
+Rows remoteCallRows();
+
+/// Ends the row as failed, with @p text as the reason, unless @p holds.
+void require(bool holds, const char *text);
 
 /// @return what all threads of a process have used so far, user and system, in milliseconds.
 double processorTime(qint64 pid);
@@ -22,9 +51,11 @@ double processorTime(qint64 pid);
 /// @return KiB.
 double memoryOf(qint64 pid, const char *field);
 
-/// The baseline for waits: starts "sleep" and spins over processEvents() until it has ended.
-/// @return the processor time of this process in milliseconds.
-double processorTimeOfSpinning(std::chrono::seconds duration);
+double milliseconds(const QElapsedTimer &timer);
+QByteArray contentOf(const QString &path);
+
+/// Waits for something that is no event of this process, by looking every millisecond.
+void pollUntil(const std::function<bool()> &isDone, const char *failure);
 
 /// A server program that writes its log to a file, as under launchd, and ends with this object.
 class Program
@@ -33,18 +64,15 @@ public:
     /// Starts the program and waits until its socket accepts connections.
     Program(const QStringList &command, const QString &socketName);
     ~Program();
-
-    Program(const Program &) = delete;
-    Program &operator=(const Program &) = delete;
+    Q_DISABLE_COPY(Program)
 
     qint64 pid() const { return m_process.processId(); }
 
     /// @return the milliseconds from before the start of the program to the first connection.
     double startTime() const { return m_startTime; }
 
-    qint64 logSize() const;
-    /// @return the log from @p start on.
-    QByteArray logFrom(qint64 start) const;
+    /// @return the path of its log.
+    QString log() const { return QStringLiteral("/proc/%1/fd/2").arg(pid()); }
 
 private:
     QProcess m_process;
@@ -65,21 +93,8 @@ class MinimalHost : public Program
 public:
     static constexpr int kEndpoint = 1'000'000;
 
-    /// Whether it reads a command to log its type, or knows what to log.
-    enum class Commands { Read, Unread };
-
-    explicit MinimalHost(Commands commands = Commands::Read);
-};
-
-/// Real OpenVPN servers, as long as this lives; see vpnlab.
-class Lab
-{
-public:
-    Lab();
-    ~Lab();
-
-    Lab(const Lab &) = delete;
-    Lab &operator=(const Lab &) = delete;
+    /// @param commands "read" when it reads a command to log its type, else it knows what to log.
+    explicit MinimalHost(const QString &commands = QStringLiteral("read"));
 };
 
 /// A client on an endpoint of its own.
@@ -88,33 +103,14 @@ class AttachedClient : public Client
 public:
     AttachedClient();
 
-    using Command = std::function<void()>;
-
     /// Sends a command and waits for its answer.
     /// @return the milliseconds from command to answer.
-    double timeOf(const Command &command);
+    double timeOf(const std::function<void()> &command);
 
     /// The same, and the answer must be a success.
     double connectTunnel(const VpnServerInformation &server, bool isUdp = true);
     double endTunnel();
 };
-
-/// Waits for something that is no event of this process, by looking every millisecond.
-void pollUntil(const std::function<bool()> &isDone, const char *failure);
-
-/// One run of openvpn without the daemon.
-struct BareRun
-{
-    double untilSuccess; ///< milliseconds from before its start to its success line
-    double untilEnd; ///< milliseconds from SIGTERM to its end
-};
-
-/// Starts the program beside the daemon with the configuration @p file and stops it when it is up.
-BareRun runBare(const QString &file);
-
-/// Connects and disconnects once.
-/// @return the name of a copy of the configuration that the daemon wrote.
-QString configurationFrom(AttachedClient &client, const VpnServerInformation &server, bool isUdp);
 
 /// Runs the script that gives the DNS settings back, as the daemon does.
 /// @return the milliseconds that it took.

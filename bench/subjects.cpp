@@ -1,0 +1,147 @@
+#include "subjects.h"
+
+#include "dnsscripts.h"
+#include "ipcurls.h"
+#include "privateroot.h"
+
+#include <QtCore/QFile>
+#include <QtNetwork/QLocalSocket>
+
+#include <ctime>
+#include <stdexcept>
+#include <thread>
+
+namespace {
+
+bool accepts(const QString &socketName)
+{
+    QLocalSocket socket;
+    socket.connectToServer(socketName);
+    return socket.waitForConnected();
+}
+
+QStringList installedDaemon(DaemonProcess::Openvpn openvpn)
+{
+    lab::resetPrivateRoot();
+    DaemonProcess installs(openvpn);
+    return {DaemonProcess::programFolder() + QStringLiteral("/talvexvpnd")};
+}
+
+} // namespace
+
+void require(bool holds, const char *text)
+{
+    if (!holds)
+        throw std::runtime_error(text);
+}
+
+double processorTime(qint64 pid)
+{
+    clockid_t clock = {};
+    timespec time = {};
+    require(clock_getcpuclockid(static_cast<pid_t>(pid), &clock) == 0
+                && clock_gettime(clock, &time) == 0,
+            "the program has ended");
+    return static_cast<double>(time.tv_sec) * 1e3 + static_cast<double>(time.tv_nsec) / 1e6;
+}
+
+double memoryOf(qint64 pid, const char *field)
+{
+    const QByteArray text = contentOf(QStringLiteral("/proc/%1/smaps_rollup").arg(pid));
+    const int start = text.indexOf('\n' + QByteArray(field) + ':');
+    require(start >= 0, "the memory of the program could not be read");
+    return text.mid(text.indexOf(':', start) + 1).simplified().split(' ').first().toDouble();
+}
+
+double milliseconds(const QElapsedTimer &timer)
+{
+    return static_cast<double>(timer.nsecsElapsed()) / 1e6;
+}
+
+QByteArray contentOf(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+void pollUntil(const std::function<bool()> &isDone, const char *failure)
+{
+    const QDeadlineTimer deadline(kLimit);
+    while (!isDone()) {
+        require(!deadline.hasExpired(), failure);
+        vpncore::waitUntil(1ms);
+    }
+}
+
+Program::Program(const QStringList &command, const QString &socketName)
+{
+    static int programs = 0;
+    m_process.setStandardErrorFile(QStringLiteral("/tmp/program%1.log").arg(++programs));
+    QElapsedTimer timer;
+    timer.start();
+    m_process.start(command.first(), command.mid(1));
+    while (!accepts(socketName)) {
+        require(milliseconds(timer) < std::chrono::milliseconds(kLimit).count(),
+                "the program does not listen");
+        std::this_thread::sleep_for(200us);
+    }
+    m_startTime = milliseconds(timer);
+    require(m_process.waitForStarted(), "the program could not be started");
+}
+
+Program::~Program()
+{
+    m_process.kill();
+    m_process.waitForFinished();
+}
+
+Daemon::Daemon(DaemonProcess::Openvpn openvpn)
+    : Program(installedDaemon(openvpn), shared::getIpcServiceUrl())
+{
+}
+
+MinimalHost::MinimalHost(const QString &commands)
+    : Program({QStringLiteral(TALVEX_MINIMAL_HOST), commands, shared::getIpcProcessUrl(kEndpoint)},
+              shared::getIpcProcessUrl(kEndpoint))
+{
+}
+
+AttachedClient::AttachedClient()
+{
+    require(attachToNewEndpoint(), "the client could not attach");
+}
+
+double AttachedClient::timeOf(const std::function<void()> &command)
+{
+    const int before = answers().size();
+    QElapsedTimer timer;
+    timer.start();
+    command();
+    require(vpncore::waitUntil(kLimit, [&] { return answers().size() > before; }),
+            "no answer came");
+    return milliseconds(timer);
+}
+
+double AttachedClient::connectTunnel(const VpnServerInformation &server, bool isUdp)
+{
+    const double time = timeOf([&] { isUdp ? connectUdp(server) : connectTcp(server); });
+    require(answers().last().result.success, "the connect failed");
+    return time;
+}
+
+double AttachedClient::endTunnel()
+{
+    const double time = timeOf([this] { disconnectTunnel(); });
+    require(answers().last().result.success, "the disconnect failed");
+    return time;
+}
+
+double runRestoreScript()
+{
+    QProcess bash;
+    QElapsedTimer timer;
+    timer.start();
+    bash.start(QStringLiteral("/bin/bash"), {QStringLiteral("-c"), vpncore::dnsRestoreScript()});
+    require(bash.waitForFinished(), "the restore script did not end");
+    return milliseconds(timer);
+}
