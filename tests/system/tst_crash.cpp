@@ -18,17 +18,14 @@ struct Settings
     QStringList domains;
 };
 
-const QVector<Settings> &usersSettings()
-{
-    static const QVector<Settings> settings{
-        {QStringLiteral("Wi-Fi"),
-         {QStringLiteral("192.0.2.53"), QStringLiteral("2001:db8::53")},
-         {QStringLiteral("home.test"), QStringLiteral("lan.test")}},
-        {QStringLiteral("Thunderbolt Bridge"), {}, {}},
-        {QStringLiteral("iPhone USB"), {QStringLiteral("198.51.100.1")}, {}},
-        {QStringLiteral("Old Modem"), {}, {QStringLiteral("modem.test")}}};
-    return settings;
-}
+// What the users of the four services have set.
+const QVector<Settings> kUsersSettings{
+    {QStringLiteral("Wi-Fi"),
+     {QStringLiteral("192.0.2.53"), QStringLiteral("2001:db8::53")},
+     {QStringLiteral("home.test"), QStringLiteral("lan.test")}},
+    {QStringLiteral("Thunderbolt Bridge"), {}, {}},
+    {QStringLiteral("iPhone USB"), {QStringLiteral("198.51.100.1")}, {}},
+    {QStringLiteral("Old Modem"), {}, {QStringLiteral("modem.test")}}};
 
 /// In front of networksetup. Before or after the change that the file names, the daemon, which
 /// leads its process group, is killed, and the script at work gets no further.
@@ -47,13 +44,12 @@ die() { kill -KILL $(ps -o pgid= -p $$); sleep 10; }
 void killAt(const QByteArray &point)
 {
     QFile file(QStringLiteral("/tmp/kill-at"));
-    if (!file.open(QIODevice::WriteOnly) || file.write(point + '\n') < 0)
-        qFatal("cannot write %s", qPrintable(file.fileName()));
+    QVERIFY(file.open(QIODevice::WriteOnly) && file.write(point + '\n') > 0);
 }
 
 void compareSettings()
 {
-    for (const Settings &settings : usersSettings()) {
+    for (const Settings &settings : kUsersSettings) {
         QCOMPARE(standins::dnsServers(settings.service), settings.servers);
         QCOMPARE(standins::searchDomains(settings.service), settings.domains);
     }
@@ -99,7 +95,7 @@ private Q_SLOTS:
         const auto orEmpty = [](const QStringList &values) {
             return values.isEmpty() ? QStringList{QStringLiteral("Empty")} : values;
         };
-        for (const Settings &settings : usersSettings())
+        for (const Settings &settings : kUsersSettings)
             standins::setDns(settings.service, orEmpty(settings.servers),
                              orEmpty(settings.domains));
     }
@@ -184,34 +180,6 @@ private Q_SLOTS:
         ::kill(static_cast<pid_t>(survivor.pid), SIGTERM);
         QTRY_VERIFY(!standins::isAlive(survivor.pid));
         compareSettings();
-    }
-
-    /// What a script was writing when it was killed is no backup, and does not stay for good.
-    void halfWrittenBackupsAreRemovedByTheNextTunnel()
-    {
-        LaunchdJob job;
-        QVERIFY(job.run());
-        standins::writeBackup(QStringLiteral(".saving_999999"), "192.0.2.1\n");
-        Client client;
-        bringTunnelUp(client);
-        QVERIFY(!QTest::currentTestFailed());
-        QCOMPARE(standins::backupFiles().filter(QStringLiteral(".saving_")), QStringList());
-    }
-
-    /// Nobody is left to remove it, but nobody else can read it.
-    void configurationFileStaysPrivate()
-    {
-        LaunchdJob job;
-        QVERIFY(job.run());
-        Client client;
-        QVERIFY(client.attachToNewEndpoint());
-        client.connectUdp(serverFor(QStringLiteral("silent")));
-        QTRY_COMPARE(standins::runningOpenvpns(), 1);
-        QVERIFY(job.crash());
-        const QFileInfo left(standins::openvpnStarts().last().arguments.last());
-        QVERIFY(left.isFile());
-        QCOMPARE(left.permissions() & ~(QFile::ReadUser | QFile::WriteUser),
-                 QFile::ReadOwner | QFile::WriteOwner);
     }
 };
 

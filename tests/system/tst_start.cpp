@@ -19,6 +19,14 @@ ino_t inodeOfTheSocket()
     return ::lstat("/tmp/local:TalvexFreeVpnIpcInterface", &status) == 0 ? status.st_ino : 0;
 }
 
+/// Runs a command of bash, for which "$0" is the name of the main socket.
+void shell(const QString &command)
+{
+    QCOMPARE(QProcess::execute(QStringLiteral("/bin/bash"),
+                               {QStringLiteral("-c"), command, shared::getIpcServiceUrl()}),
+             0);
+}
+
 } // namespace
 
 /// What the daemon does from its start until it listens, and what it says meanwhile.
@@ -29,37 +37,37 @@ class TestStart : public QObject
 private Q_SLOTS:
     void init() { lab::resetPrivateRoot(); }
 
-    void firstStartCreatesTheDataFolderAndChecksDns()
+    void firstLinesTellTheDataFolderAndItsState_data()
     {
+        QTest::addColumn<QString>("before");
+        QTest::addColumn<QString>("secondLine");
+        QTest::newRow("first start") << ""
+                                     << "\"\"";
+        QTest::newRow("later start") << "mkdir -p /var/root/Library/Preferences/talvexvpnd/data"
+                                     << "\"\"";
+        QTest::newRow("something is in the way")
+            << "rm -r /var/root/Library; touch /var/root/Library"
+            << "Directory isn't created";
+    }
+
+    void firstLinesTellTheDataFolderAndItsState()
+    {
+        QFETCH(QString, before);
+        QFETCH(QString, secondLine);
+        shell(before);
         DaemonProcess daemon;
+        // Neither arguments nor the name of the program matter: within a bundle, macOS would have
+        // the daemon's name from the client.
+        daemon.setWrapper({QStringLiteral("/bin/bash"), QStringLiteral("-c"),
+                           QStringLiteral("exec -a Client \"$0\" --help --version nonsense")});
         QVERIFY(daemon.startOnly());
-        QTRY_VERIFY(inodeOfTheSocket() != 0);
         QTRY_COMPARE(
-            daemon.log(),
+            daemon.log().mid(0, 2),
             (QStringList{QStringLiteral("\"/var/root/Library/Preferences/talvexvpnd/data\""),
-                         QStringLiteral("\"\""), QStringLiteral("check DNS result  true")}));
-        QVERIFY(QDir(standins::dataFolder()).exists());
-    }
-
-    void existingDataFolderIsFine()
-    {
-        QVERIFY(QDir().mkpath(standins::dataFolder()));
-        DaemonProcess daemon;
-        QVERIFY(daemon.startOnly());
+                         secondLine}));
         QTRY_COMPARE(daemon.count(QStringLiteral("check DNS result  true")), 1);
-        QCOMPARE(daemon.count(QStringLiteral("Directory isn't created")), 0);
-    }
-
-    void dataFolderThatCannotBeCreatedStopsNothing()
-    {
-        QFile inTheWay(QStringLiteral("/var/root/Library"));
-        QVERIFY(inTheWay.open(QIODevice::WriteOnly));
-        DaemonProcess daemon;
-        QVERIFY(daemon.startOnly());
         QTRY_VERIFY(inodeOfTheSocket() != 0);
-        QTRY_COMPARE(daemon.log().value(1), QStringLiteral("Directory isn't created"));
-        Client client;
-        QVERIFY(client.attachToNewEndpoint());
+        QVERIFY(Client().connectToMainSocket());
     }
 
     void dnsIsRestoredBeforeTheDaemonListens()
@@ -69,15 +77,12 @@ private Q_SLOTS:
         standins::writeBackup(QStringLiteral("TalvexFreeVPN_dns_Wi-Fi"), "192.0.2.1 192.0.2.2\n");
         standins::writeBackup(QStringLiteral("TalvexFreeVPN_domain_Wi-Fi"), "Empty\n");
         // In front of networksetup: it looks whether there is a socket already, and takes its time.
-        const QString tool = QStringLiteral("/sbin/networksetup");
-        QVERIFY(QFile::rename(tool, tool + QStringLiteral(".kept")));
-        QFile watcher(tool);
-        QVERIFY(watcher.open(QIODevice::WriteOnly));
-        watcher.write("#!/bin/bash\nsleep 0.2\nls /tmp/local:* >>/tmp/seen 2>/dev/null\n"
-                      "echo called >>/tmp/seen\nexec \"$0.kept\" \"$@\"\n");
-        watcher.close();
-        QVERIFY(watcher.setPermissions(QFile::ReadOwner | QFile::ExeOwner));
-
+        shell(QStringLiteral("mv /sbin/networksetup{,.kept} && cat >/sbin/networksetup <<'TOOL'\n"
+                             "#!/bin/bash\n"
+                             "sleep 0.2; ls /tmp/local:* >>/tmp/seen 2>/dev/null\n"
+                             "echo called >>/tmp/seen; exec \"$0.kept\" \"$@\"\n"
+                             "TOOL\n"
+                             "chmod 700 /sbin/networksetup"));
         DaemonProcess daemon;
         QVERIFY(daemon.start());
         QCOMPARE(standins::dnsServers(QStringLiteral("Wi-Fi")),
@@ -89,9 +94,7 @@ private Q_SLOTS:
         const QByteArray text = seen.readAll();
         QVERIFY(text.startsWith("called\ncalled\n"));
         QVERIFY2(!text.contains("local:"), text.constData());
-
-        QVERIFY(QFile::remove(tool));
-        QVERIFY(QFile::rename(tool + QStringLiteral(".kept"), tool));
+        shell(QStringLiteral("mv /sbin/networksetup{.kept,}"));
     }
 
     void configurationFilesThatAKillLeftAreRemoved_data()
@@ -104,22 +107,16 @@ private Q_SLOTS:
     void configurationFilesThatAKillLeftAreRemoved()
     {
         QFETCH(bool, isNameTaken);
-        const QStringList left{QStringLiteral("/tmp/talvexvpnd.AbCdEf")};
-        const QStringList others{QStringLiteral("/tmp/talvexvpnd.AbCdEfG"),
-                                 QStringLiteral("/tmp/another.AbCdEf")};
-        for (const QString &path : left + others) {
-            QFile file(path);
-            QVERIFY(file.open(QIODevice::WriteOnly));
-        }
+        shell(QStringLiteral(
+            "touch /tmp/talvexvpnd.AbCdEf /tmp/talvexvpnd.AbCdEfG /tmp/other.AbCdEf"));
         if (isNameTaken)
             QVERIFY(QFile::link(QStringLiteral("/nothing"), shared::getIpcServiceUrl()));
         DaemonProcess daemon;
         QVERIFY(isNameTaken ? daemon.startOnly() : daemon.start());
-        QTRY_VERIFY(!isNameTaken
-                    || !daemon.linesWith(QStringLiteral("\"Unable to start")).isEmpty());
-        QCOMPARE(QFile::exists(left.first()), isNameTaken);
-        for (const QString &path : others)
-            QVERIFY(QFile::exists(path));
+        QTRY_VERIFY(!isNameTaken || daemon.count(kListenFailure) == 1);
+        QCOMPARE(QFile::exists(QStringLiteral("/tmp/talvexvpnd.AbCdEf")), isNameTaken);
+        QVERIFY(QFile::exists(QStringLiteral("/tmp/talvexvpnd.AbCdEfG")));
+        QVERIFY(QFile::exists(QStringLiteral("/tmp/other.AbCdEf")));
     }
 
     void secondDaemonLogsAndIdlesWhileTheFirstServesOn()
@@ -147,23 +144,19 @@ private Q_SLOTS:
     void takenNameMakesTheListenFail_data()
     {
         QTest::addColumn<QString>("command");
-        QTest::newRow("socket of a daemon that died") << QString();
-        QTest::newRow("folder") << QStringLiteral("mkdir \"$0\"");
-        QTest::newRow("plain file") << QStringLiteral("echo kept >\"$0\"");
-        QTest::newRow("dangling link") << QStringLiteral("ln -s /nowhere/at-all \"$0\"");
+        QTest::newRow("socket of a daemon that died") << "";
+        QTest::newRow("folder") << "mkdir \"$0\"";
+        QTest::newRow("plain file") << "echo kept >\"$0\"";
+        QTest::newRow("dangling link") << "ln -s /nowhere/at-all \"$0\"";
     }
 
     void takenNameMakesTheListenFail()
     {
         QFETCH(QString, command);
-        if (command.isEmpty()) {
-            DaemonProcess killed;
-            QVERIFY(killed.start());
-        } else {
-            QCOMPARE(QProcess::execute(QStringLiteral("/bin/bash"),
-                                       {QStringLiteral("-c"), command, shared::getIpcServiceUrl()}),
-                     0);
-        }
+        if (command.isEmpty())
+            QVERIFY(DaemonProcess().start()); // which is killed at once
+        else
+            shell(command);
         const ino_t inode = inodeOfTheSocket();
         QVERIFY(inode != 0);
         DaemonProcess daemon;
@@ -171,18 +164,6 @@ private Q_SLOTS:
         QTRY_COMPARE(daemon.count(kListenFailure), 1);
         QVERIFY(daemon.isRunning());
         QCOMPARE(inodeOfTheSocket(), inode);
-    }
-
-    void neitherArgumentsNorTheNameOfTheProgramMatter()
-    {
-        // Within a bundle, macOS would have the daemon's name from the client.
-        DaemonProcess daemon;
-        daemon.setWrapper({QStringLiteral("/bin/bash"), QStringLiteral("-c"),
-                           QStringLiteral("exec -a Client \"$0\" --help --version nonsense")});
-        QVERIFY(daemon.startOnly());
-        QTRY_COMPARE(daemon.log().value(0),
-                     QStringLiteral("\"/var/root/Library/Preferences/talvexvpnd/data\""));
-        QTRY_VERIFY(inodeOfTheSocket() != 0);
     }
 };
 
