@@ -15,13 +15,15 @@ set(talvexTestOptions -O0 -g1 -UQT_NO_CAST_FROM_ASCII)
 # PRIVATE_ROOT runs it in a private root (lab/private-root), labels it "private-root", and makes it
 # refuse to run anywhere else; NEEDS names what else the machine must provide. Where it does not, the
 # test is reported as skipped, with the reason.
+set(TALVEX_TEST_TIMEOUT 60 CACHE STRING "After how many seconds most tests are taken to hang")
+
 function(talvex_add_test name)
     cmake_parse_arguments(ARG "PRIVATE_ROOT" "TIMEOUT" "SOURCES;LIBRARIES;NEEDS;LABELS" ${ARGN})
     if(ARG_UNPARSED_ARGUMENTS)
         message(FATAL_ERROR "talvex_add_test: unknown arguments: ${ARG_UNPARSED_ARGUMENTS}")
     endif()
     if(NOT ARG_TIMEOUT)
-        set(ARG_TIMEOUT 60)
+        set(ARG_TIMEOUT "${TALVEX_TEST_TIMEOUT}")
     endif()
 
     set(bundle "${PROJECT_BINARY_DIR}/tests/bundles/${name}/Contents")
