@@ -47,11 +47,12 @@ QString pem()
 
 /// @return options that name a record whose host makes the stand-in for openvpn play @p scenario.
 /// @param info makes the record as long as it is wanted.
-QString recordFor(const QString &scenario, const QByteArray &info = {})
+QString recordFor(const QString &scenario, const QString &name = QStringLiteral("record"),
+                  const QByteArray &info = {})
 {
     writeFile(QStringLiteral("all.pem"), pem().toLatin1());
     return QStringLiteral("--server ")
-        + writeFile(QStringLiteral("record.json"),
+        + writeFile(name + QStringLiteral(".json"),
                     "{\"host\":\"" + scenario.toLatin1() + "\",\"info\":\"" + info
                         + "\",\"udpPort\":1194,\"tcpPort\":443,\"ca\":\"all.pem\","
                           "\"cert\":\"all.pem\",\"key\":\"all.pem\"}");
@@ -62,22 +63,21 @@ QString connectTo(const QString &scenario)
     return QStringLiteral("connect ") + recordFor(scenario);
 }
 
-/// @return options that name a record with which a connect over UDP has as many bytes as the daemon
-///         accepts, and two more for each of @p more characters.
-QString longestRecord(int more = 0)
+/// Makes a record with which a connect over UDP has as many bytes as the daemon accepts, and two
+/// more for each of @p more characters.
+void longestRecord(const QString &name, int more = 0)
 {
     const QString rest =
         QStringLiteral(R"({"type":"connect","cmd":"ovpnUdp"}connects)") + pem() + pem() + pem();
-    return recordFor(QStringLiteral("connects"),
-                     QByteArray((kMaxFrameBytes - 137) / 2 - rest.size() + more, 'x'));
+    recordFor(QStringLiteral("connects"), name,
+              QByteArray((kMaxFrameBytes - 137) / 2 - rest.size() + more, 'x'));
 }
 
-QString profile(const QByteArray &text)
+QString profile(const QByteArray &text, const QString &name = QStringLiteral("office.ovpn"))
 {
     writeFile(QStringLiteral("all.pem"), pem().toLatin1());
     return QStringLiteral("connect ")
-        + writeFile(QStringLiteral("office.ovpn"),
-                    text + "ca all.pem\ncert all.pem\nkey all.pem\n");
+        + writeFile(name, text + "ca all.pem\ncert all.pem\nkey all.pem\n");
 }
 
 int endpoints()
@@ -87,11 +87,38 @@ int endpoints()
         .size();
 }
 
-/// @return the start of the configuration that openvpn was given: protocol, host and port.
+/// @return transport, host and port of the configuration that openvpn was given.
 QByteArray remoteOf(const standins::OpenvpnStart &start)
 {
     const QList<QByteArray> lines = standins::configurationOf(start).split('\n');
-    return lines.value(2) + ", " + lines.value(3);
+    return lines.value(2).split(' ').value(1) + lines.value(3).mid(6);
+}
+
+/// @return the lines with every time replaced by "T".
+QStringList withoutTimes(QStringList lines)
+{
+    return lines.replaceInStrings(QRegularExpression(QStringLiteral("[0-9]+\\.[0-9]+")),
+                                  QStringLiteral("T"));
+}
+
+/// @return everything but advice: first what went to the standard error, with times as "T".
+QByteArray saidBy(VpnctlProcess &vpnctl)
+{
+    QStringList lines = vpnctl.errorLines() + vpnctl.lines();
+    for (const char *advice : {"What to do: ", "Key: "}) {
+        lines.erase(std::remove_if(lines.begin(), lines.end(),
+                                   [&](const QString &line) {
+                                       return line.startsWith(QLatin1String(advice));
+                                   }),
+                    lines.end());
+    }
+    return withoutTimes(lines)
+        .join(QLatin1Char('|'))
+        .replace(QStringLiteral("openvpn reported an error, or was stopped by a newer command or a "
+                                "missing heartbeat."),
+                 QStringLiteral("ERROR"))
+        .replace(QLatin1Char('"'), QLatin1Char('\''))
+        .toUtf8();
 }
 
 /// @return the lines that say what is wrong, which are one or none in most cases.
@@ -112,13 +139,6 @@ QStringList eventsIn(const QStringList &lines)
     return events;
 }
 
-/// @return the lines with every time replaced by "T".
-QStringList withoutTimes(QStringList lines)
-{
-    return lines.replaceInStrings(QRegularExpression(QStringLiteral("[0-9]+\\.[0-9]+")),
-                                  QStringLiteral("T"));
-}
-
 } // namespace
 
 /// The program against the daemon, as people use the two.
@@ -127,6 +147,8 @@ class VpnctlProgram : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
+    void initTestCase() { QVERIFY(QDir::setCurrent(QStringLiteral("/var/root"))); }
+
     void init()
     {
         lab::resetPrivateRoot();
@@ -136,18 +158,94 @@ private Q_SLOTS:
 
     void cleanup() { m_daemon.reset(); }
 
-    void pingMeasuresTheRoundTripAndMakesNoEndpoint()
+    void oneCommandIsAnswered_data()
     {
+        QTest::addColumn<int>("exitCode");
+        QTest::addColumn<QByteArray>("said");
+        QTest::addColumn<QByteArray>("remotes");
+        QTest::addColumn<int>("running");
+        const auto row = [](const char *arguments, int exitCode, const QByteArray &said,
+                            const char *remotes = "", int running = 0) {
+            QTest::newRow(arguments) << exitCode << said << QByteArray(remotes) << running;
+        };
+        row("ping", kDone, "The daemon is there and answered after T ms.");
+        row("ping --json", kDone, "{'event':'pong','milliseconds':T}");
+        row("raw x --server none.json --json", kWrongUse,
+            "{'advice':'','event':'error','exit':2,'text':'Cannot read the record none.json: No "
+            "such file or directory.'}");
+        row("connect /var/root", kWrongUse,
+            "vpnctl: Cannot read the profile /var/root: file to open is a directory.");
+        row("connect --server /dev/zero", kWrongUse,
+            "vpnctl: The record /dev/zero is too large; at most 1 MiB is read.");
+        const QByteArray tooLong("vpnctl: The command with its record takes 262145 bytes, and the "
+                                 "daemon accepts 262144 at most.");
+        row("connect --server toolong.json", kWrongUse, tooLong);
+        row("raw {'type':'connect','cmd':'ovpnUdp'} --server toolong.json", kWrongUse, tooLong);
+        for (const char *command :
+             {"disconnect --endpoint 9", "watch --endpoint 9", "raw {} --endpoint 9"})
+            row(command, kWrongUse, "vpnctl: The daemon has no endpoint 9.");
+        const QByteArray late("vpnctl: The daemon did not answer the command within 1 seconds.|");
+        row("raw nonsense --timeout 1", kNoAnswer, late + "Endpoint: 1");
+
+        const QByteArray connecting("Endpoint: 1|Connecting to %, port 1194, over UDP|");
+        const QByteArray up("Connected after T s.|The tunnel is up and stays up. To take it down: "
+                            "vpnctl disconnect --endpoint 1");
+        const QByteArray weaker("Without block-ipv6: IPv6 may go around the tunnel, in clear.|");
+        row("connect weaker.ovpn", kWrongUse,
+            weaker + "vpnctl: The profile asks for more than the daemon can do.");
+        row("connect weaker.ovpn --accept-weaker --detach", kDone,
+            weaker + QByteArray(connecting).replace('%', "connects") + up, "udp connects 1194", 1);
+        row("connect --server longest.json --detach", kDone,
+            QByteArray(connecting).replace('%', "connects") + up, "udp connects 1194", 1);
+        row("connect several.ovpn --detach", kDone,
+            "Note: Not carried over from the profile: route.|Endpoint: 1|"
+            "Connecting to error, port 1, over UDP (server 1 of 4)|Not connected after T s: ERROR|"
+            "Connecting to will-retry, port 2, over TCP (server 2 of 4)|"
+            "Not connected after T s: ERROR|"
+            "Connecting to connects, port 3, over UDP (server 3 of 4)|"
+                + up,
+            "udp error 1, tcp will-retry 2, udp connects 3", 1);
+        for (const char *arguments :
+             {"connect --server error.json", "connect --server error.json --detach"})
+            row(arguments, kFailed,
+                QByteArray(connecting).replace('%', "error")
+                    + "Not connected after T s: ERROR|Disconnecting|Disconnected after T s.",
+                "udp error 1194");
+        for (const char *arguments : {"connect --server silent.json --timeout 1",
+                                      "connect --server silent.json --timeout 1 --detach"})
+            row(arguments, kNoAnswer,
+                late + QByteArray(connecting).replace('%', "silent")
+                    + "Disconnecting|Disconnected after T s.",
+                "udp silent 1194");
+        row("raw {'type':'connect','cmd':'ovpnTcp'} --server connects.json", kDone,
+            "Endpoint: 1|Connected after T s.", "tcp connects 443", 1);
+    }
+
+    void oneCommandIsAnswered()
+    {
+        QFETCH(int, exitCode);
+        QFETCH(QByteArray, said);
+        QFETCH(QByteArray, remotes);
+        QFETCH(int, running);
+        for (const char *scenario : {"connects", "error", "silent"})
+            recordFor(QLatin1String(scenario), QLatin1String(scenario));
+        longestRecord(QStringLiteral("longest"));
+        longestRecord(QStringLiteral("toolong"), 1);
+        profile("remote connects\nblock-ipv6\n", QStringLiteral("weaker.ovpn"));
+        profile("remote error 1\nremote will-retry 2 tcp\nroute 10.0.0.0\nremote connects 3\n"
+                "remote silent 4\n",
+                QStringLiteral("several.ovpn"));
         VpnctlProcess vpnctl;
-        QCOMPARE(vpnctl.run(QStringLiteral("ping")), kDone);
-        QCOMPARE(withoutTimes(vpnctl.lines()),
-                 QStringList{QStringLiteral("The daemon is there and answered after T ms.")});
-        QCOMPARE(vpnctl.errorLines(), QStringList());
-        QCOMPARE(vpnctl.run(QStringLiteral("ping --json")), kDone);
-        QCOMPARE(withoutTimes(vpnctl.lines()),
-                 QStringList{QStringLiteral(R"({"event":"pong","milliseconds":T})")});
-        QTRY_COMPARE(m_daemon->count(QStringLiteral("LocalServer new connection")), 2);
-        QCOMPARE(endpoints(), 0);
+        const QString arguments = QString::fromLatin1(QTest::currentDataTag());
+        QCOMPARE(vpnctl.run(QString(arguments).replace(QLatin1Char('\''), QLatin1Char('"'))),
+                 exitCode);
+        QCOMPARE(saidBy(vpnctl), said);
+        QCOMPARE(endpoints() > 0, said.contains("Endpoint: 1"));
+        QByteArrayList called;
+        for (const standins::OpenvpnStart &start : standins::openvpnStarts())
+            called.append(remoteOf(start));
+        QCOMPARE(called.join(", "), remotes);
+        QCOMPARE(standins::runningOpenvpns(), running);
     }
 
     // Without a daemon that works
@@ -274,163 +372,28 @@ private Q_SLOTS:
 
     // What a connect is made of
 
-    void whatIsGivenReachesOpenvpn_data()
-    {
-        QTest::addColumn<QString>("arguments");
-        QTest::addColumn<QByteArray>("remote");
-        QTest::addColumn<bool>("hasClientsPem");
-        QTest::newRow("record") << QStringLiteral("--server /var/root/r.json")
-                                << QByteArray("proto tcp, remote connects 443") << true;
-        QTest::newRow("host options")
-            << QStringLiteral("--host connects --port 53 --ca /var/root/ca.crt "
-                              "--cert /var/root/me.crt --key /var/root/me.key")
-            << QByteArray("proto udp, remote connects 53") << true;
-        QTest::newRow("profile through a pipe, longer than it holds at once")
-            << QStringLiteral("--config <(cat /var/root/long.ovpn)")
-            << QByteArray("proto udp, remote connects 54") << true;
-    }
-
-    void whatIsGivenReachesOpenvpn()
+    void profileComesThroughAPipeOfAnyLength()
     {
         const QByteArray ca = pemtexts::certificate(QStringLiteral("Q0E=")).toLatin1();
-        const QByteArray cert = pemtexts::certificate().toLatin1();
-        const QByteArray key = pemtexts::key().toLatin1();
-        writeFile(QStringLiteral("ca.crt"), ca);
-        writeFile(QStringLiteral("me.crt"), cert);
-        writeFile(QStringLiteral("me.key"), key);
+        writeFile(QStringLiteral("all.pem"), pem().toLatin1());
         writeFile(
-            QStringLiteral("r.json"),
-            R"({"host":"connects","ca":"ca.crt","cert":"me.crt","key":"me.key","tcpPort":443})");
-        const QByteArray comments("# a comment, with many others more than a pipe holds at once\n");
-        writeFile(QStringLiteral("long.ovpn"),
-                  comments.repeated(10'000) + "remote connects 54\n<ca>\n" + ca
-                      + "</ca>\ncert /var/root/me.crt\nkey /var/root/me.key\n");
-
-        QFETCH(QString, arguments);
-        QFETCH(QByteArray, remote);
-        QFETCH(bool, hasClientsPem);
+            QStringLiteral("long.ovpn"),
+            QByteArray("# a comment, with many others more than a pipe holds\n").repeated(10'000)
+                + "remote connects 54\n<ca>\n" + ca
+                + "</ca>\ncert /var/root/all.pem\nkey /var/root/all.pem\n");
         VpnctlProcess vpnctl;
         vpnctl.beginWithin({QStringLiteral("/bin/bash"), QStringLiteral("-c")},
-                           QStringLiteral("connect --detach ") + arguments);
+                           QStringLiteral("connect --detach <(cat /var/root/long.ovpn)"));
         QCOMPARE(vpnctl.exitCodeWithin(), kDone);
         const standins::OpenvpnStart start = standins::openvpnStarts().value(0);
         const QByteArray text = standins::configurationOf(start);
-        QCOMPARE(remoteOf(start), remote);
+        QCOMPARE(remoteOf(start), QByteArray("udp connects 54"));
         QVERIFY(text.contains("<ca>\n" + ca));
-        QCOMPARE(text.contains("<cert>\n" + cert), hasClientsPem);
-        QCOMPARE(text.contains("<key>\n" + key), hasClientsPem);
-    }
-
-    void remotesAreTriedInOrderUntilOneConnects()
-    {
-        VpnctlProcess vpnctl;
-        QCOMPARE(vpnctl.run(profile("remote error 1\nremote will-retry 2 tcp\nroute 10.0.0.0\n"
-                                    "remote connects 3\nremote silent 4\n")
-                            + QStringLiteral(" --detach")),
-                 kDone);
-        QByteArrayList remotes;
-        for (const standins::OpenvpnStart &start : standins::openvpnStarts())
-            remotes.append(remoteOf(start));
-        QCOMPARE(remotes,
-                 (QByteArrayList{"proto udp, remote error 1", "proto tcp, remote will-retry 2",
-                                 "proto udp, remote connects 3"}));
-        QVERIFY(vpnctl.lines().contains(
-            QStringLiteral("Connecting to will-retry, port 2, over TCP (server 2 of 4)")));
-        QCOMPARE(vpnctl.errorLines().value(0),
-                 QStringLiteral("Note: Not carried over from the profile: route."));
-    }
-
-    void badInputOneClearLineAndNoEndpoint_data()
-    {
-        QTest::addColumn<QString>("arguments");
-        QTest::addColumn<QString>("line");
-        QTest::newRow("missing profile")
-            << QStringLiteral("connect --config /var/root/none.ovpn")
-            << QStringLiteral("Cannot read the profile /var/root/none.ovpn: No such file or "
-                              "directory.");
-        QTest::newRow("profile that is a folder")
-            << QStringLiteral("connect --config /var/root")
-            << QStringLiteral("Cannot read the profile /var/root: file to open is a directory.");
-        QTest::newRow("endless record")
-            << QStringLiteral("connect --server /dev/zero")
-            << QStringLiteral("The record /dev/zero is too large; at most 1 MiB is read.");
-        const QString tooLong = QStringLiteral("The command with its record takes %1 bytes, and "
-                                               "the daemon accepts %2 at most.")
-                                    .arg(kMaxFrameBytes + 1)
-                                    .arg(kMaxFrameBytes);
-        QTest::newRow("connect that is too long") << QStringLiteral("connect LONG") << tooLong;
-        QTest::newRow("raw that is too long")
-            << QStringLiteral(R"(raw {"type":"connect","cmd":"ovpnUdp"} LONG)") << tooLong;
-    }
-
-    void badInputOneClearLineAndNoEndpoint()
-    {
-        QFETCH(QString, arguments);
-        QFETCH(QString, line);
-        arguments.replace(QStringLiteral("LONG"), longestRecord(1));
-        VpnctlProcess vpnctl;
-        QCOMPARE(vpnctl.run(arguments), kWrongUse);
-        QCOMPARE(problemsIn(vpnctl.errorLines()), QStringList{QStringLiteral("vpnctl: ") + line});
-        QCOMPARE(vpnctl.lines(), QStringList());
-        QCOMPARE(endpoints(), 0);
-    }
-
-    void longestCommandReachesTheDaemon()
-    {
-        VpnctlProcess vpnctl;
-        QCOMPARE(vpnctl.run(QStringLiteral("connect --detach ") + longestRecord()), kDone);
-        QCOMPARE(standins::runningOpenvpns(), 1);
-    }
-
-    void wrongUseAsJson()
-    {
-        VpnctlProcess vpnctl;
-        QCOMPARE(vpnctl.run(QStringLiteral("dance --json")), kWrongUse);
-        QCOMPARE(vpnctl.errorLines(), QStringList());
-        QCOMPARE(eventsIn(vpnctl.lines()), QStringList{QStringLiteral("error")});
+        for (const char *block : {"<cert>\n", "<key>\n"})
+            QVERIFY(text.contains(block + pem().toLatin1()));
     }
 
     // Attempts
-
-    void failedAttemptIsExplainedAndLeavesNothingRunning_data() { addHeldAndDetached(); }
-
-    void failedAttemptIsExplainedAndLeavesNothingRunning()
-    {
-        QFETCH(QString, option);
-        VpnctlProcess vpnctl;
-        QCOMPARE(vpnctl.run(connectTo(QStringLiteral("error")) + option), kFailed);
-        const QStringList lines = withoutTimes(vpnctl.lines());
-        QCOMPARE(lines.size(), 7);
-        QCOMPARE(
-            lines[2],
-            QStringLiteral("Not connected after T s: openvpn reported an error, or was stopped "
-                           "by a newer command or a missing heartbeat."));
-        QVERIFY(lines[3].startsWith(QStringLiteral("What to do: ")));
-        QCOMPARE(lines.mid(4),
-                 (QStringList{
-                     QStringLiteral("Key: warning.can_not_open_vpn_check_is_admin_granted"),
-                     QStringLiteral("Disconnecting"), QStringLiteral("Disconnected after T s.")}));
-        QCOMPARE(standins::openvpnStarts().size(), 1);
-        QCOMPARE(standins::runningOpenvpns(), 0);
-    }
-
-    void attemptThatIsNotAnsweredInTimeIsTakenBack_data() { addHeldAndDetached(); }
-
-    void attemptThatIsNotAnsweredInTimeIsTakenBack()
-    {
-        QFETCH(QString, option);
-        VpnctlProcess vpnctl;
-        QCOMPARE(vpnctl.run(connectTo(QStringLiteral("silent")) + QStringLiteral(" --timeout 1")
-                            + option),
-                 kNoAnswer);
-        QCOMPARE(problemsIn(vpnctl.errorLines()),
-                 QStringList{QStringLiteral(
-                     "vpnctl: The daemon did not answer the command within 1 seconds.")});
-        QCOMPARE(withoutTimes(vpnctl.lines()).constLast(),
-                 QStringLiteral("Disconnected after T s."));
-        QCOMPARE(standins::openvpnStarts().size(), 1);
-        QCOMPARE(standins::runningOpenvpns(), 0);
-    }
 
     void attemptThatCannotBeTakenBackEndsToo()
     {
@@ -669,17 +632,6 @@ private Q_SLOTS:
         QCOMPARE(standins::runningOpenvpns(), 0);
     }
 
-    void endpointThatIsNotThereIsWrongUse()
-    {
-        for (const char *command :
-             {"disconnect --endpoint 9", "watch --endpoint 9", "raw {} --endpoint 9"}) {
-            VpnctlProcess vpnctl;
-            QCOMPARE(vpnctl.run(QLatin1String(command)), kWrongUse);
-            QCOMPARE(problemsIn(vpnctl.errorLines()),
-                     QStringList{QStringLiteral("vpnctl: The daemon has no endpoint 9.")});
-        }
-    }
-
     void watchPrintsTheAnswersOfOthers()
     {
         Client client;
@@ -704,40 +656,7 @@ private Q_SLOTS:
         }
     }
 
-    void rawSendsTheTextAndPrintsTheAnswer()
-    {
-        VpnctlProcess vpnctl;
-        QCOMPARE(vpnctl.run(QStringLiteral(R"(raw {"type":"connect","cmd":"ovpnTcp"} --json )")
-                            + recordFor(QStringLiteral("connects"))),
-                 kDone);
-        const QJsonObject answer =
-            QJsonDocument::fromJson(vpnctl.lines().value(1).toUtf8()).object();
-        QCOMPARE(
-            answer.value(QLatin1String("message")).toString(),
-            QStringLiteral(R"({"arg":"connect","cmd":"connect","status":true,"type":"openvpn"})"));
-        QCOMPARE(answer.value(QLatin1String("success")), QJsonValue(true));
-        QCOMPARE(remoteOf(standins::openvpnStarts().value(0)),
-                 QByteArray("proto tcp, remote connects 443"));
-    }
-
-    void rawTextThatTheDaemonDoesNotKnowIsNotAnswered()
-    {
-        VpnctlProcess vpnctl;
-        QCOMPARE(vpnctl.run(QStringLiteral("raw nonsense --timeout 1")), kNoAnswer);
-        QCOMPARE(m_daemon->count(QStringLiteral("Command status  \"\"")), 1);
-        QCOMPARE(problemsIn(vpnctl.errorLines()),
-                 QStringList{QStringLiteral(
-                     "vpnctl: The daemon did not answer the command within 1 seconds.")});
-    }
-
 private:
-    static void addHeldAndDetached()
-    {
-        QTest::addColumn<QString>("option");
-        QTest::newRow("held") << QString();
-        QTest::newRow("detached") << QStringLiteral(" --detach");
-    }
-
     /// @param signal 0 for the end of the input.
     static void stop(VpnctlProcess &vpnctl, int signal)
     {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "options.h"
+#include "problem.h"
 #include "report.h"
 #include "vpnsession.h"
 

@@ -11,7 +11,6 @@
 #include <CLI/CLI.hpp>
 
 #include <limits>
-#include <set>
 #include <type_traits>
 
 namespace vpnctl {
@@ -130,20 +129,6 @@ constexpr OptionRow kOptions[] = {
     {"TEXT", "", kRaw, kRaw, &Options::message, "The JSON text to send."},
 };
 
-struct Rule
-{
-    const char *option;
-    const char *other;
-    bool areTogether; ///< Or else they exclude each other.
-};
-
-constexpr Rule kConnectRules[] = {
-    {"--config", "--server", false}, {"--config", "--host", false}, {"--server", "--host", false},
-    {"--udp", "--tcp", false},       {"--host", "--ca", true},      {"--host", "--cert", true},
-    {"--host", "--key", true},       {"--ca", "--host", true},      {"--cert", "--host", true},
-    {"--key", "--host", true},       {"--port", "--host", true},
-};
-
 /// CLI11's help, as wide as the terminal.
 class HelpLayout : public CLI::Formatter
 {
@@ -191,35 +176,25 @@ private:
     int m_width;
 };
 
-/// @return nothing when @p row is not about a member of this type.
-template<typename Value>
 CLI::Option *addOption(CLI::App &command, const OptionRow &row, Options &options)
 {
-    const auto *pointer = std::get_if<Value Options::*>(&row.member);
-    if (!pointer)
-        return nullptr;
-    Value &value = options.**pointer;
-    if constexpr (std::is_same_v<Value, bool>) {
-        return command.add_flag(row.names, value, row.text);
-    } else if constexpr (std::is_same_v<Value, QString>) {
-        const auto set = [&value](const std::string &text) {
-            value = QString::fromStdString(text);
-        };
-        return command.add_option_function<std::string>(row.names, set, row.text);
-    } else {
-        const auto set = [&value](int number) { value = Value(number); };
-        return command.add_option_function<int>(row.names, set, row.text)
-            ->check(CLI::Range(row.lowest, row.highest).description(""));
-    }
-}
-
-CLI::Option *addOption(CLI::App &command, const OptionRow &row, Options &options)
-{
-    CLI::Option *option = addOption<bool>(command, row, options);
-    option = option ? option : addOption<int>(command, row, options);
-    option = option ? option : addOption<std::chrono::seconds>(command, row, options);
-    option = option ? option : addOption<QString>(command, row, options);
-    return option->type_name(row.value);
+    const auto add = [&](auto member) {
+        auto &value = options.*member;
+        using Value = std::decay_t<decltype(value)>;
+        if constexpr (std::is_same_v<Value, bool>) {
+            return command.add_flag(row.names, value, row.text);
+        } else if constexpr (std::is_same_v<Value, QString>) {
+            const auto set = [&value](const std::string &text) {
+                value = QString::fromStdString(text);
+            };
+            return command.add_option_function<std::string>(row.names, set, row.text);
+        } else {
+            const auto set = [&value](int number) { value = Value(number); };
+            return command.add_option_function<int>(row.names, set, row.text)
+                ->check(CLI::Range(row.lowest, row.highest).description(""));
+        }
+    };
+    return std::visit(add, row.member)->type_name(row.value);
 }
 
 void addEverything(CLI::App &app, Options &options)
@@ -245,11 +220,15 @@ void addEverything(CLI::App &app, Options &options)
         }
     }
     CLI::App *connect = app.get_subcommand("connect");
-    for (const Rule &rule : kConnectRules) {
-        CLI::Option *option = connect->get_option(rule.option);
-        CLI::Option *other = connect->get_option(rule.other);
-        rule.areTogether ? option->needs(other) : option->excludes(other);
+    CLI::Option *host = connect->get_option("--host");
+    connect->get_option("--port")->needs(host);
+    for (const char *name : {"--ca", "--cert", "--key"}) {
+        connect->get_option(name)->needs(host);
+        host->needs(connect->get_option(name));
     }
+    connect->get_option("--config")->excludes(host)->excludes(connect->get_option("--server"));
+    connect->get_option("--server")->excludes(host);
+    connect->get_option("--udp")->excludes(connect->get_option("--tcp"));
 }
 
 /// Checks what CLI11 cannot know.
@@ -277,20 +256,16 @@ void check(const Options &options)
 
 /// @param words what stands after "vpnctl", up to and with the word that is to be completed.
 /// @return a line each: a word, a tab, and what it means; or kFile where a file may stand.
-QString completions(CLI::App &app, const QStringList &words)
+QString completions(const CLI::App &app, const QStringList &words)
 {
-    CLI::App *command = &app;
-    CLI::Option *option = nullptr; // whose value is to be completed
-    std::set<CLI::Option *> excluded;
-    for (const QString &word : words.mid(0, words.size() - 1)) {
-        const std::string name = word.toStdString();
-        for (CLI::App *candidate : command->get_subcommands({})) {
-            if (candidate->check_name(name))
+    const CLI::App *command = &app;
+    const CLI::Option *option = nullptr; // whose value is to be completed
+    for (const QString &before : words.mid(0, words.size() - 1)) {
+        for (const CLI::App *candidate : command->get_subcommands({})) {
+            if (candidate->check_name(before.toStdString()))
                 command = candidate;
         }
-        option = command->get_option_no_throw(name);
-        if (option)
-            excluded.merge(option->get_excludes());
+        option = command->get_option_no_throw(before.toStdString());
     }
     const QString word = words.value(words.size() - 1);
     QString lines;
@@ -307,11 +282,9 @@ QString completions(CLI::App &app, const QStringList &words)
         }
         return lines;
     }
-    for (CLI::App *candidate : command->get_subcommands({}))
+    for (const CLI::App *candidate : command->get_subcommands({}))
         offer(QString::fromStdString(candidate->get_name()), candidate->get_description());
-    for (CLI::Option *candidate : command->get_options()) {
-        if (excluded.count(candidate))
-            continue;
+    for (const CLI::Option *candidate : command->get_options()) {
         for (const std::string &name : candidate->get_lnames())
             offer(QString::fromStdString("--" + name), candidate->get_description());
         if (candidate->get_positional() && candidate->get_type_name() == kFile
@@ -345,13 +318,10 @@ QString manualLists(const CLI::App &app)
             if (row.commands & only(command.command))
                 commands.append(QLatin1String(command.name));
         }
-        const QString with = row.commands == kEvery
-            ? QString()
-            : QStringLiteral("With %1: ").arg(commands.join(QLatin1String(", ")));
-        add({QString::fromLatin1(row.names).section(QLatin1Char(','),
-                                                    -1)}, // not what is positional
+        const QString with = QStringLiteral("With %1: ").arg(commands.join(QLatin1String(", ")));
+        add({QString::fromLatin1(row.names).section(QLatin1Char(','), -1)},
             *row.value ? QStringLiteral(" *%1*").arg(QLatin1String(row.value)) : QString(),
-            with + QLatin1String(row.text));
+            (row.commands == kEvery ? QString() : with) + QLatin1String(row.text));
     }
 
     lists += QLatin1String("# PROFILES THAT ASK FOR MORE\n\n"

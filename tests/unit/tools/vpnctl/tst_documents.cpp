@@ -106,7 +106,6 @@ private Q_SLOTS:
         row("connect --de", "--detach");
         row("raw x --e", "--endpoint");
         row("raw --timeout ", "");
-        row("connect --tcp --ud", "");
         row("connect --port ", "");
         row("connect vpn", "vpnctl.bash");
         row("connect --json --ca vpn", "vpnctl.bash");
