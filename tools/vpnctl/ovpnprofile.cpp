@@ -15,55 +15,18 @@ namespace vpnctl {
 namespace {
 
 /// What the daemon's own configuration has too, though with another value it would matter.
-constexpr const char *kSameInDaemon[] = {
-    "comp-lzo",       "cipher AES-256-CBC",     "dev-type tun", "mssfix 1450",  "ping 15",
-    "ping-restart 0", "remote-cert-tls server", "reneg-sec 0",  "tun-mtu 1500", "tun-mtu-extra 32",
-};
+const char kSameInDaemon[] =
+    "comp-lzo|cipher AES-256-CBC|dev-type tun|mssfix 1450|ping 15|ping-restart 0|"
+    "remote-cert-tls server|reneg-sec 0|tun-mtu 1500|tun-mtu-extra 32";
 
 /// What changes nothing that the user could miss, whatever its value.
-constexpr const char *kHarmless[] = {
-    "auth-nocache",
-    "auth-retry",
-    "client",
-    "connect-retry",
-    "connect-retry-max",
-    "connect-timeout",
-    "daemon",
-    "explicit-exit-notify",
-    "fast-io",
-    "float",
-    "hand-window",
-    "ignore-unknown-option",
-    "key-direction",
-    "log",
-    "log-append",
-    "machine-readable-output",
-    "mute",
-    "mute-replay-warnings",
-    "nice",
-    "nobind",
-    "persist-key",
-    "persist-tun",
-    "ping-timer-rem",
-    "pull",
-    "push-peer-info",
-    "rcvbuf",
-    "remote-random",
-    "resolv-retry",
-    "route-delay",
-    "route-method",
-    "script-security",
-    "server-poll-timeout",
-    "setenv",
-    "sndbuf",
-    "status",
-    "suppress-timestamps",
-    "tls-client",
-    "tls-timeout",
-    "topology",
-    "verb",
-    "writepid",
-};
+const char kHarmless[] =
+    "auth-nocache auth-retry client connect-retry connect-retry-max connect-timeout daemon "
+    "explicit-exit-notify fast-io float hand-window ignore-unknown-option key-direction log "
+    "log-append machine-readable-output mute mute-replay-warnings nice nobind persist-key "
+    "persist-tun ping-timer-rem pull push-peer-info rcvbuf remote-random resolv-retry "
+    "route-delay route-method script-security server-poll-timeout setenv sndbuf status "
+    "suppress-timestamps tls-client tls-timeout topology verb writepid";
 
 struct Protection
 {
@@ -107,11 +70,9 @@ constexpr Protection kProtections[] = {
     {"user group chroot", "openvpn keeps the rights of root."},
 };
 
-template<std::size_t Size>
-bool contains(const char *const (&list)[Size], const QString &text)
+bool isIn(const char *list, char separator, const QString &text)
 {
-    return std::any_of(std::begin(list), std::end(list),
-                       [&](const char *entry) { return text == QLatin1String(entry); });
+    return QString::fromLatin1(list).split(QLatin1Char(separator)).contains(text);
 }
 
 /// Splits a line as openvpn does: blanks separate; double quotes with backslashes, single quotes
@@ -283,21 +244,18 @@ private:
         const QString name = words.first();
         const bool isTun = name == QLatin1String("dev")
             && words.value(1).startsWith(QLatin1String("tun")); // its number is openvpn's affair
-        if (isTun || contains(kHarmless, name)
-            || contains(kSameInDaemon, words.join(QLatin1Char(' '))))
+        if (isTun || isIn(kHarmless, ' ', name)
+            || isIn(kSameInDaemon, '|', words.join(QLatin1Char(' '))) || m_leftOut.contains(name)) {
             return;
+        }
+        m_leftOut.append(name);
         for (const Protection &protection : kProtections) {
-            if (QString::fromLatin1(protection.directives).split(QLatin1Char(' ')).contains(name)) {
-                const bool isKnown = std::any_of(
-                    m_profile.weaknesses.begin(), m_profile.weaknesses.end(),
-                    [&](const Weakness &weakness) { return weakness.directive == name; });
-                if (!isKnown)
-                    m_profile.weaknesses.append({name, QLatin1String(protection.withoutIt)});
+            if (isIn(protection.directives, ' ', name)) {
+                m_profile.weaknesses.append({name, QLatin1String(protection.withoutIt)});
                 return;
             }
         }
-        if (!m_profile.notCarriedOver.contains(name))
-            m_profile.notCarriedOver.append(name);
+        m_profile.notCarriedOver.append(name);
     }
 
     [[noreturn]] void fail(const QString &complaint)
@@ -308,6 +266,7 @@ private:
     QString m_path;
     QStringList m_lines;
     int m_next = 0;
+    QStringList m_leftOut;
 
     OvpnProfile m_profile;
     Remote m_global;

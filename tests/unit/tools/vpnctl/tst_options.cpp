@@ -1,24 +1,39 @@
 #include "options.h"
 
+#include "explain.h"
 #include "problem.h"
+#include "targetreader.h"
 
+#include <QtCore/QProcess>
 #include <QtTest/QtTest>
 
 using namespace vpnctl;
 
 namespace {
 
-/// @return what the command line asks for; fails the test, when it is wrong.
 std::variant<Options, QString> read(const QString &arguments, int width = 80)
 {
-    return readCommandLine(QStringList{QStringLiteral("vpnctl")}
-                               + arguments.split(QLatin1Char(' '), Qt::SkipEmptyParts),
-                           width);
+    const QStringList words = arguments.split(QLatin1Char(' '), Qt::SkipEmptyParts);
+    return readCommandLine(QStringList{QStringLiteral("vpnctl")} + words, width);
+}
+
+/// @return what a program in the sources' folder prints, sorted, each line once.
+QStringList linesOf(const QString &program, const QStringList &arguments)
+{
+    QProcess process;
+    process.setWorkingDirectory(QStringLiteral(TALVEX_SOURCES));
+    process.start(program, arguments);
+    process.waitForFinished();
+    QStringList lines = QString::fromUtf8(process.readAllStandardOutput())
+                            .split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+    lines.removeDuplicates();
+    lines.sort();
+    return lines;
 }
 
 } // namespace
 
-/// What the command line means.
+/// What the command line means, what is offered for it, and what the program knows by heart.
 class VpnctlOptions : public QObject
 {
     Q_OBJECT
@@ -28,9 +43,9 @@ private Q_SLOTS:
     {
         const auto connect = std::get<Options>(
             read(QStringLiteral("--json connect --host a --port 7 --ca b --cert c --key=d --tcp "
-                                "--accept-weaker --detach --timeout 8")));
+                                "--accept-weaker --once --detach --timeout 8")));
         QVERIFY(connect.command == Options::Command::Connect);
-        QVERIFY(connect.json && connect.acceptWeaker && connect.detach);
+        QVERIFY(connect.json && connect.acceptWeaker && connect.once && connect.detach);
         QCOMPARE(connect.host, QStringLiteral("a"));
         QCOMPARE(connect.port, 7);
         QCOMPARE(connect.caPath + connect.certPath + connect.keyPath, QStringLiteral("bcd"));
@@ -42,19 +57,10 @@ private Q_SLOTS:
         QCOMPARE(raw.message + raw.recordPath, QStringLiteral("{}e"));
         QCOMPARE(raw.endpoint, 9);
         QVERIFY(!raw.transport());
+        QCOMPARE(std::get<Options>(read(QStringLiteral("report f"))).folder, QStringLiteral("f"));
     }
 
-    void profileNeedsNoOption()
-    {
-        for (const char *line :
-             {"connect office.ovpn --udp", "connect --udp --config office.ovpn"}) {
-            const auto options = std::get<Options>(read(QLatin1String(line)));
-            QCOMPARE(options.configPath, QStringLiteral("office.ovpn"));
-            QVERIFY(options.transport() == Transport::Udp);
-        }
-    }
-
-    void textIsPrinted_data()
+    void whatCannotWorkIsSaidAtOnce_data()
     {
         QTest::addColumn<QString>("start");
         const auto row = [](const char *arguments, const char *start) {
@@ -66,62 +72,138 @@ private Q_SLOTS:
             row(arguments, "Bring a tunnel up");
         for (const char *arguments : {"-v", "-V", "--version"})
             row(arguments, "vpnctl ");
+        row("", "A subcommand is required.");
+        row("dance", "There is no command \"dance\".");
+        row("ping --loud", "The following argument was not expected: --loud.");
+        row("connect a b", "The following argument was not expected: b.");
+        row("disconnect", "--endpoint is required.");
+        row("raw", "TEXT is required.");
+        row("raw {} --timeout x", "--timeout: Value x not in range 1 to 3600.");
+        row("connect", "Nothing says where to connect to.");
+        row("connect a --server b", "--config excludes --server.");
+        row("connect --server b --host a", "--server excludes --host.");
+        row("connect a --udp --tcp", "--udp excludes --tcp.");
+        row("connect a --port 1", "--port requires --host.");
+        row("connect --host a --cert b --key c", "--host requires --ca.");
+        row("connect --host a --port 65536", "--port: Value 65536 not in range 1 to 65535.");
+        row("connect --host a --port 0", "--port: Value 0 not in range 1 to 65535.");
+        row("connect --host a.b:443 --ca c --cert d --key e",
+            "--host takes no port. Use --host a.b --port 443.");
+        row("connect --host [fe80::1]:443 --ca c --cert d --key e",
+            "--host takes no port. Use --host fe80::1 --port 443.");
+        row("connect --host a_/b --ca c --cert d --key e", "\"a_/b\" is no host name or address.");
+        row("connect none.ovpn", "Cannot read the profile none.ovpn: No such file or directory.");
+        for (const char *arguments : {"connect o.ovpn", "connect --config o.ovpn --udp"})
+            row(arguments, "o.ovpn lacks: ca, cert, key. openvpn needs");
+        row("connect --server r.json", "r.json lacks: ca, cert, key. openvpn needs");
+        row("connect utf16", "The profile utf16 is not in UTF-8, but probably in UTF-16. Save it");
+        row("connect --server utf16", "The record utf16 is not in UTF-8, but probably in UTF-16.");
     }
 
-    void textIsPrinted()
+    void whatCannotWorkIsSaidAtOnce()
     {
+        QTemporaryDir folder;
+        QVERIFY(QDir::setCurrent(folder.path()));
+        const auto write = [](const char *name, const QByteArray &content) {
+            QFile file(QString::fromLatin1(name));
+            QVERIFY(file.open(QIODevice::WriteOnly) && file.write(content) == content.size());
+        };
+        write("o.ovpn", "remote a\n");
+        write("r.json", "{\"host\":\"a\",\"udpPort\":1}");
+        write("utf16", QByteArray("\xff\xfer\0e\0m\0o\0t\0e\0", 14));
+
         QFETCH(QString, start);
-        const QString text = std::get<QString>(read(QString::fromLatin1(QTest::currentDataTag())));
-        QVERIFY2(text.startsWith(start), qPrintable(text));
-        QVERIFY(text.endsWith(QLatin1Char('\n')));
+        QString said;
+        try {
+            const auto line = read(QString::fromLatin1(QTest::currentDataTag()));
+            if (const auto *options = std::get_if<Options>(&line))
+                readTargets(*options);
+            else
+                said = std::get<QString>(line);
+        } catch (const Problem &problem) {
+            said = problem.text + QLatin1Char(' ') + problem.advice;
+            QVERIFY(problem.exitCode == ExitCode::WrongUse);
+        }
+        QVERIFY2(said.startsWith(start), qPrintable(said));
     }
 
     void helpIsAsWideAsTheTerminal()
     {
         const QString wide = std::get<QString>(read(QStringLiteral("connect --help"), 0));
         const QString narrow = std::get<QString>(read(QStringLiteral("connect --help"), 50));
-        QVERIFY(narrow.size() > wide.size());
         QCOMPARE(narrow.simplified(), wide.simplified());
         for (const QString &line :
              narrow.section(QStringLiteral("Examples"), 0, 0).split(QLatin1Char('\n')))
             QVERIFY2(line.size() <= 50, qPrintable(line));
     }
 
-    void wrongUseIsExplained_data()
+    void bashOffersWhatFits_data()
     {
-        QTest::addColumn<QString>("text");
-        const auto row = [](const char *arguments, const char *text) {
-            QTest::newRow(arguments) << QString::fromLatin1(text);
+        QTest::addColumn<QString>("offers");
+        const auto row = [](const char *words, const char *offers) {
+            QTest::newRow(words) << QString::fromLatin1(offers);
         };
-        const QString commands;
-        row("", "A subcommand is required.");
-        row("dance", "There is no command \"dance\".");
-        row("ping --loud", "The following argument was not expected: --loud.");
-        row("ping --endpoint 1", "The following arguments were not expected: 1 --endpoint.");
-        row("disconnect", "--endpoint is required.");
-        row("raw", "TEXT is required.");
-        row("connect", "Nothing says where to connect to.");
-        row("connect a --server b", "--config excludes --server.");
-        row("connect --config a --host b --ca c", "--config excludes --host.");
-        row("connect a --port 1", "--port requires --host.");
-        row("connect --host a --cert b --key c", "--host requires --ca.");
-        row("connect --host a.b:443 --ca c --cert d --key e", "--host takes no port.");
-        row("connect --host a_/b --ca c --cert d --key e", "\"a_/b\" is no host name or address.");
-        row("connect a --udp --tcp", "--udp excludes --tcp.");
-        row("connect --host a --ca c --port 65536", "--port: Value 65536 not in range 1 to 65535.");
-        row("connect --host a --ca c --port 0", "--port: Value 0 not in range 1 to 65535.");
-        row("raw {} --timeout x", "--timeout: Value x not in range 1 to 3600.");
+        row("", "--help --json --version connect disconnect ping raw report status watch");
+        row("conn", "connect");
+        row("--json conn", "connect");
+        row("ping ", "--help --json");
+        row("connect --de", "--detach");
+        row("raw x --e", "--endpoint");
+        row("raw --timeout ", "");
+        row("connect scripts/packages.", "scripts/packages.txt");
+        row("connect --json --ca scripts/packages.", "scripts/packages.txt");
     }
 
-    void wrongUseIsExplained()
+    void bashOffersWhatFits()
     {
-        QFETCH(QString, text);
-        try {
-            read(QString::fromLatin1(QTest::currentDataTag()));
-            QFAIL("it was accepted");
-        } catch (const Problem &problem) {
-            QCOMPARE(problem.text, text);
-            QVERIFY(problem.exitCode == ExitCode::WrongUse);
+        QFETCH(QString, offers);
+        const QStringList words =
+            QString::fromLatin1(QTest::currentDataTag()).split(QLatin1Char(' '));
+        const QStringList lines = linesOf(
+            QStringLiteral("/bin/bash"),
+            QStringList{QStringLiteral("--norc"), QStringLiteral("-c"),
+                        QStringLiteral("source tools/vpnctl/completion/vpnctl.bash; "
+                                       "COMP_WORDS=(\"$@\"); COMP_CWORD=$(($# - 1)); _vpnctl; "
+                                       "printf '%s\\n' \"${COMPREPLY[@]}\""),
+                        QStringLiteral("bash"), QStringLiteral(TALVEX_VPNCTL)}
+                + words);
+        QCOMPARE(lines.join(QLatin1Char(' ')), offers);
+    }
+
+    void everyKeyInTheDaemonsSourcesIsExplained()
+    {
+        // The platform's services have a key of their own, which no client of the daemon sees.
+        const QStringList keys =
+            linesOf(QStringLiteral("/bin/sh"),
+                    {QStringLiteral("-c"),
+                     QStringLiteral("grep -rhoE '\"(label|warning)\\.[a-z0-9_]+\"' --include=*.cpp "
+                                    "--exclude=macplatform_services.cpp commands daemon ipc "
+                                    "privileges vpncore | tr -d '\"'")});
+        QStringList explained = explainedKeys();
+        explained.sort();
+        QCOMPARE(explained, keys);
+        QCOMPARE(keys.size(), 6);
+        for (const QString &key : keys) {
+            const Explanation explanation = explain(key);
+            QVERIFY2(explanation.text.endsWith(QLatin1Char('.')), qPrintable(key));
+            QVERIFY2(explanation.advice.endsWith(QLatin1Char('.')), qPrintable(key));
+            QVERIFY2(explanation.text != key, qPrintable(key));
+        }
+    }
+
+    void adviceNamesWhatTheLaunchdJobHas()
+    {
+        const QString manual = QStringLiteral("docs/man/vpnctl.1.md");
+        const QString program = QStringLiteral("tools/vpnctl/vpnsession.cpp");
+        const QString job = QStringLiteral("packaging/macos/TalvexVpnd.plist");
+        for (const auto &[text, files] :
+             std::initializer_list<std::pair<const char *, QStringList>>{
+                 {"<string>com.talvex.talvexvpnd</string>", {job}},
+                 {"system/com.talvex.talvexvpnd", {manual, program}},
+                 {"/Library/LaunchDaemons/TalvexVpnd.plist", {manual, program}}}) {
+            QCOMPARE(linesOf(QStringLiteral("grep"),
+                             QStringList{QStringLiteral("-lF"), QLatin1String(text)} + files),
+                     files);
         }
     }
 };

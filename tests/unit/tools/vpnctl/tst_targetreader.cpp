@@ -163,8 +163,6 @@ private Q_SLOTS:
         for (const char *port : {"65536", "-1", "44.3", "\"443\""})
             row("--server r.json", QByteArray("{'host':'a','udpPort':") + port,
                 "r.json: \"udpPort\" must be a whole number from 0 to 65535.");
-        row("--server none.json", {},
-            "Cannot read the record none.json: No such file or directory.");
         row("--host a --ca c.crt --cert c.crt --key k.key", {}, "a 1194 UDP");
         row("--host a --ca c.crt --cert c.crt --key k.key --tcp --port 443", {}, "a 443 TCP");
         row("--host a --ca k.key --cert c.crt --key k.key", {},
@@ -196,9 +194,6 @@ private Q_SLOTS:
             "file lacks: cert, key.");
         row("--server file", "host: a", "file is not valid JSON: illegal value (at byte 1).");
         row("--server file", "[]", "file must hold one JSON object.");
-        const QByteArray utf16(QByteArray("\xff\xfer\0e\0m\0o\0t\0e\0", 14));
-        row("file", utf16, "The profile file is not in UTF-8, but probably in UTF-16.");
-        row("--server file", utf16, "The record file is not in UTF-8, but probably in UTF-16.");
         row("file", QByteArray(1'048'577, '#'),
             "The profile file is too large; at most 1 MiB is read.");
         row("file", QByteArray(1'048'576, '#'), "file names no server: it has no \"remote\" line.");
