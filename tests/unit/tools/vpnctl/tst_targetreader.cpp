@@ -70,81 +70,65 @@ private Q_SLOTS:
         write(QStringLiteral("k.key"), pemtexts::key().toLatin1());
     }
 
-    void profileGivesTargets_data()
+    void whereAConnectGoes_data()
     {
-        QTest::addColumn<QByteArray>("content");
         QTest::addColumn<QByteArray>("arguments");
+        QTest::addColumn<QByteArray>("content"); // of the file in them
         QTest::addColumn<QByteArray>("lines");
-        const auto row = [](const char *content, const char *lines, const char *arguments = "") {
-            QTest::newRow(content)
-                << QByteArray(content) << QByteArray(arguments) << QByteArray(lines);
+        const auto row = [](const QByteArray &arguments, const QByteArray &content,
+                            const QByteArray &lines) {
+            QTest::addRow("%s, %d, %s", arguments.constData(), content.size(), lines.constData())
+                << arguments << content << lines;
         };
-        row("remote vpn.example.net 443 tcp", "vpn.example.net 443 TCP");
-        row("remote a", "a 1194 UDP");
-        row("remote b 1 udp\nremote a 2 tcp\nremote c 3", "b 1 UDP|a 2 TCP|c 3 UDP");
-        row("remote b 1 udp\nremote a 2 tcp", "a 2 TCP", " --tcp");
-        row("remote b 1\nremote a 2 udp", "b 1 TCP|a 2 TCP", " --tcp");
-        row("remote a\nremote b 53 udp\nproto tcp\nrport 443", "a 443 TCP|b 53 UDP");
-        row("<connection>\nremote a\nport 443\nproto tcp\n</connection>\n"
-            "<connection>\nremote b\n</connection>",
-            "a 443 TCP|b 1194 UDP");
-        row("# remote x\n;remote y\n  --remote \"a\" '443' tcp # old", "a 443 TCP");
-        row("client\r\nremote a 443 tcp-client\r\n", "a 443 TCP");
-        row("remote a 1 tcp6\nremote b 2 udp4", "a 1 TCP|b 2 UDP");
+        const auto profile = [row](const char *content, const char *lines, const char *more = "") {
+            row(QByteArray("o.ovpn") + more, content, lines);
+        };
+        profile("remote vpn.example.net 443 tcp", "vpn.example.net 443 TCP");
+        profile("remote a", "a 1194 UDP");
+        profile("remote b 1 udp\nremote a 2 tcp\nremote c 3", "b 1 UDP|a 2 TCP|c 3 UDP");
+        profile("remote b 1 udp\nremote a 2 tcp", "a 2 TCP", " --tcp");
+        profile("remote b 1\nremote a 2 udp", "b 1 TCP|a 2 TCP", " --tcp");
+        profile("remote a\nremote b 53 udp\nproto tcp\nrport 443", "a 443 TCP|b 53 UDP");
+        profile("<connection>\nremote a\nport 443\nproto tcp\n</connection>\n"
+                "<connection>\nremote b\n</connection>",
+                "a 443 TCP|b 1194 UDP");
+        profile("# remote x\n;remote y\n  --remote \"a\" '443' tcp # old", "a 443 TCP");
+        profile("client\r\nremote a 443 tcp-client\r\n", "a 443 TCP");
+        profile("remote a 1 tcp6\nremote b 2 udp4", "a 1 TCP|b 2 UDP");
 
-        row("remote a\nverb 3\nroute 10.0.0.0\nmute 4\nroute 10.1.0.0\nkeepalive 1 2",
-            "a 1194 UDP|Not carried over from the profile: route, keepalive.");
-        row("remote a\ndev tun3\nremote-cert-tls server\ncipher AES-256-CBC\nreneg-sec 0",
-            "a 1194 UDP");
-        row("remote a\ndev tap\nremote-cert-tls client\ncipher AES-128-CBC\nreneg-sec 9",
-            "a 1194 UDP|weaker: dev|weaker: remote-cert-tls|weaker: cipher|weaker: reneg-sec");
-        row("remote a\nverify-x509-name b name\ntls-version-min 1.2\ntls-auth ta.key 1\nauth "
+        profile("remote a\nverb 3\nroute 10.0.0.0\nmute 4\nroute 10.1.0.0\nkeepalive 1 2",
+                "a 1194 UDP|Not carried over from the profile: route, keepalive.");
+        profile("remote a\ndev tun3\nremote-cert-tls server\ncipher AES-256-CBC\nreneg-sec 0",
+                "a 1194 UDP");
+        profile("remote a\ndev tap\nremote-cert-tls client\ncipher AES-128-CBC\nreneg-sec 9",
+                "a 1194 UDP|weaker: dev|weaker: remote-cert-tls|weaker: cipher|weaker: reneg-sec");
+        profile(
+            "remote a\nverify-x509-name b name\ntls-version-min 1.2\ntls-auth ta.key 1\nauth "
             "SHA256",
             "a 1194 UDP|weaker: verify-x509-name|weaker: tls-version-min|weaker: tls-auth|weaker: "
             "auth");
-        row("remote a\nredirect-gateway def1\nauth-user-pass\nredirect-gateway",
-            "a 1194 UDP|weaker: redirect-gateway|weaker: auth-user-pass");
-        row("remote a\n<tls-crypt>\nremote z\n</tls-crypt>", "a 1194 UDP|weaker: tls-crypt");
+        profile("remote a\nredirect-gateway def1\nauth-user-pass\nredirect-gateway",
+                "a 1194 UDP|weaker: redirect-gateway|weaker: auth-user-pass");
+        profile("remote a\n<tls-crypt>\nremote z\n</tls-crypt>", "a 1194 UDP|weaker: tls-crypt");
 
-        row("client", "o.ovpn names no server: it has no \"remote\" line.");
-        row("remote a 0", "o.ovpn, line 1: \"0\" is no port; ports are 1 to 65535.");
-        row("client\nremote a 65536",
-            "o.ovpn, line 2: \"65536\" is no port; ports are 1 to 65535.");
-        row("port many", "o.ovpn, line 1: \"many\" is no port; ports are 1 to 65535.");
-        row("proto sctp",
-            "o.ovpn, line 1: \"sctp\" is no transport; the daemon knows udp and tcp.");
-        row("remote \"a\\\" b\"", "o.ovpn, line 1: \"a\" b\" is no host name or address.");
-        row("remote", "o.ovpn, line 1: \"\" is no host name or address.");
-        row("remote \"a", "o.ovpn, line 1: a quote does not end.");
-        row("remote a\n<ca>\nx", "o.ovpn, line 2: <ca> does not end with </ca>.");
-        row("<connection>\nremote a", "o.ovpn: <connection> does not end with </connection>.");
-        row("key", "o.ovpn, line 1: \"key\" lacks its file.");
-        row("ca none.crt", "Cannot read the ca file FOLDER/none.crt: No such file or directory.");
-        row("<cert>\nx\n</cert>",
-            "<cert> in o.ovpn holds no certificate in PEM form (\"-----BEGIN ...\").");
-    }
+        profile("client", "o.ovpn names no server: it has no \"remote\" line.");
+        profile("remote a 0", "o.ovpn, line 1: \"0\" is no port; ports are 1 to 65535.");
+        profile("client\nremote a 65536",
+                "o.ovpn, line 2: \"65536\" is no port; ports are 1 to 65535.");
+        profile("port many", "o.ovpn, line 1: \"many\" is no port; ports are 1 to 65535.");
+        profile("proto sctp",
+                "o.ovpn, line 1: \"sctp\" is no transport; the daemon knows udp and tcp.");
+        profile("remote \"a\\\" b\"", "o.ovpn, line 1: \"a\" b\" is no host name or address.");
+        profile("remote", "o.ovpn, line 1: \"\" is no host name or address.");
+        profile("remote \"a", "o.ovpn, line 1: a quote does not end.");
+        profile("remote a\n<ca>\nx", "o.ovpn, line 2: <ca> does not end with </ca>.");
+        profile("<connection>\nremote a", "o.ovpn: <connection> does not end with </connection>.");
+        profile("key", "o.ovpn, line 1: \"key\" lacks its file.");
+        profile("ca none.crt",
+                "Cannot read the ca file FOLDER/none.crt: No such file or directory.");
+        profile("<cert>\nx\n</cert>",
+                "<cert> in o.ovpn holds no certificate in PEM form (\"-----BEGIN ...\").");
 
-    void profileGivesTargets()
-    {
-        QFETCH(QByteArray, content);
-        QFETCH(QByteArray, arguments);
-        QFETCH(QByteArray, lines);
-        write(QStringLiteral("o.ovpn"), content + kKeys);
-        lines.replace("FOLDER", m_folder.path().toLocal8Bit());
-        QCOMPARE(linesFor(QStringLiteral("o.ovpn") + QString::fromLatin1(arguments))
-                     .join(QLatin1Char('|'))
-                     .toUtf8(),
-                 lines);
-    }
-
-    void recordAndHostGiveATarget_data()
-    {
-        QTest::addColumn<QByteArray>("record");
-        QTest::addColumn<QByteArray>("line");
-        const auto row = [](const char *arguments, const QByteArray &record, const char *line) {
-            QTest::addRow("%s %s", arguments, record.left(200).constData())
-                << record << QByteArray(line);
-        };
         row("--server r.json", "{'host':'a','udpPort':1,'tcpPort':2", "a 1 UDP");
         row("--server r.json --tcp", "{'host':'a','udpPort':1,'tcpPort':2", "a 2 TCP");
         row("--server r.json", "{'host':'fe80::1%en0','tcpPort':65535", "fe80::1%en0 65535 TCP");
@@ -167,28 +151,7 @@ private Q_SLOTS:
         row("--host a --ca c.crt --cert c.crt --key k.key --tcp --port 443", {}, "a 443 TCP");
         row("--host a --ca k.key --cert c.crt --key k.key", {},
             "FOLDER/k.key holds no certificate in PEM form (\"-----BEGIN ...\").");
-    }
 
-    void recordAndHostGiveATarget()
-    {
-        QFETCH(QByteArray, record);
-        QFETCH(QByteArray, line);
-        write(QStringLiteral("r.json"), json(record + kRecordKeys));
-        line.replace("FOLDER", m_folder.path().toLocal8Bit());
-        const QString arguments = QString::fromLatin1(QTest::currentDataTag())
-                                      .section(QStringLiteral(" {"), 0, 0)
-                                      .trimmed();
-        QCOMPARE(linesFor(arguments).join(QLatin1Char('|')).toUtf8(), line);
-    }
-
-    void fileThatIsWrongAsAWholeIsRefused_data()
-    {
-        QTest::addColumn<QByteArray>("content");
-        QTest::addColumn<QString>("problem");
-        const auto row = [](const char *arguments, const QByteArray &content, const char *problem) {
-            QTest::addRow("%s %d", arguments, content.size())
-                << content << QString::fromLatin1(problem);
-        };
         row("file", "remote a\ncert c.crt", "file lacks: ca, key.");
         row("--server file", json("{'host':'a','udpPort':1,'ca':'c.crt'}"),
             "file lacks: cert, key.");
@@ -199,14 +162,16 @@ private Q_SLOTS:
         row("file", QByteArray(1'048'576, '#'), "file names no server: it has no \"remote\" line.");
     }
 
-    void fileThatIsWrongAsAWholeIsRefused()
+    void whereAConnectGoes()
     {
+        QFETCH(QByteArray, arguments);
         QFETCH(QByteArray, content);
-        QFETCH(QString, problem);
+        QFETCH(QByteArray, lines);
+        write(QStringLiteral("o.ovpn"), content + kKeys);
+        write(QStringLiteral("r.json"), json(content + kRecordKeys));
         write(QStringLiteral("file"), content);
-        QCOMPARE(
-            linesFor(QString::fromLatin1(QTest::currentDataTag()).section(QLatin1Char(' '), 0, -2)),
-            QStringList{problem});
+        lines.replace("FOLDER", m_folder.path().toLocal8Bit());
+        QCOMPARE(linesFor(QString::fromLatin1(arguments)).join(QLatin1Char('|')).toUtf8(), lines);
     }
 
     void everyFieldIsRead()
