@@ -3,7 +3,6 @@
 #include "bashscript.h"
 #include "dnsscripts.h"
 #include "eventwait.h"
-#include "splitcommand.h"
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QDebug>
@@ -85,8 +84,8 @@ int MacPlatform::runProcess(const QString &command, int timeout, QString &output
 
     auto process = std::make_unique<QProcess>();
     process->setProcessChannelMode(QProcess::MergedChannels);
-    const SplitCommand splitCommand(command);
-    process->start(splitCommand.program, splitCommand.arguments);
+    const QStringList words = QProcess::splitCommand(command);
+    process->start(words.value(0), words.mid(1));
 
     // The limit is passed when one more whole second than allowed has gone by.
     const QDeadlineTimer deadline(std::chrono::seconds(timeout) + std::chrono::seconds(1));

@@ -1,9 +1,9 @@
 #include "macplatform.h"
-#include "splitcommand.h"
 
 #include <QtCore/QDebug>
 #include <QtCore/QFile>
 #include <QtCore/QFileInfo>
+#include <QtCore/QProcess>
 #include <QtCore/QTextStream>
 
 namespace vpncore {
@@ -19,13 +19,10 @@ const char kAddCommand[] =
 const char kDeleteCommand[] =
     R"(osascript -e 'tell application "System Events" to delete login item "TalvexVPN"')";
 
-/// Leaves a shell script with the one command in the working folder, executable, and returns the
-/// command line that runs it. The quotes in the commands are a shell's, and the callers split
-/// command lines by other rules; hence the file.
-///
-/// Without the right to write there is no new file, and the command line runs what is there; when
-/// nothing is, it cannot be started.
-QString writeScript(const QString &fileName, const QString &command)
+/// Leaves a shell script with the one command in the working folder, executable, because the quotes
+/// in the commands are a shell's. Without the right to write there is no new file.
+/// @return the words that run what is there; when nothing is, it cannot be started.
+QStringList writeScript(const QString &fileName, const QString &command)
 {
     QFile file(fileName);
     if (file.exists())
@@ -34,22 +31,24 @@ QString writeScript(const QString &fileName, const QString &command)
         QTextStream(&file) << command;
         file.close();
     }
-    executeCommand(QStringLiteral("chmod +x %1").arg(fileName));
+    QProcess::execute(QStringLiteral("chmod"), {QStringLiteral("+x"), fileName});
 
     const QString script = QStringLiteral("./%1").arg(fileName);
     // The kernel starts no file without a "#!" line (ENOEXEC), and neither does QProcess. A shell
     // that is given its name does, as execvp(3) would.
-    return QFileInfo(script).isExecutable() ? QStringLiteral("/bin/sh -c %1").arg(script) : script;
+    if (QFileInfo(script).isExecutable())
+        return {QStringLiteral("/bin/sh"), QStringLiteral("-c"), script};
+    return {script};
 }
 
 } // namespace
 
 bool MacPlatform::isRunOnStart()
 {
-    const QString script =
+    const QStringList words =
         writeScript(QStringLiteral("list_startup"), QString::fromLatin1(kListCommand));
     QString output;
-    runProcess(script, static_cast<int>(m_limits.listing.count()), output);
+    runProcess(words.join(QLatin1Char(' ')), static_cast<int>(m_limits.listing.count()), output);
     qDebug() << "--- Console Output " << output;
     return output.contains(kLoginItem);
 }
@@ -58,7 +57,8 @@ void MacPlatform::setRunOnStart(bool on)
 {
     const QString command = on ? QString::fromLatin1(kAddCommand).arg(applicationPath())
                                : QString::fromLatin1(kDeleteCommand);
-    executeCommand(writeScript(QStringLiteral("startup_on_of"), command));
+    const QStringList words = writeScript(QStringLiteral("startup_on_of"), command);
+    QProcess::execute(words.first(), words.mid(1));
 }
 
 } // namespace vpncore

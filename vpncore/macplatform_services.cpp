@@ -1,8 +1,8 @@
 #include "macplatform.h"
-#include "splitcommand.h"
 
 #include <QtCore/QDir>
 #include <QtCore/QObject>
+#include <QtCore/QProcess>
 #include <QtCore/QThread>
 
 namespace vpncore {
@@ -15,9 +15,14 @@ const char kL2tpFailed[] = "warning.l2tp_connection_fail";
 // the created service outlives a disconnect, and the next connect replaces it ("--force").
 const char kCreateCommand[] =
     R"(./macosvpn create --l2tp TalvexFreeVPNL2tp --endpoint "%1" --username "%2" --password "%3" --shared-secret "%4" --force)";
-const char kDialCommand[] = "networksetup -connectpppoeservice TalvexFreeVPNL2tp";
 const char kHangUpCommand[] = "networksetup -disconnectpppoeservice TalvexFreeVPNL2tp";
 const char kRemoveCommand[] = "networksetup -removenetworkservice TalvexFreeVPNnL2tp";
+
+/// Blocks until `ifconfig` has ended; how it did is not looked at.
+void switchInterface(const QString &state)
+{
+    QProcess::execute(QStringLiteral("ifconfig"), {QStringLiteral("en0"), state});
+}
 
 } // namespace
 
@@ -76,7 +81,9 @@ OperationResult MacPlatform::connectL2tp(const QString &server, const QString &u
         return OperationResult::failed(failureMessage);
 
     QThread::msleep(static_cast<unsigned long>(m_limits.servicePause.count()));
-    executeCommand(QString::fromLatin1(kDialCommand));
+    QProcess::execute(
+        QStringLiteral("networksetup"),
+        {QStringLiteral("-connectpppoeservice"), QStringLiteral("TalvexFreeVPNL2tp")});
     QThread::msleep(static_cast<unsigned long>(m_limits.servicePause.count()));
     return OperationResult::succeeded();
 }
@@ -88,14 +95,14 @@ OperationResult MacPlatform::connectIKEv2(const QString &, const QString &, cons
 
 OperationResult MacPlatform::turnOffInternet()
 {
-    executeCommand(QStringLiteral("ifconfig en0 down"));
+    switchInterface(QStringLiteral("down"));
     return OperationResult::succeeded();
 }
 
 OperationResult MacPlatform::turnOnInternet(bool &done)
 {
     done = true;
-    executeCommand(QStringLiteral("ifconfig en0 up"));
+    switchInterface(QStringLiteral("up"));
     return OperationResult::succeeded();
 }
 

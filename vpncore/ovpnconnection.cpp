@@ -7,7 +7,6 @@
 #include "openvpnoutput.h"
 #include "ovpntemplate.h"
 #include "serverfields.h"
-#include "splitcommand.h"
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QDebug>
@@ -257,8 +256,8 @@ void OvpnConnection::startOpenvpn()
 
     process = std::make_unique<QProcess>();
     process->setProcessChannelMode(QProcess::MergedChannels);
-    const SplitCommand split(command);
-    process->start(split.program, split.arguments);
+    const QStringList words = QProcess::splitCommand(command);
+    process->start(words.value(0), words.mid(1));
     // Until the start is decided, error() knows nothing of a program that is missing.
     if (process->waitForStarted(static_cast<int>(limits.start.count())))
         DnsRestorer::instance().pauseWhileRunning(*process);

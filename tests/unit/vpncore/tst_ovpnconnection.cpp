@@ -80,23 +80,6 @@ void create(const QString &path)
     QVERIFY(file.setPermissions(QFile::ReadOwner | QFile::ExeOwner));
 }
 
-/// Mounts something while it lives; what is there is hidden.
-class Mount
-{
-public:
-    Mount(const QStringList &arguments, const QString &place)
-        : m_place(place)
-    {
-        if (QProcess::execute("mount", arguments + QStringList{place}) != 0)
-            qFatal("cannot mount over %s", qPrintable(place));
-    }
-    ~Mount() { QProcess::execute("umount", {m_place}); }
-
-private:
-    QString m_place;
-    Q_DISABLE_COPY(Mount)
-};
-
 /// Gives the time-out's text a place for the protocol's name.
 class Translator : public QTranslator
 {
@@ -140,6 +123,13 @@ private:
         return m_connection->connectUdp(serverThatPlays(script));
     }
 
+    /// Hides what is at @p place until the test ends.
+    void mount(const QStringList &arguments, const QString &place)
+    {
+        QCOMPARE(QProcess::execute("mount", arguments + QStringList{place}), 0);
+        m_mounted = place;
+    }
+
     /// Runs @p operation once, from inside the wait in which @p isTime comes true.
     void when(const std::function<bool()> &isTime, const std::function<void()> &operation)
     {
@@ -154,6 +144,7 @@ private:
     }
 
     QElapsedTimer m_timer;
+    QString m_mounted;
     QScopedPointer<QObject> m_timers;
     QScopedPointer<LogCapture> m_log;
     QScopedPointer<OvpnConnection> m_connection;
@@ -172,6 +163,8 @@ private Q_SLOTS:
         m_timers.reset();
         m_connection.reset();
         m_log.reset();
+        if (!m_mounted.isEmpty())
+            QCOMPARE(QProcess::execute("umount", {std::exchange(m_mounted, {})}), 0);
         QCOMPARE(runningOpenvpns(), 0);
     }
 
@@ -311,7 +304,7 @@ private Q_SLOTS:
                               kDnsRestored, kNoPlace}));
     }
 
-    void openvpnGetsTheConfigurationInAPrivateFile()
+    void eachTunnelGetsAPrivateConfigurationAndReplacesTheOneBefore()
     {
         QVERIFY(m_connection->connectUdp(serverThatPlays("succeed")).success);
         QVERIFY(m_connection->connectTcp(serverThatPlays("succeed")).success);
@@ -324,6 +317,8 @@ private Q_SLOTS:
             QVERIFY(config.endsWith("</key>\n"));
         }
         QCOMPARE(remotes.size(), 0);
+        QVERIFY(!standins::isAlive(openvpnStarts().first().pid));
+        QCOMPARE(runningOpenvpns(), 1);
         QCOMPARE(temporaryFiles(), QStringList());
     }
 
@@ -362,7 +357,7 @@ private Q_SLOTS:
 
     void programThatCannotBeStartedFailsAtOnce()
     {
-        const Mount mount({"--bind", "/etc/passwd"}, programPath());
+        mount({"--bind", "/etc/passwd"}, programPath());
         const OperationResult result = connectTo({});
         QCOMPARE(result.code, 1);
         QVERIFY(!result.success);
@@ -379,7 +374,7 @@ private Q_SLOTS:
                      {&OvpnLimits::attempt, 50},
                      {&OvpnLimits::firstOutput, 50}}));
         create("/tmp/openvpn");
-        const Mount mount({"--bind", "/tmp/openvpn"}, programPath());
+        mount({"--bind", "/tmp/openvpn"}, programPath());
         // With a lease on the file exec(2) waits, as on a disk that hangs.
         std::signal(SIGIO, SIG_IGN); // which asks for its end
         const int file = ::open("/tmp/openvpn", O_RDONLY | O_CLOEXEC);
@@ -395,7 +390,7 @@ private Q_SLOTS:
 
     void configurationThatCannotBeWrittenIsReported()
     {
-        const Mount mount({"-t", "tmpfs", "-o", "ro", "tmpfs"}, "/tmp");
+        mount({"-t", "tmpfs", "-o", "ro", "tmpfs"}, "/tmp");
         QCOMPARE(connectTo({}).message, kCannotCreateConfig);
         QCOMPARE(openvpnStarts().size(), 0);
     }
@@ -553,16 +548,6 @@ private Q_SLOTS:
         const int bytes = m_log->lines().first().count("a line of no consequence") * 48;
         QVERIFY2(bytes > 200 * 1024 && bytes <= 256 * 1024, qPrintable(QString::number(bytes)));
         QCOMPARE(m_log->lines().size(), 3); // with the script's output, and that DNS is restored
-    }
-
-    void secondConnectReplacesTheFirstTunnel()
-    {
-        QVERIFY(connectTo("succeed").success);
-        const qint64 first = openvpnStarts().first().pid;
-        QVERIFY(connectTo("succeed").success);
-        QCOMPARE(openvpnStarts().size(), 2);
-        QVERIFY(!standins::isAlive(first));
-        QCOMPARE(runningOpenvpns(), 1);
     }
 
     // Operations called from inside the waits of others, on the same connection.
