@@ -9,9 +9,9 @@
 
 namespace {
 
-constexpr qint64 kMaxBytes = 80'000;
-constexpr qint64 kKeptBytes = 10'000;
-constexpr int kManyLines = 20'000; ///< have 208,894 bytes
+constexpr qint64 kMaxBytes = 20'000;
+constexpr qint64 kKeptBytes = 2'500;
+constexpr int kManyLines = 6'000; ///< have 58,893 bytes
 
 const QByteArray kNotice = "Older lines were removed: the log was full\n";
 
@@ -94,7 +94,7 @@ private Q_SLOTS:
         qint64 last = 0;
         int shrinks = 0;
         for (int number = 1; number <= kManyLines; ++number) {
-            const bool isDisturbed = number == 7'000; // the log is nearly full
+            const bool isDisturbed = number == 1'800; // the log is nearly full
             if (isDisturbed && scenario == QLatin1String("renamed"))
                 QVERIFY(QFile::rename(m_fileName, m_fileName + suffix));
             else if (isDisturbed && scenario == QLatin1String("emptied"))
@@ -103,7 +103,7 @@ private Q_SLOTS:
                 none.reset(new measures::FewDescriptors(0));
 
             if (isDisturbed && scenario == QLatin1String("long message"))
-                qDebug().noquote() << QString(20'000, QLatin1Char('x'));
+                qDebug().noquote() << QString(5'000, QLatin1Char('x'));
             else if (number % 2 == 0 && scenario == QLatin1String("others write, too"))
                 ::dprintf(STDERR_FILENO, "line %d\n", number);
             else
