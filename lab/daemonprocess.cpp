@@ -1,14 +1,12 @@
 #include "daemonprocess.h"
 
 #include "ipcurls.h"
-#include "measures.h"
 #include "privateroot.h"
 
 #include <QtCore/QDir>
 #include <QtCore/QElapsedTimer>
+#include <QtCore/QRegularExpression>
 #include <QtNetwork/QLocalSocket>
-
-#include <csignal>
 
 namespace {
 
@@ -65,23 +63,10 @@ void DaemonProcess::install(Openvpn openvpn)
         QFile::link(QStringLiteral("/usr/sbin/openvpn"), program);
 }
 
-QString DaemonProcess::programFolder()
-{
-    return kBundle + QStringLiteral("/MacOS");
-}
-
-void DaemonProcess::setWrapper(const QStringList &wrapper)
-{
-    m_wrapper = wrapper;
-}
-
 void DaemonProcess::setEnvironment(const QString &name, const QString &value)
 {
-    QProcessEnvironment environment = m_process.processEnvironment();
-    if (environment.isEmpty())
-        environment = QProcessEnvironment::systemEnvironment();
-    environment.insert(name, value);
-    m_process.setProcessEnvironment(environment);
+    m_environment.insert(name, value);
+    m_process.setProcessEnvironment(m_environment);
 }
 
 bool DaemonProcess::startOnly()
@@ -118,16 +103,6 @@ void DaemonProcess::kill()
     m_process.waitForFinished();
 }
 
-bool DaemonProcess::isRunning() const
-{
-    return m_process.state() == QProcess::Running;
-}
-
-qint64 DaemonProcess::pid() const
-{
-    return m_process.processId();
-}
-
 QStringList DaemonProcess::log()
 {
     m_log += m_process.readAllStandardError();
@@ -136,24 +111,9 @@ QStringList DaemonProcess::log()
     return lines;
 }
 
-int DaemonProcess::count(const QString &line)
-{
-    return log().count(line);
-}
-
 QStringList DaemonProcess::linesWith(const QString &start)
 {
-    QStringList found;
-    for (const QString &line : log()) {
-        if (line.startsWith(start))
-            found.append(line);
-    }
-    return found;
-}
-
-qint64 DaemonProcess::residentKiB() const
-{
-    return measures::statusOf(pid(), "VmRSS");
+    return log().filter(QRegularExpression(QLatin1Char('^') + QRegularExpression::escape(start)));
 }
 
 int DaemonProcess::descriptors() const

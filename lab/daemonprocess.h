@@ -1,5 +1,7 @@
 #pragma once
 
+#include "measures.h"
+
 #include <QtCore/QProcess>
 #include <QtCore/QStringList>
 
@@ -17,10 +19,13 @@ public:
     ~DaemonProcess() override;
 
     /// @return the folder that holds the installed daemon.
-    static QString programFolder();
+    static QString programFolder()
+    {
+        return QStringLiteral("/Applications/Talvex VPN.app/Contents/MacOS");
+    }
 
     /// Puts something in front of the daemon's command line, for example "prlimit --nofile=256".
-    void setWrapper(const QStringList &wrapper);
+    void setWrapper(const QStringList &wrapper) { m_wrapper = wrapper; }
 
     /// Sets a variable of the daemon's environment.
     void setEnvironment(const QString &name, const QString &value);
@@ -35,20 +40,20 @@ public:
     /// Ends the daemon at once (SIGKILL) and waits for it to be gone.
     void kill();
 
-    bool isRunning() const;
-    qint64 pid() const;
+    bool isRunning() const { return m_process.state() == QProcess::Running; }
+    qint64 pid() const { return m_process.processId(); }
 
     /// @return everything the daemon has written to standard error, with complete lines only.
     QStringList log();
 
     /// @return how often the log has @p line, as a whole line.
-    int count(const QString &line);
+    int count(const QString &line) { return log().count(line); }
 
     /// @return the lines that begin with @p start.
     QStringList linesWith(const QString &start);
 
     /// @return resident memory in KiB.
-    qint64 residentKiB() const;
+    qint64 residentKiB() const { return measures::statusOf(pid(), "VmRSS"); }
 
     /// @return the number of open descriptors.
     int descriptors() const;
@@ -57,6 +62,7 @@ private:
     void install(Openvpn openvpn);
 
     QProcess m_process;
+    QProcessEnvironment m_environment = QProcessEnvironment::systemEnvironment();
     QStringList m_wrapper;
     QByteArray m_log;
 };
