@@ -26,8 +26,7 @@ QStringList fields();
 /// @return the field of @p server with that name.
 QString &fieldOf(VpnServerInformation &server, const QString &field);
 
-/// @param good what the records are made from: it has a host, and PEM texts that end in a line
-/// feed.
+/// @param good what the records are made from: a host, and PEM texts with a line feed at the end.
 /// @param directive gives the line to inject, without a line feed, for the n-th record.
 /// @return every trick for one of fields().
 QVector<Record> of(const QString &field, const VpnServerInformation &good,

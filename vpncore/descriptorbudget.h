@@ -6,8 +6,7 @@ namespace vpncore {
 /// closes for good. Each kind of use leaves a reserve for those that matter more: a new endpoint
 /// leaves enough for connections to the endpoints that there are, a new connection enough for a
 /// tunnel with its scripts, and a new tunnel leaves this many: enough to run the script that
-/// restores the DNS settings (8 on Linux, 12 on macOS), and to accept connections, if only to close
-/// them.
+/// restores the DNS settings (8 on Linux, 12 on macOS), and to accept connections and close them.
 constexpr int kTunnelReserve = 20;
 
 /// The kernel hands out the lowest free number, so a number tells how many others are left at

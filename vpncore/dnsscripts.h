@@ -17,8 +17,7 @@ namespace vpncore {
 /// disconnect and for the start of the daemon, which both wait for it.
 constexpr std::chrono::seconds kDnsScriptLimit{10};
 
-/// @return whether there is a backup file, that is, whether a service may still carry a tunnel's
-/// settings.
+/// @return whether there is a backup file: a service may then still carry a tunnel's settings.
 bool hasDnsBackups();
 
 /// @return the script that applies and removes the backup files.

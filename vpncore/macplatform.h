@@ -11,8 +11,7 @@ namespace vpncore {
 /// counts them: one more than its limit has to go by.
 struct MacPlatformLimits
 {
-    /// networksetup and macosvpn, each time. They answer within seconds; later means that they
-    /// hang.
+    /// networksetup and macosvpn, each time. What has not answered within seconds hangs.
     std::chrono::seconds tool{30};
     /// The listing of the login items. It may start System Events first, and ask the user whether
     /// that may be used.
@@ -123,8 +122,7 @@ public:
     ///         executable's folder, whatever bundle the executable runs from.
     static QString applicationPath();
 
-    /// Runs a command line and waits for its end. The event loop turns meanwhile. Nothing is
-    /// logged.
+    /// Runs a command line and waits for its end; the event loop turns meanwhile. Logs nothing.
     ///
     /// @param command program and arguments, split by Qt's quoting rules; no shell is involved.
     /// @param timeout limit in whole seconds. A command that outlives it goes on running.

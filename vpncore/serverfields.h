@@ -16,10 +16,9 @@
 namespace vpncore {
 
 /// @param port the port that stands beside the host.
-/// @return whether @p host is one word of the line "remote HOST PORT", and the line is not too
-/// long:
-///         the host, as it is written, has no control character, blank, quote, backslash, "#" or
-///         ";". True for an empty host.
+/// @return whether @p host, as it is written, is one word of the line "remote HOST PORT", without
+///         control character, blank, quote, backslash, "#" or ";", and the line is not too long.
+///         True for an empty host.
 bool fitsRemoteLine(const QString &host, int port);
 
 /// @param tag the name of the block: "ca", "cert" or "key".
