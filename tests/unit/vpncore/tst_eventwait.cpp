@@ -152,15 +152,6 @@ private Q_SLOTS:
         const auto used = (std::clock() - before) * 1'000 / CLOCKS_PER_SEC;
         QVERIFY2(used < 50, qPrintable(QString::number(used)));
     }
-
-    void waitsInARowLeaveNothingBehind()
-    {
-        for (int i = 0; i < 50; ++i)
-            waitUntil(QDeadlineTimer(1));
-        // A forgotten alarm would end the sleep of this one and test its condition again.
-        QVERIFY(!waitUntil(QDeadlineTimer(100), m_never));
-        QVERIFY2(m_tests <= 5, qPrintable(QString::number(m_tests)));
-    }
 };
 
 QTEST_GUILESS_MAIN(TestEventWait)

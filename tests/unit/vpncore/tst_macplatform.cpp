@@ -200,17 +200,6 @@ private Q_SLOTS:
         QCOMPARE(run(bash("printf 'a\\0b'; " + kWait + "printf c")), kFinished);
         QCOMPARE(m_output, "before ac");
     }
-
-    void outerCallThatEndedWaitsForTheInnerOne()
-    {
-        QString inner;
-        QTimer::singleShot(0, this, [&inner] {
-            MacPlatform::runProcess(bash("sleep 0.3; echo inner"), 5, inner);
-        });
-        QCOMPARE(run("echo outer"), kFinished);
-        QCOMPARE(m_output, "before outer\n");
-        QCOMPARE(inner, "inner\n");
-    }
 };
 
 int main(int argc, char **argv)
