@@ -13,8 +13,8 @@ struct TunnelInterface
     unsigned index = 0;
     QString name;
     QString address;
-    quint32 bytesIn = 0; ///< As the system counts them here, modulo 4 GiB; likewise bytesOut.
-    quint32 bytesOut = 0;
+    qint64 bytesIn = 0; ///< As the system counts them here, modulo 4 GiB; likewise bytesOut.
+    qint64 bytesOut = 0;
 };
 
 /// @return the machine's point-to-point interfaces with an address that is not link-local: macOS

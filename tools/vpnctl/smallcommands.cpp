@@ -46,44 +46,44 @@ class StatusCommand : public PingCommand
     void start() override
     {
         QJsonArray tunnels;
-        QStringList lines;
+        QJsonArray lines;
         for (const TunnelInterface &tunnel : tunnelInterfaces()) {
-            const qint64 in = tunnel.bytesIn;
-            const qint64 out = tunnel.bytesOut;
             tunnels.append(QJsonObject{{QStringLiteral("name"), tunnel.name},
                                        {QStringLiteral("address"), tunnel.address},
-                                       {QStringLiteral("bytesIn"), in},
-                                       {QStringLiteral("bytesOut"), out}});
+                                       {QStringLiteral("bytesIn"), tunnel.bytesIn},
+                                       {QStringLiteral("bytesOut"), tunnel.bytesOut}});
             lines.append(QStringLiteral("%1 with %2 (%3 bytes in, %4 out)")
                              .arg(tunnel.name, tunnel.address)
-                             .arg(in)
-                             .arg(out));
+                             .arg(tunnel.bytesIn)
+                             .arg(tunnel.bytesOut));
         }
+        const QJsonArray dns = QJsonArray::fromStringList(dnsServers());
+        const std::optional<QStringList> backups = dnsBackups();
+        const QJsonArray backupNames = QJsonArray::fromStringList(backups.value_or(QStringList()));
         QJsonArray endpoints;
-        QStringList numbers;
-        for (const int endpoint : endpointsWithSockets()) {
+        for (const int endpoint : endpointsWithSockets())
             endpoints.append(endpoint);
-            numbers.append(QString::number(endpoint));
-        }
-        const auto backups = dnsBackups();
-        const auto listed = [](const QStringList &texts) {
-            return texts.isEmpty() ? QStringLiteral("none") : texts.join(QStringLiteral(", "));
-        };
         report().print(
             "observation",
             {{QStringLiteral("interfaces"), tunnels},
-             {QStringLiteral("dns"), QJsonArray::fromStringList(dnsServers())},
-             {QStringLiteral("backups"),
-              backups ? QJsonValue(QJsonArray::fromStringList(*backups)) : QJsonValue()},
+             {QStringLiteral("dns"), dns},
+             {QStringLiteral("backups"), backups ? QJsonValue(backupNames) : QJsonValue()},
              {QStringLiteral("endpoints"), endpoints}},
             QStringLiteral("Tunnel interfaces: %1\n"
                            "DNS servers in use: %2\n"
                            "Backups of DNS settings: %3\n"
                            "Endpoints with a socket: %4")
-                .arg(listed(lines), listed(dnsServers()),
-                     backups ? listed(*backups) : QStringLiteral("only root may see them"),
-                     listed(numbers)));
+                .arg(listed(lines), listed(dns),
+                     backups ? listed(backupNames) : QStringLiteral("only root may see them"),
+                     listed(endpoints)));
         PingCommand::start();
+    }
+
+private:
+    static QString listed(const QJsonArray &values)
+    {
+        const QStringList texts = QVariant(values.toVariantList()).toStringList();
+        return texts.isEmpty() ? QStringLiteral("none") : texts.join(QStringLiteral(", "));
     }
 };
 

@@ -16,40 +16,26 @@ using namespace std::chrono_literals;
 using Form = Report::Form;
 using Print = std::function<void(Report &)>;
 
-/// Has a descriptor of this process lead elsewhere for a while.
-class Redirection
+/// Prints while a descriptor of this process leads to another.
+void printTo(int target, Form form, const Print &print, int descriptor = STDOUT_FILENO)
 {
-public:
-    Redirection(int descriptor, int target)
-        : m_descriptor(descriptor)
-        , m_saved(::dup(descriptor))
+    std::fflush(nullptr);
+    const int saved = ::dup(descriptor);
+    ::dup2(target, descriptor);
     {
-        std::fflush(nullptr);
-        ::dup2(target, descriptor);
+        Report report(form);
+        print(report);
     }
+    ::dup2(saved, descriptor);
+    ::close(saved);
+}
 
-    ~Redirection()
-    {
-        ::dup2(m_saved, m_descriptor);
-        ::close(m_saved);
-    }
-
-private:
-    int m_descriptor;
-    int m_saved;
-};
-
-/// @return what a report writes to a descriptor.
 QByteArray outputOf(Form form, const Print &print, int descriptor = STDOUT_FILENO)
 {
     QTemporaryFile file;
     if (!file.open())
         qFatal("there is no file to write to");
-    {
-        const Redirection redirection(descriptor, file.handle());
-        Report report(form);
-        print(report);
-    }
+    printTo(file.handle(), form, print, descriptor);
     file.seek(0);
     return file.readAll();
 }
@@ -168,11 +154,8 @@ private Q_SLOTS:
                 std::this_thread::sleep_for(1ms); // so that the pipe is full at times
             }
         });
-        {
-            const Redirection redirection(STDOUT_FILENO, ends[1]);
-            ::close(ends[1]);
-            Report(Form::Text).print("x", {}, longText);
-        }
+        printTo(ends[1], Form::Text, [&](Report &report) { report.print("x", {}, longText); });
+        ::close(ends[1]);
         reader.join();
         ::close(ends[0]);
         QCOMPARE(text, longText.toUtf8() + '\n');
