@@ -377,6 +377,8 @@ std::variant<Options, QString> readCommandLine(const QStringList &arguments, int
         if (app.get_subcommands().empty() && app.remaining_size() > 0)
             text = QStringLiteral("There is no command \"%1\".")
                        .arg(QString::fromStdString(app.remaining().front()));
+        else if (app.get_subcommands().empty())
+            text = QStringLiteral("The command is missing.");
         throw wrongUse(text,
                        QStringLiteral("\"vpnctl --help\" lists the commands, and "
                                       "\"vpnctl COMMAND --help\" what each takes."));

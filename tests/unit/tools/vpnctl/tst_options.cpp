@@ -72,7 +72,8 @@ private Q_SLOTS:
             row(arguments, "Bring a tunnel up");
         for (const char *arguments : {"-v", "-V", "--version"})
             row(arguments, "vpnctl ");
-        row("", "A subcommand is required.");
+        row("", "The command is missing.");
+        row("--json", "The command is missing.");
         row("dance", "There is no command \"dance\".");
         row("ping --loud", "The following argument was not expected: --loud.");
         row("connect a b", "The following argument was not expected: b.");
