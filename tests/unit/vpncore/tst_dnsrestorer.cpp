@@ -47,7 +47,7 @@ private Q_SLOTS:
         // Every restore begins anew, with the first pause.
         m_restorer->restore();
         QTRY_COMPARE(m_restores.size(), 10);
-        QVERIFY(m_restores.at(6) - m_restores.at(5) < 190);
+        QVERIFY(m_restores.at(6) - m_restores.at(5) < 170);
     }
 
     void repetitionsEndWhenNothingIsLeft()

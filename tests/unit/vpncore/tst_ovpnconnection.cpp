@@ -47,6 +47,7 @@ const QString kNoPlace = "QString::arg: Argument missing: " + kTimeOut + ", UDP"
 // What `openvpn` plays; see lab/standins/openvpn.
 const QString kSilent = ":";
 const QString kChatty = "while :; do echo a line; pause 0.03; done";
+const QString kCountStarts = "echo >>/tmp/starts; starts=$(wc -l </tmp/starts); ";
 const QString kSlowToStop = "close() { echo Still closing; pause 5; }; succeed";
 
 /// An operation that is shorter than this has not waited for any of the limits.
@@ -247,16 +248,15 @@ private Q_SLOTS:
         QTest::addColumn<int>("starts");
         const auto row = [](const char *name, const QString &script, const QString &message = {},
                             int starts = 1) { QTest::newRow(name) << script << message << starts; };
-        const QString count = "echo >>/tmp/starts; starts=$(wc -l </tmp/starts); ";
         row("success", "succeed");
         row("success in two pieces",
             "printf 'Initialization Seq'; pause 0.03; echo uence Completed");
         row("success beside an error", "echo ERROR; succeed");
         row("success after an excused error",
             "echo ERROR: ipv6 command failed; pause 0.03; succeed");
-        row("success of the third start", count + "((starts == 3)) || exit; succeed", {}, 3);
+        row("success of the third start", kCountStarts + "((starts == 3)) || exit; succeed", {}, 3);
         row("error", "echo ERROR", kAttemptFailed);
-        row("error of the second start", count + "((starts == 2)) || exit; echo ERROR",
+        row("error of the second start", kCountStarts + "((starts == 2)) || exit; echo ERROR",
             kAttemptFailed, 2);
         row("coming retry, on standard error", "echo failed, will try again in 5 seconds >&2",
             kAttemptFailed);
@@ -628,11 +628,15 @@ private Q_SLOTS:
     /// Whoever overrides it decides what ends, and an attempt is not overtaken by what is older.
     void disconnectIsCalledThroughItsSlot()
     {
-        CountingConnection connection(patient({{&OvpnLimits::request, 100}}));
-        QCOMPARE(connection.connectUdp(serverThatPlays("exit 1")).message, kTimeOut);
-        const int attempts = m_log->count(kSeparator);
-        QVERIFY(attempts > 1);
-        QCOMPARE(connection.disconnects, attempts + 1);
+        CountingConnection hurried(patient({{&OvpnLimits::request, 1}}));
+        QCOMPARE(hurried.connectUdp(serverThatPlays("exit 1")).message, kTimeOut);
+        QCOMPARE(hurried.disconnects, 2); // before the attempt, and because the time is up
+        CountingConnection third(patient());
+        QCOMPARE(
+            third.connectUdp(serverThatPlays(kCountStarts + "((starts == 3)) || exit; echo ERROR"))
+                .message,
+            kAttemptFailed);
+        QCOMPARE(third.disconnects, 3);
     }
 };
 
