@@ -13,6 +13,7 @@ function(talvex_look_in_bundle file isProgram)
     execute_process(COMMAND "${otool}" -L "${file}" OUTPUT_VARIABLE listing COMMAND_ERROR_IS_FATAL ANY)
     execute_process(COMMAND "${otool}" -l "${file}" OUTPUT_VARIABLE commands COMMAND_ERROR_IS_FATAL ANY)
     string(REGEX MATCHALL "\n[ \t]+/[^\n]* \\(compatibility" lines "${listing}")
+    list(REMOVE_DUPLICATES lines) # of the architectures
     set(changes)
     set(folders "@executable_path/../Frameworks")
     foreach(line IN LISTS lines)

@@ -14,9 +14,15 @@ if(APPLE)
     list(APPEND libraries privileges)
 endif()
 
-# The same names within the project.
 foreach(library IN LISTS libraries)
+    # The same name within the project.
     add_library(TalvexVpn::${library} ALIAS ${library})
+    # What is optimised at link time only, no other compiler could link.
+    if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+        target_compile_options(${library} PRIVATE -ffat-lto-objects)
+    else()
+        set_target_properties(${library} PROPERTIES INTERPROCEDURAL_OPTIMIZATION OFF)
+    endif()
 endforeach()
 
 set(headers "${CMAKE_INSTALL_INCLUDEDIR}/talvexvpn")
