@@ -101,7 +101,6 @@ private Q_SLOTS:
         row("disconnect", Form::Text, R"({"cmd":"disconnect"})", true, "Disconnected after 1.2 s.");
         row("failed disconnect", Form::Text, R"({"cmd":"disconnect"})", false,
             "Not disconnected after 1.2 s: no luck");
-        row("another", Form::Text, R"({"cmd":"x"})", true, R"(Answer {"cmd":"x"} after 1.2 s.)");
         row("no JSON", Form::Text, "pardon?", true, "Answer pardon? after 1.2 s.");
         row("JSON", Form::Json, "{}", true,
             "{'advice':'','code':1,'command':'','event':'answer','key':'','message':'{}',"
