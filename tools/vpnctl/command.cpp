@@ -1,74 +1,233 @@
 #include "command.h"
 
+#include "guardlimits.h"
+#include "ipcurls.h"
+#include "peeruser.h"
+#include "rep_ipcinterface_replica.h"
+#include "rep_serviceinterface_replica.h"
+
+#include <optional>
+
 namespace vpnctl {
 
 namespace {
 
 using namespace std::chrono_literals;
 
-constexpr auto kLivePeriod = 100ms;
-constexpr auto kLinePeriod = 5s;
+/// To connect to the main socket only to see whether somebody listens there.
+constexpr int kTrialLimitMs = 15'000;
+
+/// A daemon that ends closes its sockets one by one; so much later all are closed.
+constexpr auto kEndingTime = 100ms;
+
+/// How often it is said that the daemon has not answered: on a terminal, and in lines.
+constexpr std::chrono::milliseconds kLivePeriod = 100ms;
+constexpr std::chrono::milliseconds kLinePeriod = 5s;
+
+/// What is in the frame of a command beside its texts; docs/protocol-frames.md shows each byte.
+constexpr qint64 kBytesBesideTexts = 137;
+
+/// Why there is no connection: mostly because there is no daemon at all.
+/// @param otherwise what it is when there is one.
+Problem connectionProblem(const Problem &otherwise)
+{
+    const QString name = shared::getIpcServiceUrl();
+    QLocalSocket socket;
+    socket.connectToServer(name);
+    if (socket.waitForConnected(kTrialLimitMs))
+        return otherwise;
+    switch (socket.error()) {
+    case QLocalSocket::ServerNotFoundError:
+        return {ExitCode::NoDaemon,
+                QStringLiteral("The daemon is not running: there is no socket %1.").arg(name),
+                QStringLiteral("Start it: sudo launchctl bootstrap system "
+                               "/Library/LaunchDaemons/TalvexVpnd.plist")};
+    case QLocalSocket::ConnectionRefusedError:
+        return {
+            ExitCode::NoDaemon,
+            QStringLiteral("The daemon is not running: it left the socket %1 behind.").arg(name),
+            QStringLiteral("Have launchd start it anew: sudo launchctl kickstart -k "
+                           "system/com.talvex.talvexvpnd. Before starting it by hand, remove "
+                           "the file (sudo rm '%1'), or it cannot listen.")
+                .arg(name)};
+    default:
+        return {ExitCode::NoDaemon,
+                QStringLiteral("Cannot connect to the daemon's socket %1: %2.")
+                    .arg(name, socket.errorString()),
+                QStringLiteral("Every user should be allowed to read and write it.")};
+    }
+}
+
+/// Whoever has the name of a socket could take a private key for himself.
+std::optional<Problem> peerProblem(const QLocalSocket &socket)
+{
+    constexpr quint32 kRoot = 0;
+    const quint32 user = userOfPeer(static_cast<int>(socket.socketDescriptor()));
+    if (user == kRoot)
+        return {};
+    return Problem{
+        ExitCode::NoDaemon,
+        QStringLiteral("The program at the other end of %1 is not root's, but that of user %2. "
+                       "Nothing was sent.")
+            .arg(socket.fullServerName())
+            .arg(user),
+        QStringLiteral("That is not the daemon. Tell who administers this computer.")};
+}
 
 } // namespace
+
+void Command::checkLength(const QString &message, const VpnServerInformation &server)
+{
+    qint64 length = kBytesBesideTexts;
+    for (const QString &text :
+         {message, server.name, server.info, server.host, server.ca, server.key, server.cert})
+        length += text.size() * qint64(sizeof(QChar));
+    if (length > guard::kMaxFrameBytes) {
+        throw wrongUse(QStringLiteral("The command with its record takes %1 bytes, and the daemon "
+                                      "accepts %2 at most.")
+                           .arg(length)
+                           .arg(guard::kMaxFrameBytes),
+                       QStringLiteral("Every character takes two. Leave out the certificates that "
+                                      "the server does not need."));
+    }
+}
 
 Command::Command(const Options &options, Report &report)
     : m_options(options)
     , m_report(report)
-    , m_session(options.limits)
 {
-    m_answerLimit.setSingleShot(true);
-    connect(&m_answerLimit, &QTimer::timeout, this, &Command::giveUpWaiting);
-    connect(&m_session, &VpnSession::failed, this, &Command::finishWith);
-    for (const auto signal : {&VpnSession::reached, &VpnSession::opened})
-        connect(&m_session, signal, this, &Command::answerArrived);
+    m_limit.setSingleShot(true);
+    connect(&m_limit, &QTimer::timeout, this, &Command::giveUpWaiting);
+    m_heartbeat.setInterval(options.limits.heartbeatPeriod);
+    connect(&m_heartbeat, &QTimer::timeout, this, [this] { m_service.replica->server_slot(true); });
     connect(&m_progress, &QTimer::timeout, this,
-            [this] { m_report.waiting(std::chrono::milliseconds(m_sinceRequest.elapsed())); });
-    reportWaiting();
+            [this] { m_report.waiting(std::chrono::nanoseconds(m_sinceRequest.nsecsElapsed())); });
 }
 
 Command::~Command() = default;
 
-void Command::stop()
+void Command::reach()
 {
-    finish(ExitCode::Interrupted);
+    open(m_main, shared::getIpcServiceUrl(), &Command::reached);
 }
 
-void Command::hangUp()
+void Command::openNewEndpoint()
 {
-    stop();
+    open(m_main, shared::getIpcServiceUrl(), &Command::createEndpoint);
 }
 
-void Command::reportWaiting()
+void Command::openEndpoint(int endpoint)
 {
+    m_endpoint = endpoint;
+    open(m_service, shared::getIpcProcessUrl(endpoint), &Command::opened);
+}
+
+void Command::send(const QString &message, const VpnServerInformation &server)
+{
+    if (m_isFinished)
+        return;
+    m_service.replica->vpn_command(message, server);
+    await(m_options.answerLimit);
+}
+
+void Command::keepAlive()
+{
+    m_service.replica->server_slot(true);
+    m_heartbeat.start();
+}
+
+template<typename Replica>
+void Command::open(Link<Replica> &link, const QString &name, void (Command::*next)())
+{
+    QLocalSocket &socket = link.socket;
+    connect(&socket, &QLocalSocket::errorOccurred, this, [this](auto error) {
+        if (error != QLocalSocket::PeerClosedError)
+            finishWith(connectionProblem(
+                wrongUse(QStringLiteral("The daemon has no endpoint %1.").arg(m_endpoint),
+                         QStringLiteral("\"vpnctl status\" lists those that have a socket."))));
+    });
+    connect(&socket, &QLocalSocket::disconnected, this, [this] {
+        QTimer::singleShot(kEndingTime, this, [this] {
+            if (!m_isFinished)
+                finishWith(connectionProblem(
+                    {ExitCode::NoDaemon,
+                     QStringLiteral("The daemon closed the connection; its log says why."),
+                     QStringLiteral("It is running. It refuses connections when it has no "
+                                    "descriptor left, and closes those that go beyond its "
+                                    "limits.")}));
+        });
+    });
+    connect(&socket, &QLocalSocket::connected, this, [this, &link, next] {
+        if (const auto problem = peerProblem(link.socket))
+            return finishWith(*problem);
+        link.node.addClientSideConnection(&link.socket);
+        link.replica.reset(link.node.template acquire<Replica>());
+        if constexpr (std::is_same_v<Replica, ServiceInterfaceReplica>)
+            connect(link.replica.data(), &Replica::vpn_cmd_result, this, &Command::answered);
+        connect(link.replica.data(), &Replica::stateChanged, this, [this, next](auto state) {
+            if (state == QRemoteObjectReplica::SignatureMismatch)
+                finishWith({ExitCode::NoDaemon,
+                            QStringLiteral("What listens on the daemon's socket speaks another "
+                                           "interface."),
+                            QStringLiteral("Use the vpnctl that came with the daemon.")});
+            if (state != QRemoteObjectReplica::Valid || m_isFinished)
+                return;
+            answerArrived();
+            (this->*next)();
+        });
+    });
+    await(m_options.limits.handshake);
+    socket.connectToServer(name);
+}
+
+void Command::createEndpoint()
+{
+    await(m_options.limits.handshake);
+    auto *call =
+        new QRemoteObjectPendingCallWatcher(m_main.replica->createPrivilegedProcess(), this);
+    connect(call, &QRemoteObjectPendingCallWatcher::finished, this, [this, call] {
+        const int endpoint = call->returnValue().toInt();
+        if (endpoint <= 0) {
+            return finishWith(
+                {ExitCode::Failed, QStringLiteral("The daemon could not make an endpoint."),
+                 QStringLiteral("A socket file in /tmp may be in the way, or the daemon "
+                                "has no descriptor left; its log says which.")});
+        }
+        if (m_isFinished)
+            return;
+        m_report.print("endpoint", {{QStringLiteral("endpoint"), endpoint}},
+                       QStringLiteral("Endpoint: %1").arg(endpoint));
+        openEndpoint(endpoint);
+    });
+}
+
+void Command::await(std::chrono::milliseconds limit)
+{
+    m_limit.start(limit);
     m_sinceRequest.start();
-    m_progress.start(m_report.isLive() ? std::chrono::milliseconds(kLivePeriod) : kLinePeriod);
+    m_progress.start(m_report.isLive() ? kLivePeriod : kLinePeriod);
 }
 
-void Command::awaitAnswer()
+Seconds Command::answerArrived()
 {
-    m_answerLimit.start(m_options.answerLimit);
-    reportWaiting();
-}
-
-std::chrono::milliseconds Command::answerArrived()
-{
-    m_answerLimit.stop();
+    m_limit.stop();
     m_progress.stop();
-    return std::chrono::milliseconds(m_sinceRequest.elapsed());
-}
-
-void Command::giveUpWaiting()
-{
-    finishWith(lateAnswer());
+    return std::chrono::nanoseconds(m_sinceRequest.nsecsElapsed());
 }
 
 Problem Command::lateAnswer() const
 {
+    const bool isOpen = m_service.replica && m_service.replica->isInitialized();
     return {ExitCode::NoAnswer,
-            QStringLiteral("The daemon did not answer the command within %1 seconds.")
-                .arg(m_options.answerLimit.count()),
-            QStringLiteral("It may be busy with other clients, or does not know the command; "
-                           "--timeout waits longer, the daemon's log may say more.")};
+            (isOpen ? QStringLiteral("The daemon did not answer the command within %1 seconds.")
+                    : QStringLiteral("The daemon accepts connections but did not answer within %1 "
+                                     "seconds."))
+                .arg(m_limit.intervalAsDuration() / 1s),
+            isOpen
+                ? QStringLiteral("It may be busy with other clients, or does not know the command; "
+                                 "--timeout waits longer, the daemon's log may say more.")
+                : QStringLiteral("It is very busy, stopped or hanging. Try again; if that does not "
+                                 "help, look at its log, and restart it as a last resort.")};
 }
 
 void Command::finish(ExitCode exitCode)
@@ -77,6 +236,7 @@ void Command::finish(ExitCode exitCode)
         return;
     m_isFinished = true;
     answerArrived();
+    m_heartbeat.stop();
     Q_EMIT finished(exitCode);
 }
 

@@ -1,19 +1,32 @@
 #pragma once
 
+#include "operationresult.h"
 #include "options.h"
 #include "problem.h"
 #include "report.h"
-#include "vpnsession.h"
+#include "vpnserverinformation.h"
 
 #include <QtCore/QElapsedTimer>
 #include <QtCore/QObject>
+#include <QtCore/QScopedPointer>
 #include <QtCore/QTimer>
+#include <QtNetwork/QLocalSocket>
+#include <QtRemoteObjects/QRemoteObjectNode>
 
 #include <memory>
 
+class IpcInterfaceReplica;
+class ServiceInterfaceReplica;
+
 namespace vpnctl {
 
-/// One run of a subcommand: a conversation with the daemon from its start to an exit code.
+/// Takes the endpoint's tunnel down, and ends an attempt that is under way.
+const char kDisconnectMessage[] = R"({"type":"openvpn","cmd":"disconnect"})";
+
+/// One run of a subcommand: a conversation with the daemon from its start to an exit status. It
+/// goes over the main socket to an endpoint, with commands and heartbeats. Nothing here waits. What
+/// comes of a call is told by a virtual function, from the event loop; a conversation that fails
+/// finishes the command.
 class Command : public QObject
 {
     Q_OBJECT
@@ -31,32 +44,55 @@ public:
     virtual void start() = 0;
 
     /// A signal asks to stop. Unless a command knows better, it stops at once.
-    virtual void stop();
+    virtual void stop() { finish(ExitCode::Interrupted); }
 
     /// Nobody gives input or takes output any more. Unless a command knows better, like stop().
-    virtual void hangUp();
+    virtual void hangUp() { stop(); }
 
     /// @return whether the end of the standard input is to end the command.
     virtual bool isTiedToInput() const { return false; }
 
 Q_SIGNALS:
     /// Comes once; nothing is printed after it.
-    void finished(vpnctl::ExitCode exitCode);
+    /// @param exitCode an ExitCode
+    void finished(int exitCode);
 
 protected:
-    const Options &options() const { return m_options; }
-    Report &report() { return m_report; }
-    VpnSession &session() { return m_session; }
+    /// Goes as far as the main socket's interface, which leaves nothing behind in the daemon; then
+    /// comes reached().
+    void reach();
 
-    /// Counts the time from here to the answer, and gives up after Options::answerLimit.
-    void awaitAnswer();
+    /// Has the daemon make an endpoint, reports its number and connects to it; then comes opened().
+    /// The endpoint lasts as long as the daemon.
+    void openNewEndpoint();
 
-    /// @return how long the answer took; it is no longer waited for.
-    std::chrono::milliseconds answerArrived();
+    /// Connects to an endpoint that is there; then comes opened().
+    void openEndpoint(int endpoint);
 
-    /// The awaited answer has not come within Options::answerLimit. Unless a command knows better,
-    /// it ends with that.
-    virtual void giveUpWaiting();
+    /// The daemon closes the connection at a longer frame than it allows, so check before opening.
+    /// @throws Problem when the command @p message with the record @p server is too long.
+    static void checkLength(const QString &message, const VpnServerInformation &server);
+
+    /// Sends a command as it stands, and awaits its answer. Call only after opened(), like
+    /// keepAlive().
+    void send(const QString &message, const VpnServerInformation &server = {});
+
+    /// Calls the heartbeat, now and again and again. From the first one on the daemon takes the
+    /// tunnel down when it hears none for 30 s, without an answer.
+    void keepAlive();
+
+    virtual void reached() {}
+    virtual void opened() {}
+
+    /// An answer on this endpoint, whoever gave the command. It may not be the awaited one.
+    /// @param message JSON; commandOf() tells which command it is about.
+    virtual void answered(const QString &, const OperationResult &) {}
+
+    /// @return how long the answer took; it is no longer awaited.
+    Seconds answerArrived();
+
+    /// The awaited answer has not come in time. Unless a command knows better, it ends with that.
+    virtual void giveUpWaiting() { finishWith(lateAnswer()); }
 
     /// @return what is then to be told.
     Problem lateAnswer() const;
@@ -64,14 +100,31 @@ protected:
     void finish(ExitCode exitCode);
     void finishWith(const Problem &problem);
 
-private:
-    void reportWaiting();
-
-    Options m_options;
+    const Options m_options;
     Report &m_report;
-    VpnSession m_session;
+    int m_endpoint = 0; ///< 0 before there is one
+
+private:
+    /// A socket of the daemon, and the object behind it. Destroyed in reverse order: nodes and
+    /// replicas before the socket that carries them.
+    template<typename Replica>
+    struct Link
+    {
+        QLocalSocket socket;
+        QRemoteObjectNode node;
+        QScopedPointer<Replica> replica;
+    };
+
+    template<typename Replica>
+    void open(Link<Replica> &link, const QString &name, void (Command::*next)());
+    void createEndpoint();
+    void await(std::chrono::milliseconds limit);
+
+    Link<IpcInterfaceReplica> m_main;
+    Link<ServiceInterfaceReplica> m_service;
+    QTimer m_limit;
+    QTimer m_heartbeat;
     QTimer m_progress;
-    QTimer m_answerLimit;
     QElapsedTimer m_sinceRequest;
     bool m_isFinished = false;
 };

@@ -1,7 +1,5 @@
 #include "connectcommand.h"
 
-#include "targetreader.h"
-
 #include <QtCore/QJsonArray>
 
 #include <algorithm>
@@ -17,23 +15,18 @@ using namespace std::chrono_literals;
 
 constexpr std::chrono::milliseconds kSameStopRequest = 1s;
 
+QString connectMessage(Transport transport)
+{
+    return transport == Transport::Udp ? QStringLiteral(R"({"type":"connect","cmd":"ovpnUdp"})")
+                                       : QStringLiteral(R"({"type":"connect","cmd":"ovpnTcp"})");
+}
+
 } // namespace
 
 ConnectCommand::ConnectCommand(const Options &options, Report &report)
     : Command(options, report)
     , m_nextPause(options.limits.firstPause)
 {
-    connect(&session(), &VpnSession::endpointCreated, this, [this](int endpoint) {
-        m_endpoint = endpoint;
-        this->report().endpoint(endpoint);
-    });
-    connect(&session(), &VpnSession::opened, this, [this] {
-        // From the first heartbeat on the daemon expects more of them.
-        if (!this->options().detach)
-            session().keepAlive();
-        tryNextTarget();
-    });
-    connect(&session(), &VpnSession::answered, this, &ConnectCommand::handleAnswer);
     m_look.setInterval(options.limits.lookPeriod);
     connect(&m_look, &QTimer::timeout, this, &ConnectCommand::lookAtTunnel);
     m_pause.setSingleShot(true);
@@ -47,12 +40,12 @@ ConnectCommand::ConnectCommand(const Options &options, Report &report)
 
 void ConnectCommand::start()
 {
-    const TargetList list = readTargets(options());
-    for (const QString &note : list.notes)
-        report().note(note);
+    const TargetList list = readTargets(m_options);
+    if (!list.note.isEmpty())
+        m_report.note(list.note);
     if (!list.weaknesses.isEmpty()) {
         reportWeaknesses(list.weaknesses);
-        if (!options().acceptWeaker) {
+        if (!m_options.acceptWeaker) {
             throw wrongUse(QStringLiteral("The profile asks for more than the daemon can do."),
                            QStringLiteral("Add --accept-weaker to connect without it."));
         }
@@ -60,7 +53,15 @@ void ConnectCommand::start()
     m_targets = list.targets;
     for (const Target &target : qAsConst(m_targets))
         checkLength(connectMessage(target.transport), target.server);
-    session().openNewEndpoint();
+    openNewEndpoint();
+}
+
+void ConnectCommand::opened()
+{
+    // From the first heartbeat on the daemon expects more of them.
+    if (!m_options.detach)
+        keepAlive();
+    tryNextTarget();
 }
 
 void ConnectCommand::reportWeaknesses(const Weaknesses &weaknesses)
@@ -72,7 +73,7 @@ void ConnectCommand::reportWeaknesses(const Weaknesses &weaknesses)
                                       {QStringLiteral("text"), weakness.text}});
         lines.append(QStringLiteral("Without %1: %2").arg(weakness.directive, weakness.text));
     }
-    report().print("weaker", {{QStringLiteral("directives"), directives}},
+    m_report.print("weaker", {{QStringLiteral("directives"), directives}},
                    lines.join(QLatin1Char('\n')), STDERR_FILENO);
 }
 
@@ -100,9 +101,11 @@ void ConnectCommand::hangUp()
 
 void ConnectCommand::giveUpWaiting()
 {
-    if (m_phase != Phase::Connecting)
+    if (m_phase == Phase::Opening)
+        return Command::giveUpWaiting();
+    if (m_phase == Phase::Closing)
         return leave(ExitCode::NoAnswer);
-    report().problem(lateAnswer());
+    m_report.problem(lateAnswer());
     closeAfterFailure(ExitCode::NoAnswer);
 }
 
@@ -125,7 +128,7 @@ void ConnectCommand::tryNextTarget()
                        .arg(transportName(target.transport));
     if (m_targets.size() > 1)
         text += QStringLiteral(" (server %1 of %2)").arg(m_attempt).arg(m_targets.size());
-    report().print("connecting",
+    m_report.print("connecting",
                    {{QStringLiteral("host"), target.server.host},
                     {QStringLiteral("port"), target.port()},
                     {QStringLiteral("transport"), transportName(target.transport).toLower()},
@@ -133,23 +136,22 @@ void ConnectCommand::tryNextTarget()
                     {QStringLiteral("attempts"), m_targets.size()}},
                    text);
     m_before = tunnelInterfaces();
-    session().send(connectMessage(target.transport), target.server);
-    awaitAnswer();
+    send(connectMessage(target.transport), target.server);
 }
 
-void ConnectCommand::handleAnswer(const QString &message, const OperationResult &result)
+void ConnectCommand::answered(const QString &message, const OperationResult &result)
 {
     const bool isConnect = commandOf(message) == QLatin1String("connect");
     if (m_phase == Phase::Closing) {
         if (isConnect) // the attempt that was given up
             return;
-        report().answer(message, result, answerArrived());
+        m_report.answer(message, result, answerArrived());
         if (m_exitCode)
             finish(result.success ? *m_exitCode : ExitCode::Failed);
         else
             connectLater();
     } else if (!isConnect) {
-        report().print("takenDown", {{QStringLiteral("endpoint"), m_endpoint}},
+        m_report.print("takenDown", {{QStringLiteral("endpoint"), m_endpoint}},
                        QStringLiteral("Another client of endpoint %1 has taken the tunnel down.")
                            .arg(m_endpoint));
         // The attempt that it ended has been answered before, as failed, so the next server is
@@ -159,7 +161,7 @@ void ConnectCommand::handleAnswer(const QString &message, const OperationResult 
         else
             finish(ExitCode::Done);
     } else if (m_phase == Phase::Connecting) {
-        report().answer(message, result, answerArrived());
+        m_report.answer(message, result, answerArrived());
         if (result.success)
             handleConnected();
         else if (m_attempt < m_targets.size())
@@ -168,7 +170,7 @@ void ConnectCommand::handleAnswer(const QString &message, const OperationResult 
             closeAfterFailure(ExitCode::Failed);
     } else {
         // Somebody else connects this endpoint anew, for which the daemon takes the tunnel down.
-        report().answer(message, result, std::nullopt);
+        m_report.answer(message, result, std::nullopt);
         if (!result.success)
             close(ExitCode::Failed);
     }
@@ -176,8 +178,8 @@ void ConnectCommand::handleAnswer(const QString &message, const OperationResult 
 
 void ConnectCommand::handleConnected()
 {
-    if (options().detach) {
-        report().print("detached", {{QStringLiteral("endpoint"), m_endpoint}},
+    if (m_options.detach) {
+        m_report.print("detached", {{QStringLiteral("endpoint"), m_endpoint}},
                        QStringLiteral("The tunnel is up and stays up. To take it down: "
                                       "vpnctl disconnect --endpoint %1")
                            .arg(m_endpoint));
@@ -194,7 +196,7 @@ void ConnectCommand::handleConnected()
     if (appeared.size() == 1) {
         text += QStringLiteral(" on %1").arg(m_tunnel.name);
     } else {
-        report().note(QStringLiteral("The tunnel is not watched: %1 network interfaces came up "
+        m_report.note(QStringLiteral("The tunnel is not watched: %1 network interfaces came up "
                                      "with it, and one would be its own.")
                           .arg(appeared.size()));
     }
@@ -202,7 +204,7 @@ void ConnectCommand::handleConnected()
     // In a background job, Ctrl-C goes elsewhere.
     if (::tcgetpgrp(STDOUT_FILENO) == ::getpgrp())
         text += QStringLiteral(" Ctrl-C takes it down.");
-    report().print(
+    m_report.print(
         "up",
         {{QStringLiteral("endpoint"), m_endpoint}, {QStringLiteral("interface"), m_tunnel.name}},
         text);
@@ -215,7 +217,7 @@ void ConnectCommand::lookAtTunnel()
 {
     // The clock is that of the daemon's timer: it stands still for both while the machine sleeps.
     const std::chrono::milliseconds silence(m_sinceLook.restart());
-    if (silence > options().limits.silence) {
+    if (silence > m_options.limits.silence) {
         lose(QStringLiteral("vpnctl was stopped for %1 s, and the daemon takes a tunnel down when "
                             "it hears nothing for 30 s.")
                  .arg(silence / 1s));
@@ -227,17 +229,17 @@ void ConnectCommand::lookAtTunnel()
 
 void ConnectCommand::lose(const QString &reason)
 {
-    report().print(
+    m_report.print(
         "gone", {{QStringLiteral("endpoint"), m_endpoint}, {QStringLiteral("text"), reason}},
         QStringLiteral("The tunnel has gone: %1 Traffic goes out without it.").arg(reason));
-    if (m_sinceUp.hasExpired(options().limits.longestPause.count()))
-        m_nextPause = options().limits.firstPause;
+    if (m_sinceUp.hasExpired(m_options.limits.longestPause.count()))
+        m_nextPause = m_options.limits.firstPause;
     closeAfterFailure(ExitCode::Failed);
 }
 
 void ConnectCommand::closeAfterFailure(ExitCode exitCode)
 {
-    if (m_sinceUp.isValid() && !options().once)
+    if (m_sinceUp.isValid() && !m_options.once)
         close({});
     else
         close(exitCode);
@@ -248,18 +250,17 @@ void ConnectCommand::close(std::optional<ExitCode> exitCode)
     m_phase = Phase::Closing;
     m_exitCode = exitCode;
     m_look.stop();
-    report().print("disconnecting", {}, QStringLiteral("Disconnecting"));
-    session().send(disconnectMessage());
-    awaitAnswer();
+    m_report.print("disconnecting", {}, QStringLiteral("Disconnecting"));
+    send(QLatin1String(kDisconnectMessage));
 }
 
 void ConnectCommand::connectLater()
 {
     m_phase = Phase::Pausing;
-    report().print("retrying", {{QStringLiteral("seconds"), static_cast<int>(m_nextPause / 1s)}},
+    m_report.print("retrying", {{QStringLiteral("seconds"), static_cast<int>(m_nextPause / 1s)}},
                    QStringLiteral("Connecting again in %1 s").arg(m_nextPause / 1s));
     m_pause.start(m_nextPause);
-    m_nextPause = std::min(2 * m_nextPause, options().limits.longestPause);
+    m_nextPause = std::min(2 * m_nextPause, m_options.limits.longestPause);
 }
 
 } // namespace vpnctl

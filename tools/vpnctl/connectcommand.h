@@ -2,9 +2,7 @@
 
 #include "command.h"
 #include "observation.h"
-
-#include <QtCore/QElapsedTimer>
-#include <QtCore/QTimer>
+#include "target.h"
 
 namespace vpnctl {
 
@@ -26,18 +24,19 @@ public:
     void stop() override;
 
     void hangUp() override;
-    bool isTiedToInput() const override { return !options().detach; }
-
-protected:
-    /// Takes an attempt back before the command finishes: the daemon may still bring it up.
-    void giveUpWaiting() override;
+    bool isTiedToInput() const override { return !m_options.detach; }
 
 private:
     enum class Phase { Opening, Connecting, Holding, Closing, Pausing };
 
+    void opened() override;
+    void answered(const QString &message, const OperationResult &result) override;
+
+    /// Takes an attempt back before the command finishes: the daemon may still bring it up.
+    void giveUpWaiting() override;
+
     void reportWeaknesses(const Weaknesses &weaknesses);
     void tryNextTarget();
-    void handleAnswer(const QString &message, const OperationResult &result);
     void handleConnected();
     void lookAtTunnel();
     void lose(const QString &reason);
@@ -51,7 +50,6 @@ private:
     Phase m_phase = Phase::Opening;
     Targets m_targets;
     int m_attempt = 0;
-    int m_endpoint = 0;
     std::optional<ExitCode> m_exitCode; ///< Once the tunnel is down; without it, connect again.
     QElapsedTimer m_sinceStop;
 

@@ -1,7 +1,6 @@
 #include "command.h"
 #include "options.h"
 #include "report.h"
-#include "textlayout.h"
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QLoggingCategory>
@@ -94,19 +93,12 @@ void onInputEnd(QObject *context, const std::function<void()> &handle)
     });
 }
 
-int exitStatus(ExitCode exitCode)
-{
-    return static_cast<int>(exitCode);
-}
-
 int run(const Options &options, Report &report)
 {
     const std::unique_ptr<Command> command = Command::create(options, report);
     // Queued: the command may finish before the event loop runs, or while it is being called.
-    QObject::connect(
-        command.get(), &Command::finished, qApp,
-        [](ExitCode exitCode) { QCoreApplication::exit(exitStatus(exitCode)); },
-        Qt::QueuedConnection);
+    QObject::connect(command.get(), &Command::finished, qApp, &QCoreApplication::exit,
+                     Qt::QueuedConnection);
     QObject::connect(&report, &Report::outputClosed, command.get(), &Command::hangUp,
                      Qt::QueuedConnection);
     onStopSignal(command.get(), [&command] { command->stop(); });
@@ -125,7 +117,6 @@ int main(int argc, char **argv)
     static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
     silenceQt();
     QCoreApplication application(argc, argv);
-    qRegisterMetaType<vpnctl::ExitCode>();
 
     const QStringList arguments = QCoreApplication::arguments();
     Report report(arguments.contains(QStringLiteral("--json")) ? Report::Form::Json
@@ -135,9 +126,9 @@ int main(int argc, char **argv)
         if (const auto *options = std::get_if<Options>(&line))
             return run(*options, report);
         QTextStream(stdout) << *std::get_if<QString>(&line);
-        return exitStatus(ExitCode::Done);
+        return ExitCode::Done;
     } catch (const Problem &problem) {
         report.problem(problem);
-        return exitStatus(problem.exitCode);
+        return problem.exitCode;
     }
 }

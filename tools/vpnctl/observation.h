@@ -1,9 +1,8 @@
 #pragma once
 
-#include <QtCore/QStringList>
-#include <QtCore/QVector>
+#include "report.h"
 
-#include <optional>
+#include <QtCore/QStringList>
 
 namespace vpnctl {
 
@@ -31,7 +30,12 @@ QStringList dnsServers();
 /// @return the names of the backups of DNS settings; nothing when the user may not look.
 std::optional<QStringList> dnsBackups();
 
-/// @return what a script for sh(1) prints within ten seconds. In it, $0 is this program.
-QByteArray outputOf(const QString &script);
+/// Makes a folder with what a maintainer asks for. Each file is reported before it is written.
+/// @throws Problem when that fails, for example because the folder is there already.
+void makeReportFolder(const QString &path, Report &report);
+
+/// @return the text without what may come from a server's record: addresses, host names, and
+///         whatever could be a part of a key or a certificate.
+QString withoutSecrets(QString text);
 
 } // namespace vpnctl

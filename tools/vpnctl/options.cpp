@@ -1,10 +1,8 @@
 #include "options.h"
 
-#include "explain.h"
 #include "observation.h"
 #include "ovpnprofile.h"
 #include "problem.h"
-#include "textlayout.h"
 
 #include <QtCore/QRegularExpression>
 
@@ -332,8 +330,8 @@ QString manualLists(const CLI::App &app)
 
     lists += QLatin1String("# ANSWERS OF THE DAEMON\n\n"
                            "A failure carries one of these localisation keys.\n\n");
-    for (const QString &key : explainedKeys())
-        add({key}, {}, explain(key).text + QLatin1Char(' ') + explain(key).advice);
+    for (const auto &[key, text, advice] : explanations())
+        add({key}, {}, text + QLatin1Char(' ') + advice);
     return lists;
 }
 

@@ -1,8 +1,7 @@
 #include "ovpnprofile.h"
 
-#include "pem.h"
+#include "inputfile.h"
 #include "problem.h"
-#include "textfile.h"
 
 #include <QtCore/QFileInfo>
 #include <QtCore/QRegularExpression>

@@ -1,12 +1,11 @@
 #pragma once
 
-#include <QtCore/QMetaType>
 #include <QtCore/QString>
 
 namespace vpnctl {
 
 /// What the program says to the shell; the manual page repeats this list.
-enum class ExitCode {
+enum ExitCode {
     Done = 0,
     Failed = 1, ///< The daemon answered failure, or the tunnel has gone.
     WrongUse = 2, ///< Command line, profile, record or endpoint number are wrong.
@@ -30,5 +29,3 @@ inline Problem wrongUse(const QString &text, const QString &advice = {})
 }
 
 } // namespace vpnctl
-
-Q_DECLARE_METATYPE(vpnctl::ExitCode)

@@ -1,15 +1,12 @@
 #include "report.h"
 
-#include "explain.h"
-#include "textlayout.h"
-#include "vpnsession.h"
-
 #include <QtCore/QJsonArray>
 #include <QtCore/QJsonDocument>
 
 #include <cerrno>
 
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 namespace vpnctl {
@@ -18,13 +15,93 @@ namespace {
 
 const char kEraseLine[] = "\r\x1b[K";
 
+/// Each key, what happened, and what to do about it.
+const char *const kExplanations[][3] = {
+    {"label.can_not_create_config_for_open_vpn",
+     "The daemon could not write the configuration file for openvpn.",
+     "Check that the disk of the daemon's temporary folder has room and is writable."},
+    {"warning.open_vpn_running_fails_check_apps",
+     "The openvpn program could not be started, or too many connections are open.",
+     "Check that \"openvpn\" lies next to the daemon, that it may be executed, and that no "
+     "security program blocks it. The daemon's log tells when connections are too many."},
+    {"warning.open_vpn_does_not_exists_try_another_protocol",
+     "The openvpn program could not be started, or is missing.",
+     "Check that \"openvpn\" lies next to the daemon and may be executed. Reinstall the "
+     "application if it is missing."},
+    {"warning.open_vpn_connection_time_out",
+     "The tunnel was not up after 16 seconds, or openvpn ended by itself however often it was "
+     "started.",
+     "The daemon's log has what openvpn said. Check certificate and key, which openvpn may have "
+     "refused, then host and port. Try the other transport (--udp or --tcp) or another server."},
+    {"warning.open_vpn_server_does_not_respond",
+     "openvpn had nothing to say for 10 seconds, not even its version.",
+     "Something holds openvpn up where the daemon runs, a security program for example. A server "
+     "that is silent shows as a time-out instead."},
+    {"warning.can_not_open_vpn_check_is_admin_granted",
+     "openvpn reported an error, or was stopped by a newer command or a missing heartbeat.",
+     "The daemon's log has what openvpn said. \"VERIFY ERROR\" means that the authority's "
+     "certificate (ca) is the wrong one, or that the server is a false one. Otherwise check "
+     "that the daemon runs as root, and that certificate and key belong to this server."},
+};
+
 /// @return seconds with as many digits as are worth knowing.
-QString secondsText(std::chrono::milliseconds time)
+QString secondsText(Seconds time)
 {
-    return QString::number(std::chrono::duration<double>(time).count(), 'f', 1);
+    return QString::number(time.count(), 'f', 1);
+}
+
+/// @return for a message that is no known key, the message itself as text.
+Explanation explain(const QString &message)
+{
+    for (const Explanation &explanation : explanations()) {
+        if (explanation.key == message)
+            return explanation;
+    }
+    return {message, message, {}};
 }
 
 } // namespace
+
+QVector<Explanation> explanations()
+{
+    QVector<Explanation> all;
+    for (const auto &[key, text, advice] : kExplanations)
+        all.append({QLatin1String(key), QLatin1String(text), QLatin1String(advice)});
+    return all;
+}
+
+QString commandOf(const QString &message)
+{
+    return QJsonDocument::fromJson(message.toUtf8())[QLatin1String("cmd")].toString();
+}
+
+int terminalWidth(int descriptor)
+{
+    constexpr int kStandardWidth = 80; // of a terminal that does not tell
+    if (!isatty(descriptor))
+        return 0;
+    winsize size = {};
+    return ioctl(descriptor, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col
+                                                                        : kStandardWidth;
+}
+
+QString wrapped(const QString &text, int width, int indent)
+{
+    QStringList lines;
+    for (QString line : text.split(QLatin1Char('\n'))) {
+        while (width > 0 && line.size() > width) {
+            int blank = line.lastIndexOf(QLatin1Char(' '), width);
+            if (blank <= indent)
+                blank = line.indexOf(QLatin1Char(' '), std::max(width, indent));
+            if (blank < 0)
+                break;
+            lines.append(line.left(blank));
+            line = QString(indent, QLatin1Char(' ')) + line.mid(blank + 1);
+        }
+        lines.append(line);
+    }
+    return lines.join(QLatin1Char('\n'));
+}
 
 Report::Report(Form form, QObject *parent)
     : QObject(parent)
@@ -55,13 +132,7 @@ void Report::problem(const Problem &problem)
           text, STDERR_FILENO);
 }
 
-void Report::endpoint(int endpoint)
-{
-    print("endpoint", {{QStringLiteral("endpoint"), endpoint}},
-          QStringLiteral("Endpoint: %1").arg(endpoint));
-}
-
-void Report::waiting(std::chrono::milliseconds elapsed)
+void Report::waiting(Seconds elapsed)
 {
     // So short that it has room in every window: what is left of a line that was broken when the
     // window became narrower cannot be erased.
@@ -73,7 +144,7 @@ void Report::waiting(std::chrono::milliseconds elapsed)
 }
 
 void Report::answer(const QString &message, const OperationResult &result,
-                    std::optional<std::chrono::milliseconds> elapsed)
+                    std::optional<Seconds> elapsed)
 {
     const QString command = commandOf(message);
     const Explanation explanation = explain(result.message);

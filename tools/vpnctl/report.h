@@ -5,6 +5,7 @@
 
 #include <QtCore/QJsonObject>
 #include <QtCore/QObject>
+#include <QtCore/QVector>
 
 #include <chrono>
 #include <optional>
@@ -12,6 +13,31 @@
 #include <unistd.h>
 
 namespace vpnctl {
+
+using Seconds = std::chrono::duration<double>;
+
+/// A localisation key of the daemon in plain English.
+struct Explanation
+{
+    QString key;
+    QString text; ///< What happened, one sentence.
+    QString advice; ///< What to do about it; empty for a key that is not known.
+};
+
+/// @return every key that the daemon has.
+QVector<Explanation> explanations();
+
+/// @param message the JSON text of an answer.
+/// @return "connect" or "disconnect"; empty when the text says neither.
+QString commandOf(const QString &message);
+
+/// @return how many columns the terminal has to which @p descriptor writes; 0 when it is none.
+int terminalWidth(int descriptor);
+
+/// Breaks the lines of a text at blanks.
+/// @param width how many characters a line may have; a longer word stays whole. 0 breaks nothing.
+/// @param indent how many blanks stand before what is continued.
+QString wrapped(const QString &text, int width, int indent = 0);
 
 /// What the program prints: sentences for people, or one JSON object a line for programs. In
 /// JSON everything goes to standard output; sentences go there too, except notes and errors, which
@@ -33,17 +59,16 @@ public:
 
     void note(const QString &text);
     void problem(const Problem &problem);
-    void endpoint(int endpoint);
 
     /// @param message the JSON text that came with the result.
     /// @param elapsed since the command; nothing when somebody else gave it.
     void answer(const QString &message, const OperationResult &result,
-                std::optional<std::chrono::milliseconds> elapsed);
+                std::optional<Seconds> elapsed);
 
     /// The daemon has not answered yet: on a terminal in one line that is overwritten, elsewhere in
     /// a new line.
     /// @param elapsed since it was asked.
-    void waiting(std::chrono::milliseconds elapsed);
+    void waiting(Seconds elapsed);
 
     /// @return whether waiting() overwrites its line, so that it may be called often.
     bool isLive() const { return m_isLive; }

@@ -1,7 +1,6 @@
 #include "connectcommand.h"
 #include "observation.h"
-#include "reportfolder.h"
-#include "targetreader.h"
+#include "target.h"
 
 #include <QtCore/QJsonArray>
 
@@ -15,27 +14,19 @@ namespace {
 class PingCommand : public Command
 {
 public:
-    PingCommand(const Options &options, Report &report)
-        : Command(options, report)
-    {
-        connect(&session(), &VpnSession::reached, this, [this] {
-            const auto microseconds = static_cast<double>(m_roundTrip.nsecsElapsed()) / 1e3;
-            const double milliseconds = std::round(microseconds) / 1e3;
-            this->report().print("pong", {{QStringLiteral("milliseconds"), milliseconds}},
-                                 QStringLiteral("The daemon is there and answered after %1 ms.")
-                                     .arg(milliseconds, 0, 'f', 1));
-            finish(ExitCode::Done);
-        });
-    }
+    using Command::Command;
 
-    void start() override
-    {
-        m_roundTrip.start();
-        session().reach();
-    }
+    void start() override { reach(); }
 
 private:
-    QElapsedTimer m_roundTrip;
+    void reached() override
+    {
+        const double milliseconds = std::round(answerArrived().count() * 1e6) / 1e3;
+        m_report.print("pong", {{QStringLiteral("milliseconds"), milliseconds}},
+                       QStringLiteral("The daemon is there and answered after %1 ms.")
+                           .arg(milliseconds, 0, 'f', 1));
+        finish(ExitCode::Done);
+    }
 };
 
 /// Prints what can be seen from outside, and then whether the daemon is there.
@@ -63,7 +54,7 @@ class StatusCommand : public PingCommand
         QJsonArray endpoints;
         for (const int endpoint : endpointsWithSockets())
             endpoints.append(endpoint);
-        report().print(
+        m_report.print(
             "observation",
             {{QStringLiteral("interfaces"), tunnels},
              {QStringLiteral("dns"), dns},
@@ -95,7 +86,7 @@ public:
 
     void start() override
     {
-        makeReportFolder(options().folder, report());
+        makeReportFolder(m_options.folder, m_report);
         finish(ExitCode::Done);
     }
 };
@@ -104,24 +95,24 @@ public:
 class WatchCommand : public Command
 {
 public:
-    WatchCommand(const Options &options, Report &report)
-        : Command(options, report)
-    {
-        const int endpoint = options.endpoint;
-        connect(&session(), &VpnSession::opened, this, [this, endpoint] {
-            this->report().print("watching", {{QStringLiteral("endpoint"), endpoint}},
-                                 QStringLiteral("Watching endpoint %1").arg(endpoint));
-        });
-        connect(&session(), &VpnSession::answered, this,
-                [this](const QString &message, const OperationResult &result) {
-                    this->report().answer(message, result, std::nullopt);
-                });
-    }
+    using Command::Command;
 
-    void start() override { session().openEndpoint(options().endpoint); }
+    void start() override { openEndpoint(m_options.endpoint); }
 
     /// Watching has no other end, so being stopped is success.
     void stop() override { finish(ExitCode::Done); }
+
+private:
+    void opened() override
+    {
+        m_report.print("watching", {{QStringLiteral("endpoint"), m_endpoint}},
+                       QStringLiteral("Watching endpoint %1").arg(m_endpoint));
+    }
+
+    void answered(const QString &message, const OperationResult &result) override
+    {
+        m_report.answer(message, result, std::nullopt);
+    }
 };
 
 /// Sends one command and prints its answer: a disconnect, or for raw any text.
@@ -131,34 +122,30 @@ public:
     SendCommand(const Options &options, Report &report)
         : Command(options, report)
         , m_isDisconnect(options.command == Options::Command::Disconnect)
-        , m_message(m_isDisconnect ? disconnectMessage() : options.message)
+        , m_message(m_isDisconnect ? QLatin1String(kDisconnectMessage) : options.message)
     {
-        connect(&session(), &VpnSession::endpointCreated, &report, &Report::endpoint);
-        connect(&session(), &VpnSession::opened, this, [this] {
-            session().send(m_message, m_server);
-            awaitAnswer();
-        });
-        connect(&session(), &VpnSession::answered, this, &SendCommand::handleAnswer);
     }
 
     void start() override
     {
-        if (!options().recordPath.isEmpty())
-            m_server = readServerRecord(options().recordPath);
+        if (!m_options.recordPath.isEmpty())
+            m_server = readServerRecord(m_options.recordPath);
         checkLength(m_message, m_server);
-        if (options().endpoint != 0)
-            session().openEndpoint(options().endpoint);
+        if (m_options.endpoint != 0)
+            openEndpoint(m_options.endpoint);
         else
-            session().openNewEndpoint();
+            openNewEndpoint();
     }
 
 private:
-    void handleAnswer(const QString &message, const OperationResult &result)
+    void opened() override { send(m_message, m_server); }
+
+    void answered(const QString &message, const OperationResult &result) override
     {
         // An attempt of another client that ends because of a disconnect answers first.
         if (m_isDisconnect && commandOf(message) != QLatin1String("disconnect"))
             return;
-        report().answer(message, result, answerArrived());
+        m_report.answer(message, result, answerArrived());
         finish(result.success ? ExitCode::Done : ExitCode::Failed);
     }
 

@@ -1,8 +1,127 @@
 #include "target.h"
 
+#include "inputfile.h"
+#include "options.h"
+#include "ovpnprofile.h"
+#include "problem.h"
+
+#include <QtCore/QFileInfo>
+#include <QtCore/QJsonDocument>
+#include <QtCore/QJsonObject>
 #include <QtCore/QRegularExpression>
 
+#include <limits>
+
 namespace vpnctl {
+
+namespace {
+
+using Server = VpnServerInformation;
+
+struct TextField
+{
+    const char *key;
+    QString Server::*field;
+};
+
+struct NumberField
+{
+    const char *key;
+    qint32 Server::*field;
+    qint32 lowest;
+    qint32 highest;
+};
+
+constexpr TextField kTextFields[] = {
+    {"name", &Server::name}, {"info", &Server::info}, {"host", &Server::host},
+    {"ca", &Server::ca},     {"cert", &Server::cert}, {"key", &Server::key},
+};
+
+constexpr NumberField kNumberFields[] = {
+    {"id", &Server::id, std::numeric_limits<qint32>::min(), std::numeric_limits<qint32>::max()},
+    {"udpPort", &Server::udpPort, 0, kMaxPort},
+    {"tcpPort", &Server::tcpPort, 0, kMaxPort},
+};
+
+void setPort(Target &target, Transport transport, int port)
+{
+    target.transport = transport;
+    (transport == Transport::Udp ? target.server.udpPort : target.server.tcpPort) = port;
+}
+
+/// Where the user wants one transport: the remotes that have it, or else all of them, with it.
+Targets targetsFor(const OvpnProfile &profile, const Options &options)
+{
+    const std::optional<Transport> wanted = options.transport();
+    const bool isThere =
+        std::any_of(profile.remotes.begin(), profile.remotes.end(),
+                    [&](const OvpnProfile::Remote &remote) { return remote.transport == wanted; });
+    Targets targets;
+    for (const OvpnProfile::Remote &remote : profile.remotes) {
+        if (isThere && remote.transport != wanted)
+            continue;
+        Target target{profile.server, Transport::Udp};
+        target.server.name = QFileInfo(options.configPath).completeBaseName();
+        target.server.host = remote.host;
+        setPort(target, wanted ? *wanted : *remote.transport, remote.port);
+        targets.append(target);
+    }
+    return targets;
+}
+
+TargetList fromProfile(const Options &options)
+{
+    const OvpnProfile profile = readOvpnProfile(options.configPath);
+    QString note;
+    if (!profile.notCarriedOver.isEmpty()) {
+        note = QStringLiteral("Not carried over from the profile: %1.")
+                   .arg(profile.notCarriedOver.join(QLatin1String(", ")));
+    }
+    return {targetsFor(profile, options), note, profile.weaknesses};
+}
+
+TargetList fromRecord(const Options &options)
+{
+    Target target;
+    target.server = readServerRecord(options.recordPath);
+    const bool hasUdp = target.server.udpPort != 0 || target.server.tcpPort == 0;
+    target.transport = options.transport().value_or(hasUdp ? Transport::Udp : Transport::Tcp);
+    if (target.port() == 0) {
+        const QString name = transportName(target.transport);
+        throw wrongUse(QStringLiteral("%1 gives no port for %2: \"%3Port\" is missing.")
+                           .arg(options.recordPath, name, name.toLower()));
+    }
+    return {{target}, {}, {}};
+}
+
+TargetList fromHost(const Options &options)
+{
+    Target target;
+    target.server.name = target.server.host = options.host;
+    const QString paths[] = {options.caPath, options.certPath, options.keyPath};
+    for (int index = 0; index < 3; ++index) {
+        const PemSetting &setting = kPemSettings[index];
+        target.server.*setting.field = pemFromFile(setting, paths[index], QDir::current());
+    }
+    setPort(target, options.transport().value_or(Transport::Udp), options.port);
+    return {{target}, {}, {}};
+}
+
+/// The daemon's configuration always has all three, and openvpn does not start with an empty one.
+void checkPem(const Server &server, const QString &path)
+{
+    QStringList missing;
+    for (const PemSetting &setting : kPemSettings) {
+        if ((server.*setting.field).isEmpty())
+            missing.append(QLatin1String(setting.name));
+    }
+    if (!missing.isEmpty()) {
+        throw wrongUse(QStringLiteral("%1 lacks: %2.").arg(path, missing.join(QLatin1String(", "))),
+                       QStringLiteral("openvpn needs ca, cert and key, as PEM."));
+    }
+}
+
+} // namespace
 
 QString transportName(Transport transport)
 {
@@ -13,6 +132,70 @@ bool isHost(const QString &text)
 {
     static const QRegularExpression pattern(QStringLiteral("\\A[A-Za-z0-9._:%-]{1,235}\\z"));
     return pattern.match(text).hasMatch();
+}
+
+TargetList readTargets(const Options &options)
+{
+    if (!options.host.isEmpty())
+        return fromHost(options);
+    const bool isProfile = !options.configPath.isEmpty();
+    TargetList list = isProfile ? fromProfile(options) : fromRecord(options);
+    checkPem(list.targets.constFirst().server, isProfile ? options.configPath : options.recordPath);
+    return list;
+}
+
+VpnServerInformation readServerRecord(const QString &path)
+{
+    QJsonParseError error;
+    const QString text = readTextFile(path, QStringLiteral("record"));
+    const QJsonDocument document = QJsonDocument::fromJson(text.toUtf8(), &error);
+    if (error.error != QJsonParseError::NoError) {
+        throw wrongUse(QStringLiteral("%1 is not valid JSON: %2 (at byte %3).")
+                           .arg(path, error.errorString())
+                           .arg(error.offset));
+    }
+    if (!document.isObject())
+        throw wrongUse(QStringLiteral("%1 must hold one JSON object.").arg(path));
+    const QJsonObject object = document.object();
+    const auto check = [&path](bool isGood, const char *key, const QString &complaint) {
+        if (!isGood)
+            throw wrongUse(
+                QStringLiteral("%1: \"%2\" %3.").arg(path, QLatin1String(key), complaint));
+    };
+
+    Server server;
+    for (const TextField &field : kTextFields) {
+        const QJsonValue value = object[QLatin1String(field.key)];
+        check(value.isUndefined() || value.isString(), field.key, QStringLiteral("must be a text"));
+        server.*field.field = value.toString();
+    }
+    check(isHost(server.host), "host",
+          server.host.isEmpty() ? QStringLiteral("is missing")
+                                : QStringLiteral("is no host name or address"));
+    for (const NumberField &field : kNumberFields) {
+        const QJsonValue value = object[QLatin1String(field.key)];
+        if (value.isUndefined())
+            continue;
+        // Written so that numbers with a fraction, and no numbers, are wrong.
+        const double number = value.toDouble(0.5);
+        check(number >= field.lowest && number <= field.highest
+                  && number == static_cast<qint32>(number),
+              field.key,
+              QStringLiteral("must be a whole number from %1 to %2")
+                  .arg(field.lowest)
+                  .arg(field.highest));
+        server.*field.field = static_cast<qint32>(number);
+    }
+    for (const PemSetting &setting : kPemSettings) {
+        QString &field = server.*setting.field;
+        if (field.contains(QLatin1String("-----BEGIN")))
+            field =
+                pemFromText(setting, field,
+                            QStringLiteral("\"%1\" in %2").arg(QLatin1String(setting.name), path));
+        else if (!field.isEmpty())
+            field = pemFromFile(setting, field, QFileInfo(path).absoluteDir());
+    }
+    return server;
 }
 
 } // namespace vpnctl

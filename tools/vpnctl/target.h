@@ -2,10 +2,11 @@
 
 #include "vpnserverinformation.h"
 
-#include <QtCore/QStringList>
 #include <QtCore/QVector>
 
 namespace vpnctl {
+
+struct Options;
 
 enum class Transport { Udp, Tcp };
 
@@ -42,5 +43,24 @@ constexpr int kStandardPort = 1194; ///< of OpenVPN
 ///         digits, dots, hyphens, underscores, colons and percent signs (fe80::1%en0). It has at
 ///         most 235 characters, the most that fit into OpenVPN's line "remote HOST PORT".
 bool isHost(const QString &text);
+
+/// Where a connect command is to go, and what its user should know about it.
+struct TargetList
+{
+    Targets targets; ///< in the order in which to try them, at least one
+    QString note; ///< one sentence, or empty
+    Weaknesses weaknesses;
+};
+
+/// Reads the profile, the record or the files that the options name.
+/// @throws Problem when they are wrong, or lack ca, cert or key.
+TargetList readTargets(const Options &options);
+
+/// Reads a server record as support staff write it: a JSON object with the keys "name", "id",
+/// "info", "host", "ca", "key", "cert", "udpPort" and "tcpPort", all but "host" optional. "ca",
+/// "key" and "cert" are paths of PEM files, relative ones relative to the record, or the PEM text
+/// itself. A port that is missing or 0 means that the server does not serve the transport.
+/// @throws Problem when the record is wrong.
+VpnServerInformation readServerRecord(const QString &path);
 
 } // namespace vpnctl

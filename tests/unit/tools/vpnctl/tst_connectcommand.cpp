@@ -190,7 +190,7 @@ private:
     {
         m_command = Command::create(m_options, m_report);
         connect(m_command.get(), &Command::finished, this,
-                [this](ExitCode exitCode) { m_finished = exitCode; });
+                [this](int exitCode) { m_finished = exitCode; });
         m_command->start();
     }
 
@@ -206,7 +206,7 @@ private:
     Options m_options;
     Report m_report{Report::Form::Json};
     std::unique_ptr<Command> m_command;
-    std::optional<ExitCode> m_finished;
+    std::optional<int> m_finished;
 };
 
 QTEST_GUILESS_MAIN(VpnctlConnectCommand)

@@ -1,5 +1,5 @@
+#include "observation.h"
 #include "report.h"
-#include "reportfolder.h"
 
 #include <QtTest/QtTest>
 
