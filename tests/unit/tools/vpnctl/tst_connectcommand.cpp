@@ -64,12 +64,12 @@ public:
 
     void vpn_command(const QString &message, const VpnServerInformation &) override
     {
-        const bool isConnect = message.contains(QLatin1String("ovpnUdp"));
-        commands.append(isConnect ? QStringLiteral("connect") : QStringLiteral("disconnect"));
+        const bool isConnect = message.contains("ovpnUdp");
+        commands.append(isConnect ? "connect" : "disconnect");
         times.append(QDeadlineTimer::current().deadline());
-        Q_EMIT vpn_cmd_result(QStringLiteral(R"({"cmd":"%1"})").arg(commands.constLast()),
+        Q_EMIT vpn_cmd_result(QString(R"({"cmd":"%1"})").arg(commands.constLast()),
                               isConnect && commands.size() > 1 && failures-- > 0
-                                  ? OperationResult::failed(QStringLiteral("no luck"))
+                                  ? OperationResult::failed("no luck")
                                   : OperationResult::succeeded());
     }
 };
@@ -85,12 +85,12 @@ private Q_SLOTS:
     void init()
     {
         lab::resetPrivateRoot();
-        QFile pem(QStringLiteral("/var/root/all.pem"));
+        QFile pem("/var/root/all.pem");
         QVERIFY(pem.open(QIODevice::WriteOnly));
         pem.write((pemtexts::certificate() + pemtexts::key()).toLatin1());
         m_options = {};
         m_options.command = Options::Command::Connect;
-        m_options.host = QStringLiteral("a");
+        m_options.host = "a";
         m_options.caPath = m_options.certPath = m_options.keyPath = pem.fileName();
     }
 
@@ -123,7 +123,7 @@ private Q_SLOTS:
             m_options.detach = detach;
             begin();
             QTRY_VERIFY(detach ? m_finished == ExitCode::Done : endpoint.heartbeats >= 5);
-            QCOMPARE(endpoint.commands, QStringList{QStringLiteral("connect")});
+            QCOMPARE(endpoint.commands, QStringList{"connect"});
             QVERIFY(detach ? endpoint.heartbeats == 0 : !m_finished);
             cleanup();
         }

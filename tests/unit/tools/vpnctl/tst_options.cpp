@@ -14,7 +14,7 @@ namespace {
 std::variant<Options, QString> read(const QString &arguments, int width = 80)
 {
     const QStringList words = arguments.split(QLatin1Char(' '), Qt::SkipEmptyParts);
-    return readCommandLine(QStringList{QStringLiteral("vpnctl")} + words, width);
+    return readCommandLine(QStringList{"vpnctl"} + words, width);
 }
 
 /// @return what a program in the sources' folder prints, sorted, each line once.
@@ -41,23 +41,23 @@ class VpnctlOptions : public QObject
 private Q_SLOTS:
     void everyOptionIsRead()
     {
-        const auto connect = std::get<Options>(
-            read(QStringLiteral("--json connect --host a --port 7 --ca b --cert c --key=d --tcp "
-                                "--accept-weaker --once --detach --timeout 8")));
+        const auto connect =
+            std::get<Options>(read("--json connect --host a --port 7 --ca b --cert c --key=d --tcp "
+                                   "--accept-weaker --once --detach --timeout 8"));
         QVERIFY(connect.command == Options::Command::Connect);
         QVERIFY(connect.json && connect.acceptWeaker && connect.once && connect.detach);
-        QCOMPARE(connect.host, QStringLiteral("a"));
+        QCOMPARE(connect.host, "a");
         QCOMPARE(connect.port, 7);
-        QCOMPARE(connect.caPath + connect.certPath + connect.keyPath, QStringLiteral("bcd"));
+        QCOMPARE(connect.caPath + connect.certPath + connect.keyPath, "bcd");
         QVERIFY(connect.transport() == Transport::Tcp);
         QCOMPARE(connect.answerLimit.count(), 8);
 
-        const auto raw = std::get<Options>(read(QStringLiteral("raw {} --server e --endpoint 9")));
+        const auto raw = std::get<Options>(read("raw {} --server e --endpoint 9"));
         QVERIFY(raw.command == Options::Command::Raw);
-        QCOMPARE(raw.message + raw.recordPath, QStringLiteral("{}e"));
+        QCOMPARE(raw.message + raw.recordPath, "{}e");
         QCOMPARE(raw.endpoint, 9);
         QVERIFY(!raw.transport());
-        QCOMPARE(std::get<Options>(read(QStringLiteral("report f"))).folder, QStringLiteral("f"));
+        QCOMPARE(std::get<Options>(read("report f")).folder, "f");
     }
 
     void whatCannotWorkIsSaidAtOnce_data()
@@ -130,11 +130,10 @@ private Q_SLOTS:
 
     void helpIsAsWideAsTheTerminal()
     {
-        const QString wide = std::get<QString>(read(QStringLiteral("connect --help"), 0));
-        const QString narrow = std::get<QString>(read(QStringLiteral("connect --help"), 50));
+        const QString wide = std::get<QString>(read("connect --help", 0));
+        const QString narrow = std::get<QString>(read("connect --help", 50));
         QCOMPARE(narrow.simplified(), wide.simplified());
-        for (const QString &line :
-             narrow.section(QStringLiteral("Examples"), 0, 0).split(QLatin1Char('\n')))
+        for (const QString &line : narrow.section("Examples", 0, 0).split(QLatin1Char('\n')))
             QVERIFY2(line.size() <= 50, qPrintable(line));
     }
 
@@ -160,14 +159,14 @@ private Q_SLOTS:
         QFETCH(QString, offers);
         const QStringList words =
             QString::fromLatin1(QTest::currentDataTag()).split(QLatin1Char(' '));
-        const QStringList lines = linesOf(
-            QStringLiteral("/bin/bash"),
-            QStringList{QStringLiteral("--norc"), QStringLiteral("-c"),
-                        QStringLiteral("source tools/vpnctl/completion/vpnctl.bash; "
-                                       "COMP_WORDS=(\"$@\"); COMP_CWORD=$(($# - 1)); _vpnctl; "
-                                       "printf '%s\\n' \"${COMPREPLY[@]}\""),
-                        QStringLiteral("bash"), QStringLiteral(TALVEX_VPNCTL)}
-                + words);
+        const QStringList lines =
+            linesOf("/bin/bash",
+                    QStringList{"--norc", "-c",
+                                "source tools/vpnctl/completion/vpnctl.bash; "
+                                "COMP_WORDS=(\"$@\"); COMP_CWORD=$(($# - 1)); _vpnctl; "
+                                "printf '%s\\n' \"${COMPREPLY[@]}\"",
+                                "bash", QStringLiteral(TALVEX_VPNCTL)}
+                        + words);
         QCOMPARE(lines.join(QLatin1Char(' ')), offers);
     }
 
@@ -175,11 +174,11 @@ private Q_SLOTS:
     {
         // The platform's services have a key of their own, which no client of the daemon sees.
         const QStringList keys =
-            linesOf(QStringLiteral("/bin/sh"),
-                    {QStringLiteral("-c"),
-                     QStringLiteral("grep -rhoE '\"(label|warning)\\.[a-z0-9_]+\"' --include=*.cpp "
-                                    "--exclude=macplatform_services.cpp commands daemon ipc "
-                                    "privileges vpncore | tr -d '\"'")});
+            linesOf("/bin/sh",
+                    {"-c",
+                     "grep -rhoE '\"(label|warning)\\.[a-z0-9_]+\"' --include=*.cpp "
+                     "--exclude=macplatform_services.cpp commands daemon ipc "
+                     "privileges vpncore | tr -d '\"'"});
         QStringList explained;
         for (const Explanation &explanation : explanations()) {
             explained.append(explanation.key);
@@ -193,17 +192,15 @@ private Q_SLOTS:
 
     void adviceNamesWhatTheLaunchdJobHas()
     {
-        const QString manual = QStringLiteral("docs/man/vpnctl.1.md");
-        const QString program = QStringLiteral("tools/vpnctl/command.cpp");
-        const QString job = QStringLiteral("packaging/macos/TalvexVpnd.plist");
+        const QString manual = "docs/man/vpnctl.1.md";
+        const QString program = "tools/vpnctl/command.cpp";
+        const QString job = "packaging/macos/TalvexVpnd.plist";
         for (const auto &[text, files] :
              std::initializer_list<std::pair<const char *, QStringList>>{
                  {"<string>com.talvex.talvexvpnd</string>", {job}},
                  {"system/com.talvex.talvexvpnd", {manual, program}},
                  {"/Library/LaunchDaemons/TalvexVpnd.plist", {manual, program}}}) {
-            QCOMPARE(linesOf(QStringLiteral("grep"),
-                             QStringList{QStringLiteral("-lF"), QLatin1String(text)} + files),
-                     files);
+            QCOMPARE(linesOf("grep", QStringList{"-lF", QLatin1String(text)} + files), files);
         }
     }
 };

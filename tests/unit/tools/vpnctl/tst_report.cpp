@@ -58,25 +58,23 @@ private Q_SLOTS:
     /// Each event of the source code, with the keys that stand between its name and its text.
     void everyEventIsInTheManualPage()
     {
-        const QString manual =
-            contentOf(QStringLiteral("docs/man/vpnctl.1.md")).section(QStringLiteral("# JSON"), 1);
-        const QRegularExpression key(QStringLiteral("\\{QStringLiteral\\(\"([a-zA-Z]+)\"\\), "));
-        const QString folder = QStringLiteral("tools/vpnctl/");
+        const QString manual = contentOf("docs/man/vpnctl.1.md").section("# JSON", 1);
+        const QRegularExpression key("\\{QStringLiteral\\(\"([a-zA-Z]+)\"\\), ");
+        const QString folder = "tools/vpnctl/";
         int keys = 0;
-        for (const QString &file : QDir(QStringLiteral(TALVEX_SOURCES "/") + folder)
-                                       .entryList({QStringLiteral("*.cpp")})) {
+        for (const QString &file :
+             QDir(QStringLiteral(TALVEX_SOURCES "/") + folder).entryList({"*.cpp"})) {
             const QStringList calls =
-                contentOf(folder + file)
-                    .split(QRegularExpression(QStringLiteral("\\bprint\\(\\s*\"")));
+                contentOf(folder + file).split(QRegularExpression("\\bprint\\(\\s*\""));
             for (const QString &call : calls.mid(1)) {
                 const QString event = call.section(QLatin1Char('"'), 0, 0);
-                const QString entry = manual.section(QStringLiteral("\n**%1**\n").arg(event), 1)
-                                          .section(QStringLiteral("\n\n"), 0, 0);
+                const QString entry =
+                    manual.section(QString("\n**%1**\n").arg(event), 1).section("\n\n", 0, 0);
                 QVERIFY2(!entry.isEmpty(), qPrintable(event));
                 for (auto match = key.globalMatch(call.section(QLatin1Char(';'), 0, 0));
                      match.hasNext(); ++keys) {
                     const QString name = match.next().captured(1);
-                    QVERIFY2(entry.contains(QStringLiteral("\"%1\"").arg(name)),
+                    QVERIFY2(entry.contains(QString("\"%1\"").arg(name)),
                              qPrintable(event + QLatin1Char(' ') + name));
                 }
             }
@@ -116,8 +114,8 @@ private Q_SLOTS:
         QFETCH(QString, answer);
         QFETCH(bool, success);
         QFETCH(QByteArray, line);
-        const OperationResult result = success ? OperationResult::succeeded()
-                                               : OperationResult::failed(QStringLiteral("no luck"));
+        const OperationResult result =
+            success ? OperationResult::succeeded() : OperationResult::failed("no luck");
         const QByteArray output =
             outputOf(form, [&](Report &report) { report.answer(answer, result, 1'234ms); });
         QCOMPARE(form == Form::Json ? QByteArray(output).replace('"', '\'') : output, line + '\n');
@@ -126,8 +124,8 @@ private Q_SLOTS:
     void notesAndProblemsGoToStandardError()
     {
         const Print print = [](Report &report) {
-            report.note(QStringLiteral("n"));
-            report.problem({ExitCode::Failed, QStringLiteral("p"), QStringLiteral("a")});
+            report.note("n");
+            report.problem({ExitCode::Failed, "p", "a"});
         };
         QByteArray output;
         const auto both = [&](Report &) { output = outputOf(Form::Text, print); };
@@ -178,9 +176,9 @@ private Q_SLOTS:
     void secretsOfTheLogStayThere()
     {
         QFETCH(QString, text);
-        const QRegularExpression secret(QStringLiteral("\\{.*\\}"));
-        const QString log = QString(text).remove(QRegularExpression(QStringLiteral("[{}]")));
-        QCOMPARE(withoutSecrets(log), QString(text).replace(secret, QStringLiteral("<left out>")));
+        const QRegularExpression secret("\\{.*\\}");
+        const QString log = QString(text).remove(QRegularExpression("[{}]"));
+        QCOMPARE(withoutSecrets(log), QString(text).replace(secret, "<left out>"));
     }
 };
 

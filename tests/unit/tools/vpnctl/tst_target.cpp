@@ -31,11 +31,10 @@ QStringList linesFor(const QString &arguments)
 {
     QStringList lines;
     try {
-        const QStringList words =
-            (QStringLiteral("vpnctl connect ") + arguments).split(QLatin1Char(' '));
+        const QStringList words = ("vpnctl connect " + arguments).split(QLatin1Char(' '));
         const TargetList list = readTargets(std::get<Options>(readCommandLine(words)));
         for (const Target &target : list.targets) {
-            lines.append(QStringLiteral("%1 %2 %3")
+            lines.append(QString("%1 %2 %3")
                              .arg(target.server.host)
                              .arg(target.port())
                              .arg(transportName(target.transport)));
@@ -43,9 +42,9 @@ QStringList linesFor(const QString &arguments)
         if (!list.note.isEmpty())
             lines.append(list.note);
         for (const Weakness &weakness : list.weaknesses) {
-            lines.append(QStringLiteral("weaker: ") + weakness.directive);
+            lines.append("weaker: " + weakness.directive);
             if (!weakness.text.endsWith(QLatin1Char('.')))
-                lines.append(QStringLiteral("no sentence"));
+                lines.append("no sentence");
         }
     } catch (const Problem &problem) {
         lines.append(problem.text);
@@ -67,8 +66,8 @@ private Q_SLOTS:
     void initTestCase()
     {
         QVERIFY(QDir::setCurrent(m_folder.path()));
-        write(QStringLiteral("c.crt"), pemtexts::certificate().toLatin1());
-        write(QStringLiteral("k.key"), pemtexts::key().toLatin1());
+        write("c.crt", pemtexts::certificate().toLatin1());
+        write("k.key", pemtexts::key().toLatin1());
     }
 
     void whereAConnectGoes_data()
@@ -166,9 +165,9 @@ private Q_SLOTS:
         QFETCH(QByteArray, arguments);
         QFETCH(QByteArray, content);
         QFETCH(QByteArray, lines);
-        write(QStringLiteral("o.ovpn"), content + kKeys);
-        write(QStringLiteral("r.json"), json(content + kRecordKeys));
-        write(QStringLiteral("file"), content);
+        write("o.ovpn", content + kKeys);
+        write("r.json", json(content + kRecordKeys));
+        write("file", content);
         lines.replace("FOLDER", m_folder.path().toLocal8Bit());
         QCOMPARE(linesFor(QString::fromLatin1(arguments)).join(QLatin1Char('|')).toUtf8(), lines);
     }
@@ -176,23 +175,23 @@ private Q_SLOTS:
     void everyFieldIsRead()
     {
         const auto quoted = [](const QString &pem) { return pem.toLatin1().replace("\n", "\\n"); };
-        write(QStringLiteral("r.json"),
+        write("r.json",
               json("{'name':'Office','id':7,'info':'main','host':'a','udpPort':1,'tcpPort':2,"
                    "'ca':'"
-                   + quoted(pemtexts::certificate(QStringLiteral("Q0E=")))
-                   + "','cert':'c.crt','key':'" + quoted(pemtexts::key()) + "'}"));
-        const VpnServerInformation record = readServerRecord(QStringLiteral("r.json"));
-        QCOMPARE(record.name + record.info, QStringLiteral("Officemain"));
+                   + quoted(pemtexts::certificate("Q0E=")) + "','cert':'c.crt','key':'"
+                   + quoted(pemtexts::key()) + "'}"));
+        const VpnServerInformation record = readServerRecord("r.json");
+        QCOMPARE(record.name + record.info, "Officemain");
         QCOMPARE(record.id, 7);
-        QCOMPARE(record.ca, pemtexts::certificate(QStringLiteral("Q0E=")));
+        QCOMPARE(record.ca, pemtexts::certificate("Q0E="));
         QCOMPARE(record.cert, pemtexts::certificate());
         QCOMPARE(record.key, pemtexts::key());
 
-        write(QStringLiteral("o.ovpn"),
+        write("o.ovpn",
               "remote a\n<ca>\n" + record.ca.toLatin1() + "</ca>\n<cert>\nBag\n"
                   + record.cert.toLatin1() + "</cert>\nkey [inline]\n<key>\n"
                   + record.key.toLatin1() + "</key>\n");
-        const OvpnProfile profile = readOvpnProfile(QStringLiteral("o.ovpn"));
+        const OvpnProfile profile = readOvpnProfile("o.ovpn");
         QCOMPARE(profile.server.ca, record.ca);
         QCOMPARE(profile.server.cert, record.cert);
         QCOMPARE(profile.server.key, record.key);
@@ -200,14 +199,13 @@ private Q_SLOTS:
 
     void pathsAreRelativeToTheFile()
     {
-        QVERIFY(QDir::current().mkpath(QStringLiteral("sub")));
-        write(QStringLiteral("sub/our ca.crt"),
-              pemtexts::certificate(QStringLiteral("Q0E=")).toLatin1());
-        write(QStringLiteral("sub/o.ovpn"), "remote a\nca \"our ca.crt\"\n");
-        write(QStringLiteral("sub/r.json"), json("{'host':'a','ca':'our ca.crt'}"));
-        const QString ca = pemtexts::certificate(QStringLiteral("Q0E="));
-        QCOMPARE(readOvpnProfile(QStringLiteral("sub/o.ovpn")).server.ca, ca);
-        QCOMPARE(readServerRecord(QStringLiteral("sub/r.json")).ca, ca);
+        QVERIFY(QDir::current().mkpath("sub"));
+        write("sub/our ca.crt", pemtexts::certificate("Q0E=").toLatin1());
+        write("sub/o.ovpn", "remote a\nca \"our ca.crt\"\n");
+        write("sub/r.json", json("{'host':'a','ca':'our ca.crt'}"));
+        const QString ca = pemtexts::certificate("Q0E=");
+        QCOMPARE(readOvpnProfile("sub/o.ovpn").server.ca, ca);
+        QCOMPARE(readServerRecord("sub/r.json").ca, ca);
     }
 
     void whatTheDaemonSetsAnywayIsNotReported()
@@ -215,14 +213,12 @@ private Q_SLOTS:
         // The daemon's own scripts are no reason to be silent about the profile's.
         const QString daemonsOwn =
             vpncore::ovpnTemplate()
-                .arg(QStringLiteral("udp"), QStringLiteral("a"), pemtexts::certificate(),
-                     pemtexts::certificate(), pemtexts::key())
+                .arg("udp", "a", pemtexts::certificate(), pemtexts::certificate(), pemtexts::key())
                 .arg(1194)
-                .arg(QStringLiteral("/Resources"));
-        write(QStringLiteral("o.ovpn"), daemonsOwn.toLatin1());
-        QCOMPARE(linesFor(QStringLiteral("o.ovpn")),
-                 (QStringList{QStringLiteral("a 1194 UDP"),
-                              QStringLiteral("Not carried over from the profile: up, down.")}));
+                .arg("/Resources");
+        write("o.ovpn", daemonsOwn.toLatin1());
+        QCOMPARE(linesFor("o.ovpn"),
+                 (QStringList{"a 1194 UDP", "Not carried over from the profile: up, down."}));
     }
 
     void pemIsTakenWithoutWhatStandsAround_data()
@@ -231,36 +227,31 @@ private Q_SLOTS:
         QTest::addColumn<QString>("text");
         QTest::addColumn<QString>("taken");
         const QString certificate = pemtexts::certificate();
-        const QString none =
-            QStringLiteral("some.pem holds no certificate in PEM form (\"-----BEGIN ...\").");
-        const QString damaged =
-            QStringLiteral("some.pem holds a damaged PEM block: it is no base64.");
+        const QString none = "some.pem holds no certificate in PEM form (\"-----BEGIN ...\").";
+        const QString damaged = "some.pem holds a damaged PEM block: it is no base64.";
         const QString encrypted =
-            QStringLiteral("The key in some.pem is encrypted, and the daemon cannot ask for its "
-                           "pass phrase; store it decrypted.");
+            "The key in some.pem is encrypted, and the daemon cannot ask for its "
+            "pass phrase; store it decrypted.";
         const auto row = [](const char *name, int setting, const QString &text,
                             const QString &taken) {
             QTest::newRow(name) << setting << text << taken;
         };
         row("as it is", 0, certificate, certificate);
         row("with openssl's text around", 0,
-            QStringLiteral("Certificate:\n    up /tmp/x\n%1</ca>\nup /tmp/x\n").arg(certificate),
+            QString("Certificate:\n    up /tmp/x\n%1</ca>\nup /tmp/x\n").arg(certificate),
             certificate);
         row("chain", 0, certificate + certificate, certificate + certificate);
-        row("carriage returns, no end", 0,
-            certificate.trimmed().replace(QLatin1Char('\n'), QStringLiteral("\r\n")), certificate);
-        row("key", 2, pemtexts::block(QStringLiteral("RSA PRIVATE KEY")),
-            pemtexts::block(QStringLiteral("RSA PRIVATE KEY")));
-        row("no block", 0, QStringLiteral("QUJD\n"), none);
+        row("carriage returns, no end", 0, certificate.trimmed().replace(QLatin1Char('\n'), "\r\n"),
+            certificate);
+        row("key", 2, pemtexts::block("RSA PRIVATE KEY"), pemtexts::block("RSA PRIVATE KEY"));
+        row("no block", 0, "QUJD\n", none);
         row("block without end", 0, certificate.left(40), none);
         row("key as cert", 1, pemtexts::key(), none);
         row("cert as key", 2, certificate,
-            QStringLiteral("some.pem holds no private key in PEM form (\"-----BEGIN ...\")."));
-        row("encrypted, PKCS 8", 2, pemtexts::block(QStringLiteral("ENCRYPTED PRIVATE KEY")),
-            encrypted);
+            "some.pem holds no private key in PEM form (\"-----BEGIN ...\").");
+        row("encrypted, PKCS 8", 2, pemtexts::block("ENCRYPTED PRIVATE KEY"), encrypted);
         row("encrypted, older form", 2,
-            pemtexts::block(QStringLiteral("RSA PRIVATE KEY"),
-                            QStringLiteral("Proc-Type: 4,ENCRYPTED\nDEK-Info: AES,00\n\nQUJD")),
+            pemtexts::block("RSA PRIVATE KEY", "Proc-Type: 4,ENCRYPTED\nDEK-Info: AES,00\n\nQUJD"),
             encrypted);
         for (const char *body :
              {"QUJD\n</ca>\nup /tmp/script", "QUJD\nup /tmp/script", "QUJD===", "QQ==QUJD",
@@ -275,7 +266,7 @@ private Q_SLOTS:
         QFETCH(QString, taken);
         QString result;
         try {
-            result = pemFromText(kPemSettings[setting], text, QStringLiteral("some.pem"));
+            result = pemFromText(kPemSettings[setting], text, "some.pem");
         } catch (const Problem &problem) {
             result = problem.text;
         }
