@@ -324,7 +324,8 @@ QString manualLists(const CLI::App &app)
 
     lists += QLatin1String("# PROFILES THAT ASK FOR MORE\n\n"
                            "The daemon does not take over these directives of a profile, which "
-                           "protect its user. Connecting needs **--accept-weaker** then.\n\n");
+                           "protect its user. Connecting needs **--accept-weaker** then, unless "
+                           "the daemon does the same anyway (*remote-cert-tls server*).\n\n");
     for (const Weakness &protection : protections())
         add(protection.directive.split(QLatin1Char(' ')), {}, protection.text);
 

@@ -118,7 +118,8 @@ public:
         }
         if (m_profile.remotes.isEmpty()) {
             throw wrongUse(
-                QStringLiteral("%1 names no server: it has no \"remote\" line.").arg(m_path));
+                QStringLiteral("%1 names no server: it has no \"remote\" line.").arg(m_path),
+                QStringLiteral("A server record needs --server before it."));
         }
         complete(0, m_global);
         complete(0, {{}, kStandardPort, Transport::Udp});

@@ -31,17 +31,19 @@ const char *const kExplanations[][3] = {
     {"warning.open_vpn_connection_time_out",
      "The tunnel was not up after 16 seconds, or openvpn ended by itself however often it was "
      "started.",
-     "The daemon's log has what openvpn said. Check certificate and key, which openvpn may have "
-     "refused, then host and port. Try the other transport (--udp or --tcp) or another server."},
+     "The daemon's log, /var/log/talvexvpnd.log, has what openvpn said. Check certificate and key, "
+     "which openvpn may have refused, then host and port. Try the other transport (--udp or --tcp) "
+     "or another server."},
     {"warning.open_vpn_server_does_not_respond",
      "openvpn had nothing to say for 10 seconds, not even its version.",
      "Something holds openvpn up where the daemon runs, a security program for example. A server "
      "that is silent shows as a time-out instead."},
     {"warning.can_not_open_vpn_check_is_admin_granted",
      "openvpn reported an error, or was stopped by a newer command or a missing heartbeat.",
-     "The daemon's log has what openvpn said. \"VERIFY ERROR\" means that the authority's "
-     "certificate (ca) is the wrong one, or that the server is a false one. Otherwise check "
-     "that the daemon runs as root, and that certificate and key belong to this server."},
+     "The daemon's log, /var/log/talvexvpnd.log, has what openvpn said. \"VERIFY ERROR\" means "
+     "that the authority's certificate (ca) is the wrong one, or that the server is a false one. "
+     "Otherwise check that the daemon runs as root, and that certificate and key belong to this "
+     "server."},
 };
 
 /// @return seconds with as many digits as are worth knowing.

@@ -152,7 +152,8 @@ VpnServerInformation readServerRecord(const QString &path)
     if (error.error != QJsonParseError::NoError) {
         throw wrongUse(QStringLiteral("%1 is not valid JSON: %2 (at byte %3).")
                            .arg(path, error.errorString())
-                           .arg(error.offset));
+                           .arg(error.offset),
+                       QStringLiteral("An OpenVPN profile is for connect, without --server."));
     }
     if (!document.isObject())
         throw wrongUse(QStringLiteral("%1 must hold one JSON object.").arg(path));
