@@ -209,12 +209,13 @@ private Q_SLOTS:
         QTest::addColumn<QString>("said");
         QTest::newRow("no socket")
             << "vpnctl: The daemon is not running: there is no socket %1.|What to do: Start it: "
-               "sudo "
-               "launchctl bootstrap system /Library/LaunchDaemons/TalvexVpnd.plist";
+               "sudo launchctl bootstrap system /Library/LaunchDaemons/TalvexVpnd.plist. If that "
+               "fails, somebody has switched the job off: switch it on in Login Items.";
         QTest::newRow("socket of a daemon that was killed")
             << "vpnctl: The daemon is not running: it left the socket %1 behind.|What to do: Have "
                "launchd start it anew: sudo launchctl kickstart -k system/com.talvex.talvexvpnd. "
-               "Before starting it by hand, remove the file (sudo rm '%1'), or it cannot listen.";
+               "If launchd does not know the job, somebody has switched it off: switch it on in "
+               "Login Items. Before starting it by hand, remove the file (sudo rm '%1'), or it cannot listen.";
     }
 
     void withoutDaemonOneClearLine()

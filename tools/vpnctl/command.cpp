@@ -41,14 +41,17 @@ Problem connectionProblem(const Problem &otherwise)
         return {ExitCode::NoDaemon,
                 QStringLiteral("The daemon is not running: there is no socket %1.").arg(name),
                 QStringLiteral("Start it: sudo launchctl bootstrap system "
-                               "/Library/LaunchDaemons/TalvexVpnd.plist")};
+                               "/Library/LaunchDaemons/TalvexVpnd.plist. If that fails, somebody "
+                               "has switched the job off: switch it on in Login Items.")};
     case QLocalSocket::ConnectionRefusedError:
         return {
             ExitCode::NoDaemon,
             QStringLiteral("The daemon is not running: it left the socket %1 behind.").arg(name),
             QStringLiteral("Have launchd start it anew: sudo launchctl kickstart -k "
-                           "system/com.talvex.talvexvpnd. Before starting it by hand, remove "
-                           "the file (sudo rm '%1'), or it cannot listen.")
+                           "system/com.talvex.talvexvpnd. If launchd does not know the job, "
+                           "somebody has switched it off: switch it on in Login Items. Before "
+                           "starting it by hand, remove the file (sudo rm '%1'), or it cannot "
+                           "listen.")
                 .arg(name)};
     default:
         return {ExitCode::NoDaemon,
