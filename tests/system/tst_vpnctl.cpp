@@ -215,7 +215,8 @@ private Q_SLOTS:
             << "vpnctl: The daemon is not running: it left the socket %1 behind.|What to do: Have "
                "launchd start it anew: sudo launchctl kickstart -k system/com.talvex.talvexvpnd. "
                "If launchd does not know the job, somebody has switched it off: switch it on in "
-               "Login Items. Before starting it by hand, remove the file (sudo rm '%1'), or it cannot listen.";
+               "Login Items. Before starting it by hand, remove the file (sudo rm '%1'), or it "
+               "cannot listen.";
     }
 
     void withoutDaemonOneClearLine()
