@@ -121,7 +121,7 @@ private Q_SLOTS:
     {
         VpnctlProcess vpnctl;
         QCOMPARE(vpnctl.run(kConnect + " --detach"), 0);
-        const QString log = m_daemon->log().join(QLatin1Char('\n'));
+        const QString log = m_daemon->log().join('\n');
         QVERIFY(log.contains("[AF_INET]192.0.2.2"));
         QVERIFY(QDir().mkpath("/var/log"));
         QFile file("/var/log/talvexvpnd.log");
@@ -134,13 +134,13 @@ private Q_SLOTS:
         QCOMPARE(vpnctl.run("report " + folder), 0);
         QString content;
         for (const QString &line : vpnctl.lines())
-            content += contentOf(line.section(QLatin1Char(':'), 0, 0));
+            content += contentOf(line.section(':', 0, 0));
         QCOMPARE(QDir(folder).entryList(QDir::Files).size(), vpnctl.lines().size());
         for (const char *text :
              {"vpnctl 0.", "OpenVPN 2.", "Tunnel interfaces: tun0", "The daemon is there",
               "exit status 113", "Initialization Sequence Completed"})
             QVERIFY2(content.contains(QLatin1String(text)), text);
-        for (const QString &secret : (server.key + server.ca).split(QLatin1Char('\n')))
+        for (const QString &secret : (server.key + server.ca).split('\n'))
             QVERIFY2(secret.isEmpty() || !content.contains(secret), qPrintable(secret));
         QVERIFY(!content.contains(server.host));
 

@@ -39,25 +39,25 @@ Problem connectionProblem(const Problem &otherwise)
     switch (socket.error()) {
     case QLocalSocket::ServerNotFoundError:
         return {ExitCode::NoDaemon,
-                QStringLiteral("The daemon is not running: there is no socket %1.").arg(name),
-                QStringLiteral("Start it: sudo launchctl bootstrap system "
-                               "/Library/LaunchDaemons/TalvexVpnd.plist. If that fails, somebody "
-                               "has switched the job off: switch it on in Login Items.")};
+                QString("The daemon is not running: there is no socket %1.").arg(name),
+                "Start it: sudo launchctl bootstrap system "
+                "/Library/LaunchDaemons/TalvexVpnd.plist. If that fails, somebody has switched the "
+                "job off: switch it on in Login Items."};
     case QLocalSocket::ConnectionRefusedError:
         return {
             ExitCode::NoDaemon,
-            QStringLiteral("The daemon is not running: it left the socket %1 behind.").arg(name),
-            QStringLiteral("Have launchd start it anew: sudo launchctl kickstart -k "
-                           "system/com.talvex.talvexvpnd. If launchd does not know the job, "
-                           "somebody has switched it off: switch it on in Login Items. Before "
-                           "starting it by hand, remove the file (sudo rm '%1'), or it cannot "
-                           "listen.")
+            QString("The daemon is not running: it left the socket %1 behind.").arg(name),
+            QString(
+                "Have launchd start it anew: sudo launchctl kickstart -k "
+                "system/com.talvex.talvexvpnd. If launchd does not know the job, somebody has "
+                "switched it off: switch it on in Login Items. Before starting it by hand, remove "
+                "the file (sudo rm '%1'), or it cannot listen.")
                 .arg(name)};
     default:
         return {ExitCode::NoDaemon,
-                QStringLiteral("Cannot connect to the daemon's socket %1: %2.")
+                QString("Cannot connect to the daemon's socket %1: %2.")
                     .arg(name, socket.errorString()),
-                QStringLiteral("Every user should be allowed to read and write it.")};
+                "Every user should be allowed to read and write it."};
     }
 }
 
@@ -68,13 +68,12 @@ std::optional<Problem> peerProblem(const QLocalSocket &socket)
     const quint32 user = userOfPeer(static_cast<int>(socket.socketDescriptor()));
     if (user == kRoot)
         return {};
-    return Problem{
-        ExitCode::NoDaemon,
-        QStringLiteral("The program at the other end of %1 is not root's, but that of user %2. "
-                       "Nothing was sent.")
-            .arg(socket.fullServerName())
-            .arg(user),
-        QStringLiteral("That is not the daemon. Tell who administers this computer.")};
+    return Problem{ExitCode::NoDaemon,
+                   QString("The program at the other end of %1 is not root's, but that of user %2. "
+                           "Nothing was sent.")
+                       .arg(socket.fullServerName())
+                       .arg(user),
+                   "That is not the daemon. Tell who administers this computer."};
 }
 
 } // namespace
@@ -86,12 +85,12 @@ void Command::checkLength(const QString &message, const VpnServerInformation &se
          {message, server.name, server.info, server.host, server.ca, server.key, server.cert})
         length += text.size() * qint64(sizeof(QChar));
     if (length > guard::kMaxFrameBytes) {
-        throw wrongUse(QStringLiteral("The command with its record takes %1 bytes, and the daemon "
-                                      "accepts %2 at most.")
+        throw wrongUse(QString("The command with its record takes %1 bytes, and the daemon "
+                               "accepts %2 at most.")
                            .arg(length)
                            .arg(guard::kMaxFrameBytes),
-                       QStringLiteral("Every character takes two. Leave out the certificates that "
-                                      "the server does not need."));
+                       "Every character takes two. Leave out the certificates that "
+                       "the server does not need.");
     }
 }
 
@@ -146,18 +145,17 @@ void Command::open(Link<Replica> &link, const QString &name, void (Command::*nex
     connect(&socket, &QLocalSocket::errorOccurred, this, [this](auto error) {
         if (error != QLocalSocket::PeerClosedError)
             finishWith(connectionProblem(
-                wrongUse(QStringLiteral("The daemon has no endpoint %1.").arg(m_endpoint),
-                         QStringLiteral("\"vpnctl status\" lists those that have a socket."))));
+                wrongUse(QString("The daemon has no endpoint %1.").arg(m_endpoint),
+                         "\"vpnctl status\" lists those that have a socket.")));
     });
     connect(&socket, &QLocalSocket::disconnected, this, [this] {
         QTimer::singleShot(kEndingTime, this, [this] {
             if (!m_isFinished)
                 finishWith(connectionProblem(
-                    {ExitCode::NoDaemon,
-                     QStringLiteral("The daemon closed the connection; its log says why."),
-                     QStringLiteral("It is running. It refuses connections when it has no "
-                                    "descriptor left, and closes those that go beyond its "
-                                    "limits.")}));
+                    {ExitCode::NoDaemon, "The daemon closed the connection; its log says why.",
+                     "It is running. It refuses connections when it has no "
+                     "descriptor left, and closes those that go beyond its "
+                     "limits."}));
         });
     });
     connect(&socket, &QLocalSocket::connected, this, [this, &link, next] {
@@ -170,9 +168,9 @@ void Command::open(Link<Replica> &link, const QString &name, void (Command::*nex
         connect(link.replica.data(), &Replica::stateChanged, this, [this, next](auto state) {
             if (state == QRemoteObjectReplica::SignatureMismatch)
                 finishWith({ExitCode::NoDaemon,
-                            QStringLiteral("What listens on the daemon's socket speaks another "
-                                           "interface."),
-                            QStringLiteral("Use the vpnctl that came with the daemon.")});
+                            "What listens on the daemon's socket speaks another "
+                            "interface.",
+                            "Use the vpnctl that came with the daemon."});
             if (state != QRemoteObjectReplica::Valid || m_isFinished)
                 return;
             answerArrived();
@@ -191,15 +189,13 @@ void Command::createEndpoint()
     connect(call, &QRemoteObjectPendingCallWatcher::finished, this, [this, call] {
         const int endpoint = call->returnValue().toInt();
         if (endpoint <= 0) {
-            return finishWith(
-                {ExitCode::Failed, QStringLiteral("The daemon could not make an endpoint."),
-                 QStringLiteral("A socket file in /tmp may be in the way, or the daemon "
-                                "has no descriptor left; its log says which.")});
+            return finishWith({ExitCode::Failed, "The daemon could not make an endpoint.",
+                               "A socket file in /tmp may be in the way, or the daemon "
+                               "has no descriptor left; its log says which."});
         }
         if (m_isFinished)
             return;
-        m_report.print("endpoint", {{QStringLiteral("endpoint"), endpoint}},
-                       QStringLiteral("Endpoint: %1").arg(endpoint));
+        m_report.print("endpoint", {{"endpoint", endpoint}}, QString("Endpoint: %1").arg(endpoint));
         openEndpoint(endpoint);
     });
 }
@@ -220,17 +216,19 @@ Seconds Command::answerArrived()
 
 Problem Command::lateAnswer() const
 {
-    const bool isOpen = m_service.replica && m_service.replica->isInitialized();
+    const auto seconds = m_limit.intervalAsDuration() / 1s;
+    if (!m_service.replica || !m_service.replica->isInitialized()) {
+        return {
+            ExitCode::NoAnswer,
+            QString("The daemon accepts connections but did not answer within %1 seconds.")
+                .arg(seconds),
+            "It is very busy, stopped or hanging. Try again; if that does not help, look at its "
+            "log, and restart it as a last resort."};
+    }
     return {ExitCode::NoAnswer,
-            (isOpen ? QStringLiteral("The daemon did not answer the command within %1 seconds.")
-                    : QStringLiteral("The daemon accepts connections but did not answer within %1 "
-                                     "seconds."))
-                .arg(m_limit.intervalAsDuration() / 1s),
-            isOpen
-                ? QStringLiteral("It may be busy with other clients, or does not know the command; "
-                                 "--timeout waits longer, the daemon's log may say more.")
-                : QStringLiteral("It is very busy, stopped or hanging. Try again; if that does not "
-                                 "help, look at its log, and restart it as a last resort.")};
+            QString("The daemon did not answer the command within %1 seconds.").arg(seconds),
+            "It may be busy with other clients, or does not know the command; --timeout waits "
+            "longer, the daemon's log may say more."};
 }
 
 void Command::finish(ExitCode exitCode)

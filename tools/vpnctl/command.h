@@ -129,4 +129,7 @@ private:
     bool m_isFinished = false;
 };
 
+/// For Command::create().
+std::unique_ptr<Command> makeConnectCommand(const Options &options, Report &report);
+
 } // namespace vpnctl

@@ -20,46 +20,42 @@ QString readTextFile(const QString &path, const QString &what)
         } while (!part.isEmpty());
     }
     if (file.error() != QFile::NoError)
-        throw wrongUse(
-            QStringLiteral("Cannot read the %1 %2: %3.").arg(what, path, file.errorString()));
+        throw wrongUse(QString("Cannot read the %1 %2: %3.").arg(what, path, file.errorString()));
     if (content.size() > kMaxBytes)
-        throw wrongUse(
-            QStringLiteral("The %1 %2 is too large; at most 1 MiB is read.").arg(what, path));
+        throw wrongUse(QString("The %1 %2 is too large; at most 1 MiB is read.").arg(what, path));
     if (content.contains('\0'))
         throw wrongUse(
-            QStringLiteral("The %1 %2 is not in UTF-8, but probably in UTF-16.").arg(what, path),
-            QStringLiteral("Save it as UTF-8: iconv -f UTF-16 -t UTF-8."));
+            QString("The %1 %2 is not in UTF-8, but probably in UTF-16.").arg(what, path),
+            "Save it as UTF-8: iconv -f UTF-16 -t UTF-8.");
     return QString::fromUtf8(content);
 }
 
 QString pemFromText(const PemSetting &setting, const QString &text, const QString &source)
 {
     static const QRegularExpression pattern(
-        QStringLiteral("(-----BEGIN ([A-Z0-9 ]+)-----)(.*?)(-----END \\2-----)"),
+        "(-----BEGIN ([A-Z0-9 ]+)-----)(.*?)(-----END \\2-----)",
         QRegularExpression::DotMatchesEverythingOption);
     QString blocks;
     bool isKindSeen = false;
     for (auto matches = pattern.globalMatch(text); matches.hasNext();) {
         const QRegularExpressionMatch block = matches.next();
         const QString label = block.captured(2);
-        if (label.startsWith(QLatin1String("ENCRYPTED"))
-            || block.captured(3).contains(QLatin1String("Proc-Type: 4,ENCRYPTED"))) {
-            throw wrongUse(QStringLiteral("The key in %1 is encrypted, and the daemon cannot ask "
-                                          "for its pass phrase; store it decrypted.")
+        if (label.startsWith("ENCRYPTED") || block.captured(3).contains("Proc-Type: 4,ENCRYPTED")) {
+            throw wrongUse(QString("The key in %1 is encrypted, and the daemon cannot ask "
+                                   "for its pass phrase; store it decrypted.")
                                .arg(source));
         }
-        const QString body = block.captured(3).trimmed().remove(QLatin1Char('\r'));
-        const QByteArray base64 = QString(body).remove(QLatin1Char('\n')).toLatin1();
+        const QString body = block.captured(3).trimmed().remove('\r');
+        const QByteArray base64 = QString(body).remove('\n').toLatin1();
         if (!QByteArray::fromBase64Encoding(base64, QByteArray::AbortOnBase64DecodingErrors)) {
-            throw wrongUse(
-                QStringLiteral("%1 holds a damaged PEM block: it is no base64.").arg(source));
+            throw wrongUse(QString("%1 holds a damaged PEM block: it is no base64.").arg(source));
         }
-        isKindSeen = isKindSeen || label.endsWith(QLatin1String(setting.label));
-        blocks += QStringLiteral("%1\n%2\n%3\n").arg(block.captured(1), body, block.captured(4));
+        isKindSeen = isKindSeen || label.endsWith(setting.label);
+        blocks += QString("%1\n%2\n%3\n").arg(block.captured(1), body, block.captured(4));
     }
     if (!isKindSeen) {
-        throw wrongUse(QStringLiteral("%1 holds no %2 in PEM form (\"-----BEGIN ...\").")
-                           .arg(source, QLatin1String(setting.description)));
+        throw wrongUse(QString("%1 holds no %2 in PEM form (\"-----BEGIN ...\").")
+                           .arg(source, QString(setting.label).toLower()));
     }
     return blocks;
 }
@@ -67,9 +63,7 @@ QString pemFromText(const PemSetting &setting, const QString &text, const QStrin
 QString pemFromFile(const PemSetting &setting, const QString &path, const QDir &folder)
 {
     const QString whole = folder.filePath(path);
-    return pemFromText(
-        setting, readTextFile(whole, QStringLiteral("%1 file").arg(QLatin1String(setting.name))),
-        whole);
+    return pemFromText(setting, readTextFile(whole, QString("%1 file").arg(setting.name)), whole);
 }
 
 } // namespace vpnctl

@@ -19,14 +19,13 @@ struct PemSetting
 {
     const char *name;
     const char *label; ///< how the label of the block that it needs ends
-    const char *description; ///< of that block
     QString VpnServerInformation::*field;
 };
 
 constexpr PemSetting kPemSettings[] = {
-    {"ca", "CERTIFICATE", "certificate", &VpnServerInformation::ca},
-    {"cert", "CERTIFICATE", "certificate", &VpnServerInformation::cert},
-    {"key", "PRIVATE KEY", "private key", &VpnServerInformation::key},
+    {"ca", "CERTIFICATE", &VpnServerInformation::ca},
+    {"cert", "CERTIFICATE", &VpnServerInformation::cert},
+    {"key", "PRIVATE KEY", &VpnServerInformation::key},
 };
 
 /// Takes the PEM blocks out of a text. Whatever stands around them is left out, so that nothing of

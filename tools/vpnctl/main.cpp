@@ -28,13 +28,6 @@ void openStandardStreams()
     }
 }
 
-/// The program says itself what goes wrong.
-void silenceQt()
-{
-    if (qEnvironmentVariableIsEmpty("QT_LOGGING_RULES"))
-        QLoggingCategory::setFilterRules(QStringLiteral("qt.*=false"));
-}
-
 /// Signal handlers may do next to nothing but write; the event loop has the other end.
 int signalPipe[2];
 
@@ -115,12 +108,13 @@ int main(int argc, char **argv)
     openStandardStreams();
     // When nobody reads the output any more, the write fails, which Report handles.
     static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
-    silenceQt();
+    // The program says itself what goes wrong.
+    if (qEnvironmentVariableIsEmpty("QT_LOGGING_RULES"))
+        QLoggingCategory::setFilterRules("qt.*=false");
     QCoreApplication application(argc, argv);
 
     const QStringList arguments = QCoreApplication::arguments();
-    Report report(arguments.contains(QStringLiteral("--json")) ? Report::Form::Json
-                                                               : Report::Form::Text);
+    Report report(arguments.contains("--json") ? Report::Form::Json : Report::Form::Text);
     try {
         const auto line = readCommandLine(arguments, terminalWidth(STDOUT_FILENO));
         if (const auto *options = std::get_if<Options>(&line))

@@ -39,7 +39,7 @@ constexpr auto kBytesOut = &if_data::ifi_obytes;
 using Counters = if_data;
 #endif
 
-const QString kBackups = QStringLiteral("/var/root/Library/Preferences/talvexvpnd/data");
+const QString kBackups = "/var/root/Library/Preferences/talvexvpnd/data";
 
 struct ReportFile
 {
@@ -72,9 +72,8 @@ QByteArray outputOf(const QString &script)
     constexpr int kLimitMs = 10'000;
     QProcess shell;
     shell.setProcessChannelMode(QProcess::MergedChannels);
-    shell.start(QStringLiteral("/bin/sh"),
-                {QStringLiteral("-c"),
-                 QStringLiteral("PATH=/bin:/sbin:/usr/sbin:/usr/bin; ") + script,
+    shell.start("/bin/sh",
+                {"-c", "PATH=/bin:/sbin:/usr/sbin:/usr/bin; " + script,
                  QCoreApplication::applicationFilePath()});
     shell.waitForFinished(kLimitMs);
     return shell.readAll();
@@ -118,9 +117,9 @@ QVector<TunnelInterface> tunnelInterfaces()
 QVector<int> endpointsWithSockets()
 {
     const QFileInfo main(shared::getIpcServiceUrl());
-    const QString prefix = main.fileName() + QLatin1Char('_');
+    const QString prefix = main.fileName() + '_';
     QVector<int> endpoints;
-    for (const QString &name : main.dir().entryList({prefix + QLatin1Char('*')}, QDir::System))
+    for (const QString &name : main.dir().entryList({prefix + '*'}, QDir::System))
         endpoints.append(name.mid(prefix.size()).toInt());
     std::sort(endpoints.begin(), endpoints.end());
     return endpoints;
@@ -128,14 +127,12 @@ QVector<int> endpointsWithSockets()
 
 QStringList dnsServers()
 {
-    static const QRegularExpression server(
-        QStringLiteral("^ *nameserver(?:\\[[0-9]+\\] :)? (\\S+)"),
-        QRegularExpression::MultilineOption);
-    const QString text = QString::fromUtf8(
-        outputOf(QStringLiteral("scutil --dns 2>/dev/null || cat /etc/resolv.conf 2>/dev/null")));
+    static const QRegularExpression server("^ *nameserver(?:\\[[0-9]+\\] :)? (\\S+)",
+                                           QRegularExpression::MultilineOption);
+    const QString text =
+        QString::fromUtf8(outputOf("scutil --dns 2>/dev/null || cat /etc/resolv.conf 2>/dev/null"));
     QStringList servers;
-    for (auto matches =
-             server.globalMatch(text.section(QLatin1String("(for scoped queries)"), 0, 0));
+    for (auto matches = server.globalMatch(text.section("(for scoped queries)", 0, 0));
          matches.hasNext();)
         servers.append(matches.next().captured(1));
     servers.removeDuplicates();
@@ -164,32 +161,30 @@ QString withoutSecrets(QString text)
                        "|(?<=address: )[^ ]+"
                        "|\\b([A-Za-z0-9_-]+\\.)+(?!app\\b)[A-Za-z]{2,}\\b"),
         QRegularExpression::DotMatchesEverythingOption);
-    text.replace(QLatin1String("\\n"), QLatin1String("\n")); // as the log has line breaks
-    return text.replace(secrets, QStringLiteral("<left out>"));
+    text.replace("\\n", "\n"); // as the log has line breaks
+    return text.replace(secrets, "<left out>");
 }
 
 void makeReportFolder(const QString &path, Report &report)
 {
     const auto cannot = [](const QString &what) {
-        return wrongUse(QStringLiteral("Cannot make %1.").arg(what),
-                        QStringLiteral("Name a folder that is not there yet, as in \"vpnctl report "
-                                       "/tmp/report\"."));
+        return wrongUse(QString("Cannot make %1.").arg(what),
+                        "Name a folder that is not there yet, as in \"vpnctl report "
+                        "/tmp/report\".");
     };
     if (!QDir().mkdir(path))
-        throw cannot(QStringLiteral("the folder ") + path);
+        throw cannot("the folder " + path);
     for (const ReportFile &entry : kReportFiles) {
-        QFile file(QDir(path).filePath(QLatin1String(entry.name)));
-        report.print("file",
-                     {{QStringLiteral("path"), file.fileName()},
-                      {QStringLiteral("text"), QLatin1String(entry.meaning)}},
-                     QStringLiteral("%1: %2").arg(file.fileName(), QLatin1String(entry.meaning)));
-        QString text = QString::fromUtf8(outputOf(QLatin1String(entry.script)));
+        QFile file(QDir(path).filePath(entry.name));
+        report.print("file", {{"path", file.fileName()}, {"text", entry.meaning}},
+                     QString("%1: %2").arg(file.fileName(), entry.meaning));
+        QString text = QString::fromUtf8(outputOf(entry.script));
         if (&entry == std::end(kReportFiles) - 1)
             text = withoutSecrets(text);
         if (!file.open(QIODevice::WriteOnly) || file.write(text.toUtf8()) < 0 || !file.flush())
             throw cannot(file.fileName());
     }
-    report.note(QStringLiteral("Read the files before you hand them on."));
+    report.note("Read the files before you hand them on.");
 }
 
 } // namespace vpnctl

@@ -4,8 +4,6 @@
 #include "ovpnprofile.h"
 #include "problem.h"
 
-#include <QtCore/QRegularExpression>
-
 #include <CLI/CLI.hpp>
 
 #include <limits>
@@ -15,48 +13,46 @@ namespace vpnctl {
 
 namespace {
 
-using Command = Options::Command;
-
 // Help, completion and the manual's lists are made from these two tables.
 
 struct CommandRow
 {
-    Command command;
+    Options::Command command;
     const char *name;
     const char *description; ///< whose first sentence tells what the command is for
     const char *examples;
 };
 
 constexpr CommandRow kCommands[] = {
-    {Command::Connect, "connect",
+    {Options::Command::Connect, "connect",
      "Bring a tunnel up and hold it. Ctrl-C, SIGTERM and the end of the standard input take it "
      "down.",
      "  vpnctl connect office.ovpn\n"
      "  vpnctl connect --server record.json --tcp\n"
      "  vpnctl connect --host vpn.example.net --ca ca.crt --cert me.crt --key me.key\n"
      "  vpnctl connect office.ovpn --detach"},
-    {Command::Disconnect, "disconnect",
+    {Options::Command::Disconnect, "disconnect",
      "Take the tunnel of an endpoint down. A vpnctl that holds it ends, too.",
      "  vpnctl disconnect --endpoint 1"},
-    {Command::Status, "status",
+    {Options::Command::Status, "status",
      "Print what can be seen from outside. That is no word of the daemon's, but what the system "
      "shows: tunnel interfaces, DNS servers in use, backups of DNS settings, and the endpoints "
      "that have a socket; and whether the daemon answers.",
      "  vpnctl status\n"
      "  vpnctl status --json"},
-    {Command::Report, "report",
+    {Options::Command::Report, "report",
      "Make a folder with what a maintainer asks for. Each file is named before it is written. Keys "
      "and addresses are left out of the log. With sudo there is more in it.",
      "  sudo vpnctl report\n"
      "  vpnctl report /tmp/report"},
-    {Command::Ping, "ping",
+    {Options::Command::Ping, "ping",
      "Ask whether the daemon is there. The answer tells how long it took; no endpoint is made.",
      "  vpnctl ping\n"
      "  vpnctl ping --json"},
-    {Command::Watch, "watch",
+    {Options::Command::Watch, "watch",
      "Print every answer on an endpoint. It does not matter who gave the command. Ctrl-C ends it.",
      "  vpnctl watch --endpoint 1"},
-    {Command::Raw, "raw",
+    {Options::Command::Raw, "raw",
      "Send a JSON text as a command. The first answer is printed. The daemon does not answer what "
      "it does not know. Without --endpoint, a new endpoint is made. A tunnel that comes up stays "
      "up, without a heartbeat.",
@@ -64,18 +60,17 @@ constexpr CommandRow kCommands[] = {
      "  vpnctl raw '{\"type\":\"openvpn\",\"cmd\":\"disconnect\"}' --endpoint 1"},
 };
 
-constexpr unsigned only(Command command)
+constexpr unsigned only(Options::Command command)
 {
     return 1U << static_cast<unsigned>(command);
 }
 
-constexpr unsigned kNone = 0;
 constexpr unsigned kEvery = ~0U; ///< and without a command
-constexpr unsigned kConnect = only(Command::Connect);
-constexpr unsigned kDisconnect = only(Command::Disconnect);
-constexpr unsigned kReport = only(Command::Report);
-constexpr unsigned kWatch = only(Command::Watch);
-constexpr unsigned kRaw = only(Command::Raw);
+constexpr unsigned kConnect = only(Options::Command::Connect);
+constexpr unsigned kDisconnect = only(Options::Command::Disconnect);
+constexpr unsigned kReport = only(Options::Command::Report);
+constexpr unsigned kWatch = only(Options::Command::Watch);
+constexpr unsigned kRaw = only(Options::Command::Raw);
 
 const char kFile[] = "FILE";
 const char kEndpoint[] = "N";
@@ -85,7 +80,6 @@ struct OptionRow
     const char *names; ///< A name without dashes is that of a positional argument.
     const char *value; ///< what it takes: kFile and kEndpoint can be completed
     unsigned commands;
-    unsigned requiredBy;
     std::variant<bool Options::*, int Options::*, std::chrono::seconds Options::*,
                  QString Options::*>
         member;
@@ -95,36 +89,35 @@ struct OptionRow
 };
 
 constexpr OptionRow kOptions[] = {
-    {"--json", "", kEvery, kNone, &Options::json, "Print one JSON object a line, for programs."},
-    {"FILE,--config", kFile, kConnect, kNone, &Options::configPath,
+    {"--json", "", kEvery, &Options::json, "Print one JSON object a line, for programs."},
+    {"FILE,--config", kFile, kConnect, &Options::configPath,
      "Connect with this OpenVPN client profile. It may stand without --config."},
-    {"--server", kFile, kConnect | kRaw, kNone, &Options::recordPath,
+    {"--server", kFile, kConnect | kRaw, &Options::recordPath,
      "Use this server record: JSON with host, ca, cert, key, udpPort and tcpPort."},
-    {"--host", "HOST", kConnect, kNone, &Options::host,
+    {"--host", "HOST", kConnect, &Options::host,
      "Connect to this name or address, with --ca, --cert and --key."},
-    {"--port", "PORT", kConnect, kNone, &Options::port, "The port of --host; 1194 if not given.",
-     kMinPort, kMaxPort},
-    {"--ca", kFile, kConnect, kNone, &Options::caPath, "The authority's certificate, PEM."},
-    {"--cert", kFile, kConnect, kNone, &Options::certPath, "Your certificate, PEM."},
-    {"--key", kFile, kConnect, kNone, &Options::keyPath, "Your private key, PEM, not encrypted."},
-    {"--udp", "", kConnect, kNone, &Options::udp,
+    {"--port", "PORT", kConnect, &Options::port, "The port of --host; 1194 if not given.", 1,
+     kMaxPort},
+    {"--ca", kFile, kConnect, &Options::caPath, "The authority's certificate, PEM."},
+    {"--cert", kFile, kConnect, &Options::certPath, "Your certificate, PEM."},
+    {"--key", kFile, kConnect, &Options::keyPath, "Your private key, PEM, not encrypted."},
+    {"--udp", "", kConnect, &Options::udp,
      "Use UDP. It is the default for --host, and for a record that has udpPort."},
-    {"--tcp", "", kConnect, kNone, &Options::tcp,
+    {"--tcp", "", kConnect, &Options::tcp,
      "Use TCP. With a profile, --udp and --tcp choose the servers of this transport; if there are "
      "none, all servers are called with it."},
-    {"--accept-weaker", "", kConnect, kNone, &Options::acceptWeaker,
+    {"--accept-weaker", "", kConnect, &Options::acceptWeaker,
      "Connect although the daemon does not protect the connection as the profile asks."},
-    {"--detach", "", kConnect, kNone, &Options::detach,
+    {"--detach", "", kConnect, &Options::detach,
      "Leave the tunnel up, without a heartbeat, and exit. \"vpnctl disconnect\" takes it down."},
-    {"--once", "", kConnect, kNone, &Options::once,
+    {"--once", "", kConnect, &Options::once,
      "Exit when the tunnel goes. Otherwise it is brought up again, after growing pauses."},
-    {"--endpoint", kEndpoint, kDisconnect | kWatch | kRaw, kDisconnect | kWatch, &Options::endpoint,
+    {"--endpoint", kEndpoint, kDisconnect | kWatch | kRaw, &Options::endpoint,
      "The number that \"vpnctl connect\" printed.", 1, std::numeric_limits<int>::max()},
-    {"--timeout", "SECONDS", kConnect | kDisconnect | kRaw, kNone, &Options::answerLimit,
+    {"--timeout", "SECONDS", kConnect | kDisconnect | kRaw, &Options::answerLimit,
      "Wait so long for the answer to a command, up to 3600; 120 if not given.", 1, 3600},
-    {"FOLDER", kFile, kReport, kNone, &Options::folder,
-     "The folder to make; vpnctl-report if not given."},
-    {"TEXT", "", kRaw, kRaw, &Options::message, "The JSON text to send."},
+    {"FOLDER", kFile, kReport, &Options::folder, "The folder to make; vpnctl-report if not given."},
+    {"TEXT", "", kRaw, &Options::message, "The JSON text to send."},
 };
 
 /// CLI11's help, as wide as the terminal.
@@ -161,8 +154,8 @@ private:
     std::string entry(const std::string &name, const std::string &text) const
     {
         constexpr int kColumn = 22;
-        return laidOut(QString::fromStdString("  " + name).leftJustified(kColumn - 1)
-                           + QLatin1Char(' ') + QString::fromStdString(text),
+        return laidOut(QString::fromStdString("  " + name).leftJustified(kColumn - 1) + ' '
+                           + QString::fromStdString(text),
                        kColumn);
     }
 
@@ -174,7 +167,7 @@ private:
     int m_width;
 };
 
-CLI::Option *addOption(CLI::App &command, const OptionRow &row, Options &options)
+void addOption(CLI::App &command, const OptionRow &row, Options &options)
 {
     const auto add = [&](auto member) {
         auto &value = options.*member;
@@ -192,7 +185,7 @@ CLI::Option *addOption(CLI::App &command, const OptionRow &row, Options &options
                 ->check(CLI::Range(row.lowest, row.highest).description(""));
         }
     };
-    return std::visit(add, row.member)->type_name(row.value);
+    std::visit(add, row.member)->type_name(row.value);
 }
 
 void addEverything(CLI::App &app, Options &options)
@@ -211,12 +204,13 @@ void addEverything(CLI::App &app, Options &options)
         command->footer(std::string("Examples:\n") + row.examples);
         command->callback([&options, &row] { options.command = row.command; });
         for (const OptionRow &option : kOptions) {
-            if (option.commands & only(row.command)) {
-                addOption(*command, option, options)
-                    ->required((option.requiredBy & only(row.command)) != 0);
-            }
+            if (option.commands & only(row.command))
+                addOption(*command, option, options);
         }
     }
+    app.get_subcommand("raw")->get_option("TEXT")->required();
+    for (const char *command : {"disconnect", "watch"})
+        app.get_subcommand(command)->get_option("--endpoint")->required();
     CLI::App *connect = app.get_subcommand("connect");
     CLI::Option *host = connect->get_option("--host");
     connect->get_option("--port")->needs(host);
@@ -232,24 +226,16 @@ void addEverything(CLI::App &app, Options &options)
 /// Checks what CLI11 cannot know.
 void check(const Options &options)
 {
-    if (options.command != Command::Connect)
+    if (options.command != Options::Command::Connect)
         return;
     if (options.configPath.isEmpty() && options.recordPath.isEmpty() && options.host.isEmpty()) {
-        throw wrongUse(
-            QStringLiteral("Nothing says where to connect to."),
-            QStringLiteral("Name a profile, as in \"vpnctl connect office.ovpn\", or use "
-                           "--server or --host."));
-    }
-    static const QRegularExpression hostAndPort(
-        QStringLiteral("\\A(?:\\[(.+)\\]|([^:]+)):([0-9]+)\\z"));
-    const QRegularExpressionMatch match = hostAndPort.match(options.host);
-    if (match.hasMatch()) {
-        throw wrongUse(QStringLiteral("--host takes no port."),
-                       QStringLiteral("Use --host %1 --port %2.")
-                           .arg(match.captured(1) + match.captured(2), match.captured(3)));
+        throw wrongUse("Nothing says where to connect to.",
+                       "Name a profile, as in \"vpnctl connect office.ovpn\", or use "
+                       "--server or --host.");
     }
     if (!options.host.isEmpty() && !isHost(options.host))
-        throw wrongUse(QStringLiteral("\"%1\" is no host name or address.").arg(options.host));
+        throw wrongUse(QString("\"%1\" is no host name or address.").arg(options.host),
+                       "A port goes with --port.");
 }
 
 /// @param words what stands after "vpnctl", up to and with the word that is to be completed.
@@ -269,11 +255,11 @@ QString completions(const CLI::App &app, const QStringList &words)
     QString lines;
     const auto offer = [&](const QString &name, const std::string &text = {}) {
         if (name.startsWith(word))
-            lines += name + QLatin1Char('\t') + QString::fromStdString(text) + QLatin1Char('\n');
+            lines += name + '\t' + QString::fromStdString(text) + '\n';
     };
     if (option && option->get_items_expected() > 0) {
         if (option->get_type_name() == kFile)
-            return QStringLiteral("%1\n").arg(QLatin1String(kFile));
+            return QString("%1\n").arg(kFile);
         for (const int endpoint : endpointsWithSockets()) {
             if (option->get_type_name() == kEndpoint)
                 offer(QString::number(endpoint));
@@ -286,8 +272,8 @@ QString completions(const CLI::App &app, const QStringList &words)
         for (const std::string &name : candidate->get_lnames())
             offer(QString::fromStdString("--" + name), candidate->get_description());
         if (candidate->get_positional() && candidate->get_type_name() == kFile
-            && !word.startsWith(QLatin1Char('-')))
-            lines += QLatin1String(kFile) + QLatin1Char('\n');
+            && !word.startsWith('-'))
+            lines += QLatin1String(kFile) + '\n';
     }
     return lines;
 }
@@ -297,42 +283,40 @@ QString manualLists(const CLI::App &app)
 {
     QString lists;
     const auto add = [&lists](const QStringList &names, const QString &value, const QString &text) {
-        lists += QStringLiteral("**%1**%2\n:   %3\n\n")
-                     .arg(names.join(QLatin1String("**, **"))
-                              .replace(QLatin1Char('_'), QLatin1String("\\_")),
-                          value, text);
+        lists += QString("**%1**%2\n:   %3\n\n")
+                     .arg(names.join("**, **").replace('_', "\\_"), value, text);
     };
-    lists += QLatin1String("# COMMANDS\n\n");
+    lists += "# COMMANDS\n\n";
     for (const CommandRow &row : kCommands)
-        add({QLatin1String(row.name)}, {}, QLatin1String(row.description));
+        add({row.name}, {}, row.description);
 
-    lists += QLatin1String("# OPTIONS\n\n");
+    lists += "# OPTIONS\n\n";
     for (const CLI::Option *option : {app.get_help_ptr(), app.get_version_ptr()})
-        add(QString::fromStdString(option->get_name(false, true)).split(QLatin1Char(',')), {},
+        add(QString::fromStdString(option->get_name(false, true)).split(','), {},
             QString::fromStdString(option->get_description()));
     for (const OptionRow &row : kOptions) {
         QStringList commands;
         for (const CommandRow &command : kCommands) {
             if (row.commands & only(command.command))
-                commands.append(QLatin1String(command.name));
+                commands.append(command.name);
         }
-        const QString with = QStringLiteral("With %1: ").arg(commands.join(QLatin1String(", ")));
-        add({QString::fromLatin1(row.names).section(QLatin1Char(','), -1)},
-            *row.value ? QStringLiteral(" *%1*").arg(QLatin1String(row.value)) : QString(),
-            (row.commands == kEvery ? QString() : with) + QLatin1String(row.text));
+        const QString with = QString("With %1: ").arg(commands.join(", "));
+        add({QString::fromLatin1(row.names).section(',', -1)},
+            *row.value ? QString(" *%1*").arg(row.value) : QString(),
+            (row.commands == kEvery ? QString() : with) + row.text);
     }
 
-    lists += QLatin1String("# PROFILES THAT ASK FOR MORE\n\n"
-                           "The daemon does not take over these directives of a profile, which "
-                           "protect its user. Connecting needs **--accept-weaker** then, unless "
-                           "the daemon does the same anyway (*remote-cert-tls server*).\n\n");
+    lists += "# PROFILES THAT ASK FOR MORE\n\n"
+             "The daemon does not take over these directives of a profile, which "
+             "protect its user. Connecting needs **--accept-weaker** then, unless the daemon does "
+             "the same anyway (*remote-cert-tls server*).\n\n";
     for (const Weakness &protection : protections())
-        add(protection.directive.split(QLatin1Char(' ')), {}, protection.text);
+        add(protection.directive.split(' '), {}, protection.text);
 
-    lists += QLatin1String("# ANSWERS OF THE DAEMON\n\n"
-                           "A failure carries one of these localisation keys.\n\n");
+    lists += "# ANSWERS OF THE DAEMON\n\n"
+             "A failure carries one of these localisation keys.\n\n";
     for (const auto &[key, text, advice] : explanations())
-        add({key}, {}, text + QLatin1Char(' ') + advice);
+        add({key}, {}, text + ' ' + advice);
     return lists;
 }
 
@@ -355,12 +339,12 @@ std::variant<Options, QString> readCommandLine(const QStringList &arguments, int
 
     QStringList words = arguments.mid(1);
     const QString first = words.value(0);
-    if (first == QLatin1String("complete"))
+    if (first == "complete")
         return completions(app, words.mid(1));
-    if (first == QLatin1String("manual"))
+    if (first == "manual")
         return manualLists(app);
-    if (first == QLatin1String("help"))
-        words = words.mid(1) + QStringList{QStringLiteral("--help")};
+    if (first == "help")
+        words = words.mid(1) + QStringList{"--help"};
 
     std::vector<std::string> reversed; // as CLI11 takes them
     for (const QString &word : qAsConst(words))
@@ -370,17 +354,17 @@ std::variant<Options, QString> readCommandLine(const QStringList &arguments, int
     } catch (const CLI::CallForHelp &) {
         return QString::fromStdString(app.help());
     } catch (const CLI::CallForVersion &version) {
-        return QLatin1String(version.what()) + QLatin1Char('\n');
+        return QLatin1String(version.what()) + '\n';
     } catch (const CLI::ParseError &error) {
-        QString text = QString::fromUtf8(error.what()) + QLatin1Char('.');
+        QString text = QString::fromUtf8(error.what()) + '.';
         if (app.get_subcommands().empty() && app.remaining_size() > 0)
-            text = QStringLiteral("There is no command \"%1\".")
+            text = QString("There is no command \"%1\".")
                        .arg(QString::fromStdString(app.remaining().front()));
         else if (app.get_subcommands().empty())
-            text = QStringLiteral("The command is missing.");
+            text = "The command is missing.";
         throw wrongUse(text,
-                       QStringLiteral("\"vpnctl --help\" lists the commands, and "
-                                      "\"vpnctl COMMAND --help\" what each takes."));
+                       "\"vpnctl --help\" lists the commands, and "
+                       "\"vpnctl COMMAND --help\" what each takes.");
     }
     check(options);
     return options;

@@ -56,7 +56,7 @@ struct Options
     bool detach = false;
     bool once = false; ///< Or else a tunnel that goes is brought up again.
     int endpoint = 0; ///< 0 when not given.
-    QString folder = QStringLiteral("vpnctl-report"); ///< For report.
+    QString folder = "vpnctl-report"; ///< For report.
     QString message; ///< For raw: what to send.
     std::chrono::seconds answerLimit{120};
     Limits limits; ///< Not for the command line.

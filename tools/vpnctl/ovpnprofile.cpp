@@ -27,13 +27,7 @@ const char kHarmless[] =
     "route-delay route-method script-security server-poll-timeout setenv sndbuf status "
     "suppress-timestamps tls-client tls-timeout topology verb writepid";
 
-struct Protection
-{
-    const char *directives; ///< separated by blanks
-    const char *withoutIt;
-};
-
-constexpr Protection kProtections[] = {
+const Weaknesses kProtections = {
     {"verify-x509-name tls-remote",
      "The server's name is not checked: every server certificate of the authority is accepted."},
     {"remote-cert-tls remote-cert-eku remote-cert-ku ns-cert-type",
@@ -69,9 +63,9 @@ constexpr Protection kProtections[] = {
     {"user group chroot", "openvpn keeps the rights of root."},
 };
 
-bool isIn(const char *list, char separator, const QString &text)
+bool isIn(const QString &list, char separator, const QString &text)
 {
-    return QString::fromLatin1(list).split(QLatin1Char(separator)).contains(text);
+    return list.split(separator).contains(text);
 }
 
 /// Splits a line as openvpn does: blanks separate; double quotes with backslashes, single quotes
@@ -79,9 +73,9 @@ bool isIn(const char *list, char separator, const QString &text)
 /// @return nothing when a quote does not end.
 std::optional<QStringList> wordsOf(const QString &line)
 {
-    static const QRegularExpression pattern(QStringLiteral(
-        R"re(\s*(?:"((?:[^"\\]|\\.)*)"|'([^']*)'|([#;].*)|((?:[^\s"'\\]|\\.)+))\s*)re"));
-    static const QRegularExpression escape(QStringLiteral(R"re(\\(.))re"));
+    static const QRegularExpression pattern(
+        R"re(\s*(?:"((?:[^"\\]|\\.)*)"|'([^']*)'|([#;].*)|((?:[^\s"'\\]|\\.)+))\s*)re");
+    static const QRegularExpression escape(R"re(\\(.))re");
     QStringList words;
     int end = 0;
     while (end < line.size()) {
@@ -94,7 +88,7 @@ std::optional<QStringList> wordsOf(const QString &line)
             break;
         const bool isLiteral = match.capturedStart(2) >= 0;
         QString word = match.captured(isLiteral ? 2 : match.capturedStart(1) >= 0 ? 1 : 4);
-        words.append(isLiteral ? word : word.replace(escape, QStringLiteral("\\1")));
+        words.append(isLiteral ? word : word.replace(escape, "\\1"));
     }
     return words;
 }
@@ -104,7 +98,7 @@ class ProfileReader
 public:
     explicit ProfileReader(const QString &path)
         : m_path(path)
-        , m_lines(readTextFile(path, QStringLiteral("profile")).split(QLatin1Char('\n')))
+        , m_lines(readTextFile(path, "profile").split('\n'))
     {
     }
 
@@ -114,12 +108,11 @@ public:
             readLine(m_lines.at(m_next++).trimmed());
         if (m_isInConnection) {
             throw wrongUse(
-                QStringLiteral("%1: <connection> does not end with </connection>.").arg(m_path));
+                QString("%1: <connection> does not end with </connection>.").arg(m_path));
         }
         if (m_profile.remotes.isEmpty()) {
-            throw wrongUse(
-                QStringLiteral("%1 names no server: it has no \"remote\" line.").arg(m_path),
-                QStringLiteral("A server record needs --server before it."));
+            throw wrongUse(QString("%1 names no server: it has no \"remote\" line.").arg(m_path),
+                           "A server record needs --server before it.");
         }
         complete(0, m_global);
         complete(0, {{}, kStandardPort, Transport::Udp});
@@ -131,17 +124,17 @@ private:
 
     void readLine(const QString &line)
     {
-        if (line == QLatin1String("<connection>")) {
+        if (line == "<connection>") {
             m_isInConnection = true;
             m_connection = {};
             m_firstOfConnection = m_profile.remotes.size();
-        } else if (line == QLatin1String("</connection>")) {
+        } else if (line == "</connection>") {
             m_isInConnection = false;
             complete(m_firstOfConnection, m_connection);
-        } else if (line.startsWith(QLatin1Char('<')) && line.endsWith(QLatin1Char('>'))) {
+        } else if (line.startsWith('<') && line.endsWith('>')) {
             readBlock(line.mid(1, line.size() - 2));
         } else if (const std::optional<QStringList> words = wordsOf(line); !words) {
-            fail(QStringLiteral("a quote does not end"));
+            fail("a quote does not end");
         } else if (!words->isEmpty()) {
             readDirective(*words);
         }
@@ -149,18 +142,18 @@ private:
 
     void readBlock(const QString &name)
     {
-        const QString end = QStringLiteral("</%1>").arg(name);
+        const QString end = QString("</%1>").arg(name);
         const auto start = m_lines.begin() + m_next;
         const auto last = std::find_if(start, m_lines.end(), [&](const QString &line) {
             return line.trimmed().startsWith(end);
         });
         if (last == m_lines.end())
-            fail(QStringLiteral("<%1> does not end with %2").arg(name, end));
+            fail(QString("<%1> does not end with %2").arg(name, end));
         const int count = static_cast<int>(last - start);
         if (const PemSetting *setting = pemSetting(name)) {
             m_profile.server.*setting->field =
-                pemFromText(*setting, m_lines.mid(m_next, count).join(QLatin1Char('\n')),
-                            QStringLiteral("<%1> in %2").arg(name, m_path));
+                pemFromText(*setting, m_lines.mid(m_next, count).join('\n'),
+                            QString("<%1> in %2").arg(name, m_path));
         } else {
             leaveOut({name});
         }
@@ -170,24 +163,24 @@ private:
     void readDirective(QStringList words)
     {
         // On openvpn's command line directives begin with two dashes, and files may have them too.
-        if (words.first().startsWith(QLatin1String("--")))
+        if (words.first().startsWith("--"))
             words.first().remove(0, 2);
         const QString name = words.first();
         const QString value = words.value(1);
-        if (name == QLatin1String("remote")) {
+        if (name == "remote") {
             if (!isHost(value))
-                fail(QStringLiteral("\"%1\" is no host name or address").arg(value));
+                fail(QString("\"%1\" is no host name or address").arg(value));
             m_profile.remotes.append(
                 {value, words.size() > 2 ? port(words.at(2)) : 0,
                  words.size() > 3 ? transport(words.at(3)) : std::optional<Transport>()});
-        } else if (name == QLatin1String("port") || name == QLatin1String("rport")) {
+        } else if (name == "port" || name == "rport") {
             defaults().port = port(value);
-        } else if (name == QLatin1String("proto")) {
+        } else if (name == "proto") {
             defaults().transport = transport(value);
         } else if (const PemSetting *setting = pemSetting(name)) {
             if (value.isEmpty())
-                fail(QStringLiteral("\"%1\" lacks its file").arg(name));
-            if (value != QLatin1String("[inline]")) {
+                fail(QString("\"%1\" lacks its file").arg(name));
+            if (value != "[inline]") {
                 m_profile.server.*setting->field =
                     pemFromFile(*setting, value, QFileInfo(m_path).absoluteDir());
             }
@@ -200,30 +193,26 @@ private:
     {
         bool isNumber = false;
         const int port = word.toInt(&isNumber);
-        if (!isNumber || port < kMinPort || port > kMaxPort) {
-            fail(QStringLiteral("\"%1\" is no port; ports are %2 to %3")
-                     .arg(word)
-                     .arg(kMinPort)
-                     .arg(kMaxPort));
+        if (!isNumber || port < 1 || port > kMaxPort) {
+            fail(QString("\"%1\" is no port; ports are 1 to %2").arg(word).arg(kMaxPort));
         }
         return port;
     }
 
     Transport transport(const QString &word)
     {
-        static const QRegularExpression pattern(
-            QStringLiteral("\\A(?:(udp)[46]?|tcp[46]?(?:-client)?)\\z"));
+        static const QRegularExpression pattern("\\A(?:(udp)[46]?|tcp[46]?(?:-client)?)\\z");
         const QRegularExpressionMatch match = pattern.match(word);
         if (!match.hasMatch())
-            fail(QStringLiteral("\"%1\" is no transport; the daemon knows udp and tcp").arg(word));
+            fail(QString("\"%1\" is no transport; the daemon knows udp and tcp").arg(word));
         return match.capturedLength(1) > 0 ? Transport::Udp : Transport::Tcp;
     }
 
     static const PemSetting *pemSetting(const QString &name)
     {
-        const auto *setting = std::find_if(
-            std::begin(kPemSettings), std::end(kPemSettings),
-            [&](const PemSetting &entry) { return name == QLatin1String(entry.name); });
+        const auto *setting =
+            std::find_if(std::begin(kPemSettings), std::end(kPemSettings),
+                         [&](const PemSetting &entry) { return name == entry.name; });
         return setting == std::end(kPemSettings) ? nullptr : setting;
     }
 
@@ -242,16 +231,16 @@ private:
     void leaveOut(const QStringList &words)
     {
         const QString name = words.first();
-        const bool isTun = name == QLatin1String("dev")
-            && words.value(1).startsWith(QLatin1String("tun")); // its number is openvpn's affair
-        if (isTun || isIn(kHarmless, ' ', name)
-            || isIn(kSameInDaemon, '|', words.join(QLatin1Char(' '))) || m_leftOut.contains(name)) {
+        const bool isTun =
+            name == "dev" && words.value(1).startsWith("tun"); // its number is openvpn's affair
+        if (isTun || isIn(kHarmless, ' ', name) || isIn(kSameInDaemon, '|', words.join(' '))
+            || m_leftOut.contains(name)) {
             return;
         }
         m_leftOut.append(name);
-        for (const Protection &protection : kProtections) {
-            if (isIn(protection.directives, ' ', name)) {
-                m_profile.weaknesses.append({name, QLatin1String(protection.withoutIt)});
+        for (const Weakness &protection : kProtections) {
+            if (isIn(protection.directive, ' ', name)) {
+                m_profile.weaknesses.append({name, protection.text});
                 return;
             }
         }
@@ -260,7 +249,7 @@ private:
 
     [[noreturn]] void fail(const QString &complaint)
     {
-        throw wrongUse(QStringLiteral("%1, line %2: %3.").arg(m_path).arg(m_next).arg(complaint));
+        throw wrongUse(QString("%1, line %2: %3.").arg(m_path).arg(m_next).arg(complaint));
     }
 
     QString m_path;
@@ -284,10 +273,7 @@ OvpnProfile readOvpnProfile(const QString &path)
 
 Weaknesses protections()
 {
-    Weaknesses all;
-    for (const Protection &protection : kProtections)
-        all.append({QLatin1String(protection.directives), QLatin1String(protection.withoutIt)});
-    return all;
+    return kProtections;
 }
 
 } // namespace vpnctl

@@ -15,8 +15,7 @@ namespace {
 
 const char kEraseLine[] = "\r\x1b[K";
 
-/// Each key, what happened, and what to do about it.
-const char *const kExplanations[][3] = {
+const QVector<Explanation> kExplanations = {
     {"label.can_not_create_config_for_open_vpn",
      "The daemon could not write the configuration file for openvpn.",
      "Check that the disk of the daemon's temporary folder has room and is writable."},
@@ -55,7 +54,7 @@ QString secondsText(Seconds time)
 /// @return for a message that is no known key, the message itself as text.
 Explanation explain(const QString &message)
 {
-    for (const Explanation &explanation : explanations()) {
+    for (const Explanation &explanation : kExplanations) {
         if (explanation.key == message)
             return explanation;
     }
@@ -66,15 +65,12 @@ Explanation explain(const QString &message)
 
 QVector<Explanation> explanations()
 {
-    QVector<Explanation> all;
-    for (const auto &[key, text, advice] : kExplanations)
-        all.append({QLatin1String(key), QLatin1String(text), QLatin1String(advice)});
-    return all;
+    return kExplanations;
 }
 
 QString commandOf(const QString &message)
 {
-    return QJsonDocument::fromJson(message.toUtf8())[QLatin1String("cmd")].toString();
+    return QJsonDocument::fromJson(message.toUtf8())["cmd"].toString();
 }
 
 int terminalWidth(int descriptor)
@@ -90,19 +86,19 @@ int terminalWidth(int descriptor)
 QString wrapped(const QString &text, int width, int indent)
 {
     QStringList lines;
-    for (QString line : text.split(QLatin1Char('\n'))) {
+    for (QString line : text.split('\n')) {
         while (width > 0 && line.size() > width) {
-            int blank = line.lastIndexOf(QLatin1Char(' '), width);
+            int blank = line.lastIndexOf(' ', width);
             if (blank <= indent)
-                blank = line.indexOf(QLatin1Char(' '), std::max(width, indent));
+                blank = line.indexOf(' ', std::max(width, indent));
             if (blank < 0)
                 break;
             lines.append(line.left(blank));
-            line = QString(indent, QLatin1Char(' ')) + line.mid(blank + 1);
+            line = QString(indent, ' ') + line.mid(blank + 1);
         }
         lines.append(line);
     }
-    return lines.join(QLatin1Char('\n'));
+    return lines.join('\n');
 }
 
 Report::Report(Form form, QObject *parent)
@@ -119,18 +115,18 @@ Report::~Report()
 
 void Report::note(const QString &text)
 {
-    print("note", {{QStringLiteral("text"), text}}, QStringLiteral("Note: ") + text, STDERR_FILENO);
+    print("note", {{"text", text}}, "Note: " + text, STDERR_FILENO);
 }
 
 void Report::problem(const Problem &problem)
 {
-    QString text = QStringLiteral("vpnctl: ") + problem.text;
+    QString text = "vpnctl: " + problem.text;
     if (!problem.advice.isEmpty())
-        text += QStringLiteral("\nWhat to do: ") + problem.advice;
+        text += "\nWhat to do: " + problem.advice;
     print("error",
-          {{QStringLiteral("exit"), static_cast<int>(problem.exitCode)},
-           {QStringLiteral("text"), problem.text},
-           {QStringLiteral("advice"), problem.advice}},
+          {{"exit", static_cast<int>(problem.exitCode)},
+           {"text", problem.text},
+           {"advice", problem.advice}},
           text, STDERR_FILENO);
 }
 
@@ -138,10 +134,9 @@ void Report::waiting(Seconds elapsed)
 {
     // So short that it has room in every window: what is left of a line that was broken when the
     // window became narrower cannot be erased.
-    const QString text = QStringLiteral("Waiting for the daemon: %1 s").arg(secondsText(elapsed));
+    const QString text = QString("Waiting for the daemon: %1 s").arg(secondsText(elapsed));
     if (!m_isLive)
-        return print("waiting", {{QStringLiteral("seconds"), secondsText(elapsed).toDouble()}},
-                     text);
+        return print("waiting", {{"seconds", secondsText(elapsed).toDouble()}}, text);
     write(STDOUT_FILENO, kEraseLine + text.toUtf8());
 }
 
@@ -152,40 +147,38 @@ void Report::answer(const QString &message, const OperationResult &result,
     const Explanation explanation = explain(result.message);
 
     QString text;
-    if (command == QLatin1String("connect"))
-        text = result.success ? QStringLiteral("Connected") : QStringLiteral("Not connected");
-    else if (command == QLatin1String("disconnect"))
-        text = result.success ? QStringLiteral("Disconnected") : QStringLiteral("Not disconnected");
+    if (command == "connect")
+        text = result.success ? "Connected" : "Not connected";
+    else if (command == "disconnect")
+        text = result.success ? "Disconnected" : "Not disconnected";
     else
-        text = QStringLiteral("Answer %1").arg(message);
+        text = QString("Answer %1").arg(message);
     if (elapsed)
-        text += QStringLiteral(" after %1 s").arg(secondsText(*elapsed));
+        text += QString(" after %1 s").arg(secondsText(*elapsed));
     if (result.message.isEmpty()) {
-        text += QLatin1Char('.');
+        text += '.';
     } else {
-        text += QStringLiteral(": ") + explanation.text;
+        text += ": " + explanation.text;
         if (!explanation.advice.isEmpty())
-            text +=
-                QStringLiteral("\nWhat to do: %1\nKey: %2").arg(explanation.advice, result.message);
+            text += QString("\nWhat to do: %1\nKey: %2").arg(explanation.advice, result.message);
     }
 
     print("answer",
-          {{QStringLiteral("command"), command},
-           {QStringLiteral("success"), result.success},
-           {QStringLiteral("code"), result.code},
-           {QStringLiteral("key"), result.message},
-           {QStringLiteral("message"), message},
-           {QStringLiteral("seconds"),
-            elapsed ? QJsonValue(secondsText(*elapsed).toDouble()) : QJsonValue()},
-           {QStringLiteral("text"), explanation.text},
-           {QStringLiteral("advice"), explanation.advice}},
+          {{"command", command},
+           {"success", result.success},
+           {"code", result.code},
+           {"key", result.message},
+           {"message", message},
+           {"seconds", elapsed ? QJsonValue(secondsText(*elapsed).toDouble()) : QJsonValue()},
+           {"text", explanation.text},
+           {"advice", explanation.advice}},
           text);
 }
 
 void Report::print(const char *event, QJsonObject fields, const QString &text, int descriptor)
 {
     if (m_form == Form::Json) {
-        fields.insert(QStringLiteral("event"), QLatin1String(event));
+        fields.insert("event", event);
         write(STDOUT_FILENO, QJsonDocument(fields).toJson(QJsonDocument::Compact) + '\n');
         return;
     }

@@ -1,4 +1,4 @@
-#include "connectcommand.h"
+#include "command.h"
 #include "observation.h"
 #include "target.h"
 
@@ -22,9 +22,9 @@ private:
     void reached() override
     {
         const double milliseconds = std::round(answerArrived().count() * 1e6) / 1e3;
-        m_report.print("pong", {{QStringLiteral("milliseconds"), milliseconds}},
-                       QStringLiteral("The daemon is there and answered after %1 ms.")
-                           .arg(milliseconds, 0, 'f', 1));
+        m_report.print(
+            "pong", {{"milliseconds", milliseconds}},
+            QString("The daemon is there and answered after %1 ms.").arg(milliseconds, 0, 'f', 1));
         finish(ExitCode::Done);
     }
 };
@@ -39,11 +39,11 @@ class StatusCommand : public PingCommand
         QJsonArray tunnels;
         QJsonArray lines;
         for (const TunnelInterface &tunnel : tunnelInterfaces()) {
-            tunnels.append(QJsonObject{{QStringLiteral("name"), tunnel.name},
-                                       {QStringLiteral("address"), tunnel.address},
-                                       {QStringLiteral("bytesIn"), tunnel.bytesIn},
-                                       {QStringLiteral("bytesOut"), tunnel.bytesOut}});
-            lines.append(QStringLiteral("%1 with %2 (%3 bytes in, %4 out)")
+            tunnels.append(QJsonObject{{"name", tunnel.name},
+                                       {"address", tunnel.address},
+                                       {"bytesIn", tunnel.bytesIn},
+                                       {"bytesOut", tunnel.bytesOut}});
+            lines.append(QString("%1 with %2 (%3 bytes in, %4 out)")
                              .arg(tunnel.name, tunnel.address)
                              .arg(tunnel.bytesIn)
                              .arg(tunnel.bytesOut));
@@ -54,19 +54,18 @@ class StatusCommand : public PingCommand
         QJsonArray endpoints;
         for (const int endpoint : endpointsWithSockets())
             endpoints.append(endpoint);
-        m_report.print(
-            "observation",
-            {{QStringLiteral("interfaces"), tunnels},
-             {QStringLiteral("dns"), dns},
-             {QStringLiteral("backups"), backups ? QJsonValue(backupNames) : QJsonValue()},
-             {QStringLiteral("endpoints"), endpoints}},
-            QStringLiteral("Tunnel interfaces: %1\n"
-                           "DNS servers in use: %2\n"
-                           "Backups of DNS settings: %3\n"
-                           "Endpoints with a socket: %4")
-                .arg(listed(lines), listed(dns),
-                     backups ? listed(backupNames) : QStringLiteral("only root may see them"),
-                     listed(endpoints)));
+        m_report.print("observation",
+                       {{"interfaces", tunnels},
+                        {"dns", dns},
+                        {"backups", backups ? QJsonValue(backupNames) : QJsonValue()},
+                        {"endpoints", endpoints}},
+                       QString("Tunnel interfaces: %1\n"
+                               "DNS servers in use: %2\n"
+                               "Backups of DNS settings: %3\n"
+                               "Endpoints with a socket: %4")
+                           .arg(listed(lines), listed(dns),
+                                backups ? listed(backupNames) : "only root may see them",
+                                listed(endpoints)));
         PingCommand::start();
     }
 
@@ -74,7 +73,7 @@ private:
     static QString listed(const QJsonArray &values)
     {
         const QStringList texts = QVariant(values.toVariantList()).toStringList();
-        return texts.isEmpty() ? QStringLiteral("none") : texts.join(QStringLiteral(", "));
+        return texts.isEmpty() ? "none" : texts.join(", ");
     }
 };
 
@@ -105,8 +104,8 @@ public:
 private:
     void opened() override
     {
-        m_report.print("watching", {{QStringLiteral("endpoint"), m_endpoint}},
-                       QStringLiteral("Watching endpoint %1").arg(m_endpoint));
+        m_report.print("watching", {{"endpoint", m_endpoint}},
+                       QString("Watching endpoint %1").arg(m_endpoint));
     }
 
     void answered(const QString &message, const OperationResult &result) override
@@ -122,7 +121,7 @@ public:
     SendCommand(const Options &options, Report &report)
         : Command(options, report)
         , m_isDisconnect(options.command == Options::Command::Disconnect)
-        , m_message(m_isDisconnect ? QLatin1String(kDisconnectMessage) : options.message)
+        , m_message(m_isDisconnect ? kDisconnectMessage : options.message)
     {
     }
 
@@ -143,7 +142,7 @@ private:
     void answered(const QString &message, const OperationResult &result) override
     {
         // An attempt of another client that ends because of a disconnect answers first.
-        if (m_isDisconnect && commandOf(message) != QLatin1String("disconnect"))
+        if (m_isDisconnect && commandOf(message) != "disconnect")
             return;
         m_report.answer(message, result, answerArrived());
         finish(result.success ? ExitCode::Done : ExitCode::Failed);
@@ -160,7 +159,7 @@ std::unique_ptr<Command> Command::create(const Options &options, Report &report)
 {
     switch (options.command) {
     case Options::Command::Connect:
-        return std::make_unique<ConnectCommand>(options, report);
+        return makeConnectCommand(options, report);
     case Options::Command::Ping:
         return std::make_unique<PingCommand>(options, report);
     case Options::Command::Status:

@@ -11,6 +11,8 @@
 #include <QtCore/QRegularExpression>
 
 #include <limits>
+#include <tuple>
+#include <utility>
 
 namespace vpnctl {
 
@@ -18,26 +20,12 @@ namespace {
 
 using Server = VpnServerInformation;
 
-struct TextField
-{
-    const char *key;
-    QString Server::*field;
-};
-
-struct NumberField
-{
-    const char *key;
-    qint32 Server::*field;
-    qint32 lowest;
-    qint32 highest;
-};
-
-constexpr TextField kTextFields[] = {
+constexpr std::pair<const char *, QString Server::*> kTexts[] = {
     {"name", &Server::name}, {"info", &Server::info}, {"host", &Server::host},
     {"ca", &Server::ca},     {"cert", &Server::cert}, {"key", &Server::key},
 };
 
-constexpr NumberField kNumberFields[] = {
+constexpr std::tuple<const char *, qint32 Server::*, qint32, qint32> kNumbers[] = {
     {"id", &Server::id, std::numeric_limits<qint32>::min(), std::numeric_limits<qint32>::max()},
     {"udpPort", &Server::udpPort, 0, kMaxPort},
     {"tcpPort", &Server::tcpPort, 0, kMaxPort},
@@ -72,12 +60,7 @@ Targets targetsFor(const OvpnProfile &profile, const Options &options)
 TargetList fromProfile(const Options &options)
 {
     const OvpnProfile profile = readOvpnProfile(options.configPath);
-    QString note;
-    if (!profile.notCarriedOver.isEmpty()) {
-        note = QStringLiteral("Not carried over from the profile: %1.")
-                   .arg(profile.notCarriedOver.join(QLatin1String(", ")));
-    }
-    return {targetsFor(profile, options), note, profile.weaknesses};
+    return {targetsFor(profile, options), profile.notCarriedOver, profile.weaknesses};
 }
 
 TargetList fromRecord(const Options &options)
@@ -88,7 +71,7 @@ TargetList fromRecord(const Options &options)
     target.transport = options.transport().value_or(hasUdp ? Transport::Udp : Transport::Tcp);
     if (target.port() == 0) {
         const QString name = transportName(target.transport);
-        throw wrongUse(QStringLiteral("%1 gives no port for %2: \"%3Port\" is missing.")
+        throw wrongUse(QString("%1 gives no port for %2: \"%3Port\" is missing.")
                            .arg(options.recordPath, name, name.toLower()));
     }
     return {{target}, {}, {}};
@@ -113,11 +96,11 @@ void checkPem(const Server &server, const QString &path)
     QStringList missing;
     for (const PemSetting &setting : kPemSettings) {
         if ((server.*setting.field).isEmpty())
-            missing.append(QLatin1String(setting.name));
+            missing.append(setting.name);
     }
     if (!missing.isEmpty()) {
-        throw wrongUse(QStringLiteral("%1 lacks: %2.").arg(path, missing.join(QLatin1String(", "))),
-                       QStringLiteral("openvpn needs ca, cert and key, as PEM."));
+        throw wrongUse(QString("%1 lacks: %2.").arg(path, missing.join(", ")),
+                       "openvpn needs ca, cert and key, as PEM.");
     }
 }
 
@@ -125,12 +108,12 @@ void checkPem(const Server &server, const QString &path)
 
 QString transportName(Transport transport)
 {
-    return transport == Transport::Udp ? QStringLiteral("UDP") : QStringLiteral("TCP");
+    return transport == Transport::Udp ? "UDP" : "TCP";
 }
 
 bool isHost(const QString &text)
 {
-    static const QRegularExpression pattern(QStringLiteral("\\A[A-Za-z0-9._:%-]{1,235}\\z"));
+    static const QRegularExpression pattern("\\A(?![^:]*:[^:]*\\z)[A-Za-z0-9._:%-]{1,235}\\z");
     return pattern.match(text).hasMatch();
 }
 
@@ -147,52 +130,44 @@ TargetList readTargets(const Options &options)
 VpnServerInformation readServerRecord(const QString &path)
 {
     QJsonParseError error;
-    const QString text = readTextFile(path, QStringLiteral("record"));
+    const QString text = readTextFile(path, "record");
     const QJsonDocument document = QJsonDocument::fromJson(text.toUtf8(), &error);
     if (error.error != QJsonParseError::NoError) {
-        throw wrongUse(QStringLiteral("%1 is not valid JSON: %2 (at byte %3).")
+        throw wrongUse(QString("%1 is not valid JSON: %2 (at byte %3).")
                            .arg(path, error.errorString())
                            .arg(error.offset),
-                       QStringLiteral("An OpenVPN profile is for connect, without --server."));
+                       "An OpenVPN profile is for connect, without --server.");
     }
     if (!document.isObject())
-        throw wrongUse(QStringLiteral("%1 must hold one JSON object.").arg(path));
+        throw wrongUse(QString("%1 must hold one JSON object.").arg(path));
     const QJsonObject object = document.object();
     const auto check = [&path](bool isGood, const char *key, const QString &complaint) {
         if (!isGood)
-            throw wrongUse(
-                QStringLiteral("%1: \"%2\" %3.").arg(path, QLatin1String(key), complaint));
+            throw wrongUse(QString("%1: \"%2\" %3.").arg(path, key, complaint));
     };
 
     Server server;
-    for (const TextField &field : kTextFields) {
-        const QJsonValue value = object[QLatin1String(field.key)];
-        check(value.isUndefined() || value.isString(), field.key, QStringLiteral("must be a text"));
-        server.*field.field = value.toString();
+    for (const auto &[key, field] : kTexts) {
+        const QJsonValue value = object[key];
+        check(value.isUndefined() || value.isString(), key, "must be a text");
+        server.*field = value.toString();
     }
     check(isHost(server.host), "host",
-          server.host.isEmpty() ? QStringLiteral("is missing")
-                                : QStringLiteral("is no host name or address"));
-    for (const NumberField &field : kNumberFields) {
-        const QJsonValue value = object[QLatin1String(field.key)];
+          server.host.isEmpty() ? "is missing" : "is no host name or address");
+    for (const auto &[key, field, lowest, highest] : kNumbers) {
+        const QJsonValue value = object[key];
         if (value.isUndefined())
             continue;
         // Written so that numbers with a fraction, and no numbers, are wrong.
         const double number = value.toDouble(0.5);
-        check(number >= field.lowest && number <= field.highest
-                  && number == static_cast<qint32>(number),
-              field.key,
-              QStringLiteral("must be a whole number from %1 to %2")
-                  .arg(field.lowest)
-                  .arg(field.highest));
-        server.*field.field = static_cast<qint32>(number);
+        check(number >= lowest && number <= highest && number == static_cast<qint32>(number), key,
+              QString("must be a whole number from %1 to %2").arg(lowest).arg(highest));
+        server.*field = static_cast<qint32>(number);
     }
     for (const PemSetting &setting : kPemSettings) {
         QString &field = server.*setting.field;
-        if (field.contains(QLatin1String("-----BEGIN")))
-            field =
-                pemFromText(setting, field,
-                            QStringLiteral("\"%1\" in %2").arg(QLatin1String(setting.name), path));
+        if (field.contains("-----BEGIN"))
+            field = pemFromText(setting, field, QString("\"%1\" in %2").arg(setting.name, path));
         else if (!field.isEmpty())
             field = pemFromFile(setting, field, QFileInfo(path).absoluteDir());
     }

@@ -2,6 +2,7 @@
 
 #include "vpnserverinformation.h"
 
+#include <QtCore/QStringList>
 #include <QtCore/QVector>
 
 namespace vpnctl {
@@ -35,20 +36,20 @@ struct Weakness
 
 using Weaknesses = QVector<Weakness>;
 
-constexpr int kMinPort = 1;
 constexpr int kMaxPort = 65'535;
 constexpr int kStandardPort = 1194; ///< of OpenVPN
 
 /// @return whether @p text is a host name or an address, and not, say, a URL: ASCII letters,
-///         digits, dots, hyphens, underscores, colons and percent signs (fe80::1%en0). It has at
-///         most 235 characters, the most that fit into OpenVPN's line "remote HOST PORT".
+///         digits, dots, hyphens, underscores, percent signs and colons (fe80::1%en0), but not one
+///         colon, which would be a port's. It has at most 235 characters, the most that fit into
+///         OpenVPN's line "remote HOST PORT".
 bool isHost(const QString &text);
 
 /// Where a connect command is to go, and what its user should know about it.
 struct TargetList
 {
     Targets targets; ///< in the order in which to try them, at least one
-    QString note; ///< one sentence, or empty
+    QStringList notCarriedOver; ///< as of an OvpnProfile, like the rest
     Weaknesses weaknesses;
 };
 

@@ -1,4 +1,4 @@
-#include "connectcommand.h"
+#include "command.h"
 #include "ipcurls.h"
 #include "pemtexts.h"
 #include "privateroot.h"
@@ -150,9 +150,9 @@ private Q_SLOTS:
         m_options.limits.silence = std::chrono::milliseconds(silenceMs);
         m_options.limits.firstPause = 20ms;
         holdAndStop(endpoint);
-        QTRY_COMPARE(endpoint.commands.join(QLatin1Char(' ')), commands);
+        QTRY_COMPARE(endpoint.commands.join(' '), commands);
         QTest::qWait(50);
-        QCOMPARE(endpoint.commands.join(QLatin1Char(' ')), commands);
+        QCOMPARE(endpoint.commands.join(' '), commands);
         QCOMPARE(m_finished.has_value(), once);
         QCOMPARE(m_finished.value_or(ExitCode::Failed), ExitCode::Failed);
     }

@@ -13,7 +13,7 @@ namespace {
 
 std::variant<Options, QString> read(const QString &arguments, int width = 80)
 {
-    const QStringList words = arguments.split(QLatin1Char(' '), Qt::SkipEmptyParts);
+    const QStringList words = arguments.split(' ', Qt::SkipEmptyParts);
     return readCommandLine(QStringList{"vpnctl"} + words, width);
 }
 
@@ -24,8 +24,8 @@ QStringList linesOf(const QString &program, const QStringList &arguments)
     process.setWorkingDirectory(QStringLiteral(TALVEX_SOURCES));
     process.start(program, arguments);
     process.waitForFinished();
-    QStringList lines = QString::fromUtf8(process.readAllStandardOutput())
-                            .split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+    QStringList lines =
+        QString::fromUtf8(process.readAllStandardOutput()).split('\n', Qt::SkipEmptyParts);
     lines.removeDuplicates();
     lines.sort();
     return lines;
@@ -63,8 +63,8 @@ private Q_SLOTS:
     void whatCannotWorkIsSaidAtOnce_data()
     {
         QTest::addColumn<QString>("start");
-        const auto row = [](const char *arguments, const char *start) {
-            QTest::newRow(arguments) << QString::fromLatin1(start);
+        const auto row = [](const QString &arguments, const QString &start) {
+            QTest::newRow(qPrintable(arguments)) << start;
         };
         for (const char *arguments : {"--help", "-h", "help", "help --json"})
             row(arguments, "Drive the VPN daemon");
@@ -88,11 +88,9 @@ private Q_SLOTS:
         row("connect --host a --cert b --key c", "--host requires --ca.");
         row("connect --host a --port 65536", "--port: Value 65536 not in range 1 to 65535.");
         row("connect --host a --port 0", "--port: Value 0 not in range 1 to 65535.");
-        row("connect --host a.b:443 --ca c --cert d --key e",
-            "--host takes no port. Use --host a.b --port 443.");
-        row("connect --host [fe80::1]:443 --ca c --cert d --key e",
-            "--host takes no port. Use --host fe80::1 --port 443.");
-        row("connect --host a_/b --ca c --cert d --key e", "\"a_/b\" is no host name or address.");
+        for (const char *host : {"a.b:443", "[fe80::1]:443", "a_/b"})
+            row(QString("connect --ca c --cert d --key e --host %1").arg(host),
+                QString("\"%1\" is no host name or address. A port goes with --port.").arg(host));
         row("connect none.ovpn", "Cannot read the profile none.ovpn: No such file or directory.");
         for (const char *arguments : {"connect o.ovpn", "connect --config o.ovpn --udp"})
             row(arguments, "o.ovpn lacks: ca, cert, key. openvpn needs");
@@ -122,7 +120,7 @@ private Q_SLOTS:
             else
                 said = std::get<QString>(line);
         } catch (const Problem &problem) {
-            said = problem.text + QLatin1Char(' ') + problem.advice;
+            said = problem.text + ' ' + problem.advice;
             QVERIFY(problem.exitCode == ExitCode::WrongUse);
         }
         QVERIFY2(said.startsWith(start), qPrintable(said));
@@ -133,7 +131,7 @@ private Q_SLOTS:
         const QString wide = std::get<QString>(read("connect --help", 0));
         const QString narrow = std::get<QString>(read("connect --help", 50));
         QCOMPARE(narrow.simplified(), wide.simplified());
-        for (const QString &line : narrow.section("Examples", 0, 0).split(QLatin1Char('\n')))
+        for (const QString &line : narrow.section("Examples", 0, 0).split('\n'))
             QVERIFY2(line.size() <= 50, qPrintable(line));
     }
 
@@ -157,8 +155,7 @@ private Q_SLOTS:
     void bashOffersWhatFits()
     {
         QFETCH(QString, offers);
-        const QStringList words =
-            QString::fromLatin1(QTest::currentDataTag()).split(QLatin1Char(' '));
+        const QStringList words = QString::fromLatin1(QTest::currentDataTag()).split(' ');
         const QStringList lines =
             linesOf("/bin/bash",
                     QStringList{"--norc", "-c",
@@ -167,7 +164,7 @@ private Q_SLOTS:
                                 "printf '%s\\n' \"${COMPREPLY[@]}\"",
                                 "bash", QStringLiteral(TALVEX_VPNCTL)}
                         + words);
-        QCOMPARE(lines.join(QLatin1Char(' ')), offers);
+        QCOMPARE(lines.join(' '), offers);
     }
 
     void everyKeyInTheDaemonsSourcesIsExplained()
@@ -182,8 +179,8 @@ private Q_SLOTS:
         QStringList explained;
         for (const Explanation &explanation : explanations()) {
             explained.append(explanation.key);
-            QVERIFY2(explanation.text.endsWith(QLatin1Char('.')), qPrintable(explanation.key));
-            QVERIFY2(explanation.advice.endsWith(QLatin1Char('.')), qPrintable(explanation.key));
+            QVERIFY2(explanation.text.endsWith('.'), qPrintable(explanation.key));
+            QVERIFY2(explanation.advice.endsWith('.'), qPrintable(explanation.key));
         }
         explained.sort();
         QCOMPARE(explained, keys);

@@ -59,23 +59,20 @@ private Q_SLOTS:
     void everyEventIsInTheManualPage()
     {
         const QString manual = contentOf("docs/man/vpnctl.1.md").section("# JSON", 1);
-        const QRegularExpression key("\\{QStringLiteral\\(\"([a-zA-Z]+)\"\\), ");
-        const QString folder = "tools/vpnctl/";
+        const QRegularExpression call("\\bprint\\(\\s*\"(\\w+)\"([^;]*)");
+        const QRegularExpression key("\\{\"(\\w+)\", ");
         int keys = 0;
-        for (const QString &file :
-             QDir(QStringLiteral(TALVEX_SOURCES "/") + folder).entryList({"*.cpp"})) {
-            const QStringList calls =
-                contentOf(folder + file).split(QRegularExpression("\\bprint\\(\\s*\""));
-            for (const QString &call : calls.mid(1)) {
-                const QString event = call.section(QLatin1Char('"'), 0, 0);
+        for (const QString &file : QDir(TALVEX_SOURCES "/tools/vpnctl").entryList({"*.cpp"})) {
+            for (auto calls = call.globalMatch(contentOf("tools/vpnctl/" + file));
+                 calls.hasNext();) {
+                const auto match = calls.next();
+                const QString event = match.captured(1);
                 const QString entry =
-                    manual.section(QString("\n**%1**\n").arg(event), 1).section("\n\n", 0, 0);
+                    manual.section("\n**" + event + "**\n", 1).section("\n\n", 0, 0);
                 QVERIFY2(!entry.isEmpty(), qPrintable(event));
-                for (auto match = key.globalMatch(call.section(QLatin1Char(';'), 0, 0));
-                     match.hasNext(); ++keys) {
-                    const QString name = match.next().captured(1);
-                    QVERIFY2(entry.contains(QString("\"%1\"").arg(name)),
-                             qPrintable(event + QLatin1Char(' ') + name));
+                for (auto matches = key.globalMatch(match.captured(2)); matches.hasNext(); ++keys) {
+                    const QString name = matches.next().captured(1);
+                    QVERIFY2(entry.contains('"' + name + '"'), qPrintable(event + ' ' + name));
                 }
             }
         }
@@ -139,7 +136,7 @@ private Q_SLOTS:
 
     void outputThatDoesNotBlockIsWaitedFor()
     {
-        const QString longText(1'000'000, QLatin1Char('x'));
+        const QString longText(1'000'000, 'x');
         int ends[2];
         QVERIFY(::pipe(ends) == 0);
         ::fcntl(ends[1], F_SETFL, O_NONBLOCK);

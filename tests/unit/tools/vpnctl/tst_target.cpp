@@ -31,7 +31,7 @@ QStringList linesFor(const QString &arguments)
 {
     QStringList lines;
     try {
-        const QStringList words = ("vpnctl connect " + arguments).split(QLatin1Char(' '));
+        const QStringList words = ("vpnctl connect " + arguments).split(' ');
         const TargetList list = readTargets(std::get<Options>(readCommandLine(words)));
         for (const Target &target : list.targets) {
             lines.append(QString("%1 %2 %3")
@@ -39,11 +39,11 @@ QStringList linesFor(const QString &arguments)
                              .arg(target.port())
                              .arg(transportName(target.transport)));
         }
-        if (!list.note.isEmpty())
-            lines.append(list.note);
+        if (!list.notCarriedOver.isEmpty())
+            lines.append("not carried over: " + list.notCarriedOver.join(' '));
         for (const Weakness &weakness : list.weaknesses) {
             lines.append("weaker: " + weakness.directive);
-            if (!weakness.text.endsWith(QLatin1Char('.')))
+            if (!weakness.text.endsWith('.'))
                 lines.append("no sentence");
         }
     } catch (const Problem &problem) {
@@ -97,7 +97,7 @@ private Q_SLOTS:
         profile("remote a 1 tcp6\nremote b 2 udp4", "a 1 TCP|b 2 UDP");
 
         profile("remote a\nverb 3\nroute 10.0.0.0\nmute 4\nroute 10.1.0.0\nkeepalive 1 2",
-                "a 1194 UDP|Not carried over from the profile: route, keepalive.");
+                "a 1194 UDP|not carried over: route keepalive");
         profile("remote a\ndev tun3\nremote-cert-tls server\ncipher AES-256-CBC\nreneg-sec 0",
                 "a 1194 UDP");
         profile("remote a\ndev tap\nremote-cert-tls client\ncipher AES-128-CBC\nreneg-sec 9",
@@ -169,7 +169,7 @@ private Q_SLOTS:
         write("r.json", json(content + kRecordKeys));
         write("file", content);
         lines.replace("FOLDER", m_folder.path().toLocal8Bit());
-        QCOMPARE(linesFor(QString::fromLatin1(arguments)).join(QLatin1Char('|')).toUtf8(), lines);
+        QCOMPARE(linesFor(QString::fromLatin1(arguments)).join('|').toUtf8(), lines);
     }
 
     void everyFieldIsRead()
@@ -217,8 +217,7 @@ private Q_SLOTS:
                 .arg(1194)
                 .arg("/Resources");
         write("o.ovpn", daemonsOwn.toLatin1());
-        QCOMPARE(linesFor("o.ovpn"),
-                 (QStringList{"a 1194 UDP", "Not carried over from the profile: up, down."}));
+        QCOMPARE(linesFor("o.ovpn"), (QStringList{"a 1194 UDP", "not carried over: up down"}));
     }
 
     void pemIsTakenWithoutWhatStandsAround_data()
@@ -241,7 +240,7 @@ private Q_SLOTS:
             QString("Certificate:\n    up /tmp/x\n%1</ca>\nup /tmp/x\n").arg(certificate),
             certificate);
         row("chain", 0, certificate + certificate, certificate + certificate);
-        row("carriage returns, no end", 0, certificate.trimmed().replace(QLatin1Char('\n'), "\r\n"),
+        row("carriage returns, no end", 0, certificate.trimmed().replace('\n', "\r\n"),
             certificate);
         row("key", 2, pemtexts::block("RSA PRIVATE KEY"), pemtexts::block("RSA PRIVATE KEY"));
         row("no block", 0, "QUJD\n", none);
