@@ -39,27 +39,6 @@ class VpnctlOptions : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void everyOptionIsRead()
-    {
-        const auto connect =
-            std::get<Options>(read("--json connect --host a --port 7 --ca b --cert c --key=d --tcp "
-                                   "--accept-weaker --once --detach --timeout 8"));
-        QVERIFY(connect.command == Options::Command::Connect);
-        QVERIFY(connect.json && connect.acceptWeaker && connect.once && connect.detach);
-        QCOMPARE(connect.host, "a");
-        QCOMPARE(connect.port, 7);
-        QCOMPARE(connect.caPath + connect.certPath + connect.keyPath, "bcd");
-        QVERIFY(connect.transport() == Transport::Tcp);
-        QCOMPARE(connect.answerLimit.count(), 8);
-
-        const auto raw = std::get<Options>(read("raw {} --server e --endpoint 9"));
-        QVERIFY(raw.command == Options::Command::Raw);
-        QCOMPARE(raw.message + raw.recordPath, "{}e");
-        QCOMPARE(raw.endpoint, 9);
-        QVERIFY(!raw.transport());
-        QCOMPARE(std::get<Options>(read("report f")).folder, "f");
-    }
-
     void whatCannotWorkIsSaidAtOnce_data()
     {
         QTest::addColumn<QString>("start");
@@ -185,20 +164,6 @@ private Q_SLOTS:
         explained.sort();
         QCOMPARE(explained, keys);
         QCOMPARE(keys.size(), 6);
-    }
-
-    void adviceNamesWhatTheLaunchdJobHas()
-    {
-        const QString manual = "docs/man/vpnctl.1.md";
-        const QString program = "tools/vpnctl/command.cpp";
-        const QString job = "packaging/macos/TalvexVpnd.plist";
-        for (const auto &[text, files] :
-             std::initializer_list<std::pair<const char *, QStringList>>{
-                 {"<string>com.talvex.talvexvpnd</string>", {job}},
-                 {"system/com.talvex.talvexvpnd", {manual, program}},
-                 {"/Library/LaunchDaemons/TalvexVpnd.plist", {manual, program}}}) {
-            QCOMPARE(linesOf("grep", QStringList{"-lF", QLatin1String(text)} + files), files);
-        }
     }
 };
 

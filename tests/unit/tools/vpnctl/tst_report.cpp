@@ -90,10 +90,6 @@ private Q_SLOTS:
             QTest::newRow(name) << form << QString::fromLatin1(answer) << success
                                 << QByteArray(line);
         };
-        row("connect", Form::Text, R"({"cmd":"connect"})", true, "Connected after 1.2 s.");
-        row("failed connect", Form::Text, R"({"cmd":"connect"})", false,
-            "Not connected after 1.2 s: no luck");
-        row("disconnect", Form::Text, R"({"cmd":"disconnect"})", true, "Disconnected after 1.2 s.");
         row("failed disconnect", Form::Text, R"({"cmd":"disconnect"})", false,
             "Not disconnected after 1.2 s: no luck");
         row("no JSON", Form::Text, "pardon?", true, "Answer pardon? after 1.2 s.");

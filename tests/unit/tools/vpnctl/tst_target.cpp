@@ -147,8 +147,8 @@ private Q_SLOTS:
                 "r.json: \"udpPort\" must be a whole number from 0 to 65535.");
         row("--host a --ca c.crt --cert c.crt --key k.key", {}, "a 1194 UDP");
         row("--host a --ca c.crt --cert c.crt --key k.key --tcp --port 443", {}, "a 443 TCP");
-        row("--host a --ca k.key --cert c.crt --key k.key", {},
-            "FOLDER/k.key holds no certificate in PEM form (\"-----BEGIN ...\").");
+        row("--host a --ca none --cert c.crt --key k.key", {},
+            "Cannot read the ca file FOLDER/none: No such file or directory.");
 
         row("file", "remote a\ncert c.crt", "file lacks: ca, key.");
         row("--server file", json("{'host':'a','udpPort':1,'ca':'c.crt'}"),
