@@ -80,6 +80,16 @@ private Q_SLOTS:
         QCOMPARE(dnsServers(), kDnsBefore);
     }
 
+    void onceEndsWithTheTunnel()
+    {
+        VpnctlProcess vpnctl;
+        vpnctl.begin(kConnect + " --once");
+        QTRY_VERIFY(eventsIn(vpnctl.lines()).endsWith("up"));
+        QVERIFY(killOpenvpn());
+        QCOMPARE(vpnctl.exitCodeWithin(), 1);
+        QVERIFY(eventsIn(vpnctl.lines()).endsWith("up gone disconnecting answer"));
+    }
+
     void statusFindsADetachedTunnel()
     {
         VpnctlProcess vpnctl;

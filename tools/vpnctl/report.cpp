@@ -101,9 +101,8 @@ QString wrapped(const QString &text, int width, int indent)
     return lines.join('\n');
 }
 
-Report::Report(Form form, QObject *parent)
-    : QObject(parent)
-    , m_form(form)
+Report::Report(Form form)
+    : m_form(form)
     , m_isLive(form == Form::Text && ::isatty(STDOUT_FILENO) && qgetenv("TERM") != "dumb")
 {
 }
@@ -123,10 +122,7 @@ void Report::problem(const Problem &problem)
     QString text = "vpnctl: " + problem.text;
     if (!problem.advice.isEmpty())
         text += "\nWhat to do: " + problem.advice;
-    print("error",
-          {{"exit", static_cast<int>(problem.exitCode)},
-           {"text", problem.text},
-           {"advice", problem.advice}},
+    print("error", {{"exit", problem.exitCode}, {"text", problem.text}, {"advice", problem.advice}},
           text, STDERR_FILENO);
 }
 

@@ -49,7 +49,7 @@ class Report : public QObject
 public:
     enum class Form { Text, Json };
 
-    explicit Report(Form form, QObject *parent = nullptr);
+    explicit Report(Form form);
     ~Report() override;
 
     /// Prints an event.

@@ -57,10 +57,7 @@ struct TargetList
 /// @throws Problem when they are wrong, or lack ca, cert or key.
 TargetList readTargets(const Options &options);
 
-/// Reads a server record as support staff write it: a JSON object with the keys "name", "id",
-/// "info", "host", "ca", "key", "cert", "udpPort" and "tcpPort", all but "host" optional. "ca",
-/// "key" and "cert" are paths of PEM files, relative ones relative to the record, or the PEM text
-/// itself. A port that is missing or 0 means that the server does not serve the transport.
+/// Reads a server record, which the manual page describes. A port that is missing is 0.
 /// @throws Problem when the record is wrong.
 VpnServerInformation readServerRecord(const QString &path);
 
