@@ -218,8 +218,6 @@ void addEverything(CLI::App &app, Options &options)
         connect->get_option(name)->needs(host);
         host->needs(connect->get_option(name));
     }
-    connect->get_option("--config")->excludes(host)->excludes(connect->get_option("--server"));
-    connect->get_option("--server")->excludes(host);
     connect->get_option("--udp")->excludes(connect->get_option("--tcp"));
 }
 
@@ -228,9 +226,12 @@ void check(const Options &options)
 {
     if (options.command != Options::Command::Connect)
         return;
-    if (options.configPath.isEmpty() && options.recordPath.isEmpty() && options.host.isEmpty()) {
-        throw wrongUse("Nothing says where to connect to.",
-                       "Name a profile, as in \"vpnctl connect office.ovpn\", or use "
+    const int sources =
+        !options.configPath.isEmpty() + !options.recordPath.isEmpty() + !options.host.isEmpty();
+    if (sources != 1) {
+        throw wrongUse(sources == 0 ? "Nothing says where to connect to."
+                                    : "There is more than one place to connect to.",
+                       "Name one profile, as in \"vpnctl connect office.ovpn\", or use "
                        "--server or --host.");
     }
     if (!options.host.isEmpty() && !isHost(options.host))

@@ -60,8 +60,9 @@ private Q_SLOTS:
         row("raw", "TEXT is required.");
         row("raw {} --timeout x", "--timeout: Value x not in range 1 to 3600.");
         row("connect", "Nothing says where to connect to.");
-        row("connect a --server b", "--config excludes --server.");
-        row("connect --server b --host a", "--server excludes --host.");
+        row("connect a --server b", "There is more than one place to connect to.");
+        row("connect --server b --host a --ca c --cert d --key e",
+            "There is more than one place to connect to.");
         row("connect a --udp --tcp", "--udp excludes --tcp.");
         row("connect a --port 1", "--port requires --host.");
         row("connect --host a --cert b --key c", "--host requires --ca.");
