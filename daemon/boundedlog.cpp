@@ -54,8 +54,10 @@ void makeRoom(qint64 bytes)
     const QByteArray kept = newestLines(status.st_size);
     if (::ftruncate(STDERR_FILENO, 0) != 0)
         return;
-    std::fputs("Older lines were removed: the log was full\n", stderr);
-    std::fwrite(kept.constData(), 1, static_cast<std::size_t>(kept.size()), stderr);
+    // There is nowhere to tell of a failure.
+    static_cast<void>(std::fputs("Older lines were removed: the log was full\n", stderr));
+    static_cast<void>(
+        std::fwrite(kept.constData(), 1, static_cast<std::size_t>(kept.size()), stderr));
 }
 
 void writeWithinLimit(QtMsgType type, const QMessageLogContext &context, const QString &message)

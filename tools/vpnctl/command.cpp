@@ -216,7 +216,7 @@ Seconds Command::answerArrived()
 
 Problem Command::lateAnswer() const
 {
-    const auto seconds = m_limit.intervalAsDuration() / 1s;
+    const auto seconds = m_limit.interval() / 1000;
     if (!m_service.replica || !m_service.replica->isInitialized()) {
         return {
             ExitCode::NoAnswer,

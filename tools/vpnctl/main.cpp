@@ -61,7 +61,7 @@ void onStopSignal(QObject *context, const std::function<void()> &handle)
         // Whoever starts the program with a signal ignored, like nohup(1), wants it to outlast
         // that.
         if (std::signal(signal, SIG_IGN) != SIG_IGN)
-            std::signal(signal, writeToSignalPipe);
+            static_cast<void>(std::signal(signal, writeToSignalPipe));
     }
 }
 

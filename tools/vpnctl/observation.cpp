@@ -127,7 +127,7 @@ QVector<int> endpointsWithSockets()
 
 QStringList dnsServers()
 {
-    static const QRegularExpression server("^ *nameserver(?:\\[[0-9]+\\] :)? (\\S+)",
+    static const QRegularExpression server(R"(^ *nameserver(?:\[[0-9]+\] :)? (\S+))",
                                            QRegularExpression::MultilineOption);
     const QString text =
         QString::fromUtf8(outputOf("scutil --dns 2>/dev/null || cat /etc/resolv.conf 2>/dev/null"));

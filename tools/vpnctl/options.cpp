@@ -192,7 +192,7 @@ void addEverything(CLI::App &app, Options &options)
 {
     app.require_subcommand(1);
     app.description("Drive the VPN daemon talvexvpnd from the terminal.");
-    app.footer("\"vpnctl COMMAND --help\" shows what a command takes. \"man vpnctl\" has more.");
+    app.footer(R"("vpnctl COMMAND --help" shows what a command takes. "man vpnctl" has more.)");
     app.set_help_flag("-h,--help", "Print this help; after a command, the command's.");
     app.set_version_flag("-v,-V,--version", "vpnctl " TALVEX_VERSION, "Print the version.");
     for (const OptionRow &row : kOptions) {

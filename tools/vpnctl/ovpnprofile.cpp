@@ -230,7 +230,7 @@ private:
 
     void leaveOut(const QStringList &words)
     {
-        const QString name = words.first();
+        const QString &name = words.first();
         const bool isTun =
             name == "dev" && words.value(1).startsWith("tun"); // its number is openvpn's affair
         if (isTun || isIn(kHarmless, ' ', name) || isIn(kSameInDaemon, '|', words.join(' '))

@@ -113,7 +113,7 @@ QString transportName(Transport transport)
 
 bool isHost(const QString &text)
 {
-    static const QRegularExpression pattern("\\A(?![^:]*:[^:]*\\z)[A-Za-z0-9._:%-]{1,235}\\z");
+    static const QRegularExpression pattern(R"(\A(?![^:]*:[^:]*\z)[A-Za-z0-9._:%-]{1,235}\z)");
     return pattern.match(text).hasMatch();
 }
 
