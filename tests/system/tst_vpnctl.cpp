@@ -482,6 +482,28 @@ private Q_SLOTS:
         QCOMPARE(standins::runningOpenvpns(), 0);
     }
 
+    void answerToSomebodyElseComesTooLateToBePrinted()
+    {
+        Client client;
+        QVERIFY(client.attachToNewEndpoint());
+        client.connectUdp(standins::serverFor("connects"));
+        QTRY_COMPARE(client.answers().size(), 1);
+        // While openvpn stands still, both disconnects come; then vpnctl gets both answers at once.
+        const auto openvpn = static_cast<pid_t>(standins::openvpnStarts().value(0).pid);
+        ::kill(openvpn, SIGSTOP);
+        VpnctlProcess vpnctl;
+        vpnctl.begin("disconnect --endpoint 1");
+        QTRY_COMPARE(m_daemon->count("result params  \"disconnect\""), 1);
+        client.disconnectTunnel();
+        QTRY_COMPARE(m_daemon->count("result params  \"disconnect\""), 2);
+        vpnctl.raise(SIGSTOP);
+        ::kill(openvpn, SIGCONT);
+        QTRY_COMPARE(client.answers().size(), 3);
+        vpnctl.raise(SIGCONT);
+        QCOMPARE(vpnctl.exitCodeWithin(), kDone);
+        QCOMPARE(saidBy(vpnctl), "Disconnected after T s.");
+    }
+
     void watchPrintsTheAnswersOfOthers()
     {
         Client client;

@@ -164,7 +164,11 @@ void Command::open(Link<Replica> &link, const QString &name, void (Command::*nex
         link.node.addClientSideConnection(&link.socket);
         link.replica.reset(link.node.template acquire<Replica>());
         if constexpr (std::is_same_v<Replica, ServiceInterfaceReplica>)
-            connect(link.replica.data(), &Replica::vpn_cmd_result, this, &Command::answered);
+            connect(link.replica.data(), &Replica::vpn_cmd_result, this,
+                    [this](const QString &message, const OperationResult &result) {
+                        if (!m_isFinished) // another answer may come before the program ends
+                            answered(message, result);
+                    });
         connect(link.replica.data(), &Replica::stateChanged, this, [this, next](auto state) {
             if (state == QRemoteObjectReplica::SignatureMismatch)
                 finishWith({ExitCode::NoDaemon,
