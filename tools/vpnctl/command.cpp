@@ -64,9 +64,8 @@ Problem connectionProblem(const Problem &otherwise)
 /// Whoever has the name of a socket could take a private key for himself.
 std::optional<Problem> peerProblem(const QLocalSocket &socket)
 {
-    constexpr quint32 kRoot = 0;
     const quint32 user = userOfPeer(static_cast<int>(socket.socketDescriptor()));
-    if (user == kRoot)
+    if (user == kRootUser)
         return {};
     return Problem{ExitCode::NoDaemon,
                    QString("The program at the other end of %1 is not root's, but that of user %2. "

@@ -46,6 +46,7 @@ struct ReportFile
     const char *name;
     const char *meaning;
     const char *script; ///< whose output it is; $0 is vpnctl
+    bool hasSecrets = false; ///< which are left out
 };
 
 constexpr ReportFile kReportFiles[] = {
@@ -63,7 +64,7 @@ constexpr ReportFile kReportFiles[] = {
         echo "exit status $?"
         launchctl print-disabled system)"},
     {"log.txt", "the end of the daemon's log, if you may read it, without addresses and keys",
-     "tail -c 4000000 /var/log/talvexvpnd.log"},
+     "tail -c 4000000 /var/log/talvexvpnd.log", true},
 };
 
 /// @return what a script for sh(1) prints within ten seconds. In it, $0 is this program.
@@ -179,7 +180,7 @@ void makeReportFolder(const QString &path, Report &report)
         report.print("file", {{"path", file.fileName()}, {"text", entry.meaning}},
                      QString("%1: %2").arg(file.fileName(), entry.meaning));
         QString text = QString::fromUtf8(outputOf(entry.script));
-        if (&entry == std::end(kReportFiles) - 1)
+        if (entry.hasSecrets)
             text = withoutSecrets(text);
         if (!file.open(QIODevice::WriteOnly) || file.write(text.toUtf8()) < 0 || !file.flush())
             throw cannot(file.fileName());

@@ -1,13 +1,13 @@
 #include "commandtotals.h"
 
+#include "peeruser.h"
+
 #include <QtTest/QtTest>
 
 using namespace std::chrono_literals;
 using Users = QVector<quint32>;
 
 namespace {
-
-constexpr quint32 kRoot = 0;
 
 } // namespace
 
@@ -53,7 +53,8 @@ private Q_SLOTS:
         QTest::addColumn<Users>("users");
         QTest::addColumn<int>("running");
         QTest::newRow("of one user") << Users{501, 501, 501} << 2;
-        QTest::newRow("of root") << Users{kRoot, kRoot, kRoot, kRoot, kRoot} << 4;
+        QTest::newRow("of root") << Users{kRootUser, kRootUser, kRootUser, kRootUser, kRootUser}
+                                 << 4;
         QTest::newRow("of all") << Users{501, 502, 501, 502, 503, 504} << 4;
         QTest::newRow("one user does not keep others waiting")
             << Users{501, 501, 501, 501, 502} << 3;
@@ -112,8 +113,8 @@ private Q_SLOTS:
         QTest::addColumn<bool>("isTooMany");
         QTest::newRow("of the user") << Users{501, 501, 501} << true;
         QTest::newRow("one less") << Users{501, 501, 502} << false;
-        QTest::newRow("of root") << Users{kRoot, kRoot, kRoot, 501} << false;
-        QTest::newRow("in all") << Users{kRoot, kRoot, 501, 502, 503} << true;
+        QTest::newRow("of root") << Users{kRootUser, kRootUser, kRootUser, 501} << false;
+        QTest::newRow("in all") << Users{kRootUser, kRootUser, 501, 502, 503} << true;
     }
 
     /// Four in all, two of one user.
