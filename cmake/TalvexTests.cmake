@@ -2,6 +2,8 @@
 # costs less when it runs.
 set(talvexTestOptions -O0 -g1 -UQT_NO_CAST_FROM_ASCII)
 
+set(TALVEX_TEST_TIMEOUT 60 CACHE STRING "After how many seconds most tests are taken to hang")
+
 # talvex_add_test(<name> SOURCES <file>... [LIBRARIES <target>...]
 #                 [PRIVATE_ROOT] [NEEDS tun|net...] [TIMEOUT <seconds>] [LABELS <label>...])
 #
@@ -15,8 +17,6 @@ set(talvexTestOptions -O0 -g1 -UQT_NO_CAST_FROM_ASCII)
 # PRIVATE_ROOT runs it in a private root (lab/private-root), labels it "private-root", and makes it
 # refuse to run anywhere else; NEEDS names what else the machine must provide. Where it does not, the
 # test is reported as skipped, with the reason.
-set(TALVEX_TEST_TIMEOUT 60 CACHE STRING "After how many seconds most tests are taken to hang")
-
 function(talvex_add_test name)
     cmake_parse_arguments(ARG "PRIVATE_ROOT" "TIMEOUT" "SOURCES;LIBRARIES;NEEDS;LABELS" ${ARGN})
     if(ARG_UNPARSED_ARGUMENTS)

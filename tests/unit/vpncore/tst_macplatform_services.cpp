@@ -219,8 +219,8 @@ private Q_SLOTS:
         QVERIFY2(timer.elapsed() >= 1'000 && timer.elapsed() < 10'000,
                  qPrintable(QString::number(timer.elapsed())));
         limits.tool = -1s; // so that there is no time at all
-        standins::writeTool("/tmp/work/networksetup", "exec sleep 120\n");
-        qputenv("PATH", "/tmp/work:" + m_searchPath);
+        standins::writeTool("/tmp/tools/networksetup", "exec sleep 120\n");
+        qputenv("PATH", "/tmp/tools:" + m_searchPath);
         timer.start();
         compareSuccess(MacPlatform(limits).disconnect());
         QVERIFY2(timer.elapsed() < 10'000, qPrintable(QString::number(timer.elapsed())));
