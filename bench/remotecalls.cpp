@@ -1,3 +1,4 @@
+#include "files.h"
 #include "subjects.h"
 
 #include "ipcserver.h"
@@ -29,7 +30,7 @@ double callsPerSecond(const Program &host, Client &client, Call call, const QByt
         call(client);
     pollUntil([&] { return QFileInfo(host.log()).size() >= end; }, "not every call was logged");
     const double seconds = (processorTime(host.pid()) - before) / 1e3;
-    require(contentOf(host.log()).mid(static_cast<int>(start)).count(line + '\n') == kCalls,
+    require(lab::contentOf(host.log()).mid(static_cast<int>(start)).count(line + '\n') == kCalls,
             "the log has other lines");
     return kCalls / seconds;
 }

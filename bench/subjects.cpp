@@ -2,12 +2,12 @@
 
 #include "dnsscripts.h"
 #include "ipcurls.h"
+#include "measures.h"
 #include "privateroot.h"
 
 #include <QtCore/QFile>
 #include <QtNetwork/QLocalSocket>
 
-#include <ctime>
 #include <stdexcept>
 #include <thread>
 
@@ -37,31 +37,21 @@ void require(bool holds, const char *text)
 
 double processorTime(qint64 pid)
 {
-    clockid_t clock = {};
-    timespec time = {};
-    require(clock_getcpuclockid(static_cast<pid_t>(pid), &clock) == 0
-                && clock_gettime(clock, &time) == 0,
-            "the program has ended");
-    return static_cast<double>(time.tv_sec) * 1e3 + static_cast<double>(time.tv_nsec) / 1e6;
+    const double time = measures::processorTime(pid);
+    require(time >= 0, "the program has ended");
+    return time;
 }
 
 double memoryOf(qint64 pid, const char *field)
 {
-    const QByteArray text = contentOf(QStringLiteral("/proc/%1/smaps_rollup").arg(pid));
-    const int start = text.indexOf('\n' + QByteArray(field) + ':');
-    require(start >= 0, "the memory of the program could not be read");
-    return text.mid(text.indexOf(':', start) + 1).simplified().split(' ').first().toDouble();
+    const qint64 memory = measures::memoryKiB(pid, field);
+    require(memory >= 0, "the memory of the program could not be read");
+    return static_cast<double>(memory);
 }
 
 double milliseconds(const QElapsedTimer &timer)
 {
     return static_cast<double>(timer.nsecsElapsed()) / 1e6;
-}
-
-QByteArray contentOf(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
 void pollUntil(const std::function<bool()> &isDone, const char *failure)

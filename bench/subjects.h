@@ -43,16 +43,11 @@ Rows remoteCallRows();
 /// Ends the row as failed, with @p text as the reason, unless @p holds.
 void require(bool holds, const char *text);
 
-/// @return what all threads of a process have used so far, user and system, in milliseconds.
+/// As of measures, for a program that has not ended.
 double processorTime(qint64 pid);
-
-/// @param field "Rss", or "Pss" for memory in which each page is divided by the number of processes
-///              that share it.
-/// @return KiB.
 double memoryOf(qint64 pid, const char *field);
 
 double milliseconds(const QElapsedTimer &timer);
-QByteArray contentOf(const QString &path);
 
 /// Waits for something that is no event of this process, by looking every millisecond.
 void pollUntil(const std::function<bool()> &isDone, const char *failure);

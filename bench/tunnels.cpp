@@ -1,3 +1,4 @@
+#include "files.h"
 #include "subjects.h"
 
 #include "asuser.h"
@@ -53,7 +54,7 @@ QString configurationFrom(AttachedClient &client, const VpnServerInformation &se
     const auto isCopied = [&copy] {
         const QDir folder(QStringLiteral("/tmp"), QStringLiteral("talvexvpnd.*"));
         for (const QFileInfo &file : folder.entryInfoList(QDir::Files)) {
-            if (contentOf(file.filePath()).contains("</key>"))
+            if (lab::contentOf(file.filePath()).contains("</key>"))
                 return QFile::copy(file.filePath(), copy);
         }
         return false;

@@ -21,13 +21,6 @@ void mustCopy(const QString &from, const QString &to)
         qFatal("cannot copy %s to %s", qPrintable(from), qPrintable(to));
 }
 
-bool isListening()
-{
-    QLocalSocket socket;
-    socket.connectToServer(shared::getIpcServiceUrl());
-    return socket.waitForConnected(100);
-}
-
 } // namespace
 
 DaemonProcess::DaemonProcess(Openvpn openvpn)
@@ -95,6 +88,13 @@ bool DaemonProcess::start()
     }
     m_log.clear();
     return true;
+}
+
+bool DaemonProcess::isListening()
+{
+    QLocalSocket socket;
+    socket.connectToServer(shared::getIpcServiceUrl());
+    return socket.waitForConnected(100);
 }
 
 void DaemonProcess::kill()

@@ -30,6 +30,9 @@ public:
     /// Sets a variable of the daemon's environment.
     void setEnvironment(const QString &name, const QString &value);
 
+    /// @return whether a daemon listens on its main socket, whoever started it.
+    static bool isListening();
+
     /// Starts the daemon and waits until it listens.
     /// @return false when it does not listen within some seconds.
     bool start();

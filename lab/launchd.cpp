@@ -1,12 +1,11 @@
 #include "launchd.h"
 
 #include "daemonprocess.h"
-#include "ipcurls.h"
+#include "files.h"
 
 #include <QtCore/QDeadlineTimer>
 #include <QtCore/QDir>
 #include <QtCore/QThread>
-#include <QtNetwork/QLocalSocket>
 
 #include <csignal>
 
@@ -17,13 +16,6 @@ constexpr int kLimitMs = 20'000;
 /// What launchd leaves a process group between SIGTERM and SIGKILL. How much a script gets done
 /// meanwhile is up to the machine.
 constexpr unsigned long kGraceMs = 20;
-
-bool isServing()
-{
-    QLocalSocket socket;
-    socket.connectToServer(shared::getIpcServiceUrl());
-    return socket.waitForConnected(100);
-}
 
 } // namespace
 
@@ -59,7 +51,7 @@ bool LaunchdJob::run()
     if (!startOnly())
         return false;
     const QDeadlineTimer deadline(kLimitMs);
-    while (!isServing()) {
+    while (!DaemonProcess::isListening()) {
         if (waitForFinished(20) || deadline.hasExpired())
             return false;
     }
@@ -86,6 +78,5 @@ bool LaunchdJob::crash(Survivors survivors)
 
 QByteArray LaunchdJob::log() const
 {
-    QFile file(QStringLiteral("/var/log/talvexvpnd.log"));
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+    return lab::contentOf(QStringLiteral("/var/log/talvexvpnd.log"));
 }

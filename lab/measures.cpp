@@ -1,8 +1,9 @@
 #include "measures.h"
 
-#include <QtCore/QFile>
+#include "files.h"
 
 #include <algorithm>
+#include <ctime>
 
 #include <unistd.h>
 
@@ -13,10 +14,8 @@ namespace {
 /// @return the number behind @p field in a file of /proc/PID, behind @p section if there is one.
 qint64 numberIn(qint64 pid, const char *name, const QByteArray &field, const char *section = "")
 {
-    QFile file(QStringLiteral("/proc/%1/%2").arg(pid).arg(QLatin1String(name)));
-    if (!file.open(QIODevice::ReadOnly))
-        return -1;
-    const QByteArray text = '\n' + file.readAll();
+    const QString path = QStringLiteral("/proc/%1/%2").arg(pid).arg(QLatin1String(name));
+    const QByteArray text = '\n' + lab::contentOf(path);
     const int start = text.indexOf(section);
     const int found = start < 0 ? -1 : text.indexOf('\n' + field + ':', start);
     return found < 0
@@ -31,10 +30,25 @@ qint64 statusOf(qint64 pid, const char *field)
     return numberIn(pid, "status", field);
 }
 
+qint64 memoryKiB(qint64 pid, const char *field)
+{
+    return numberIn(pid, "smaps_rollup", field);
+}
+
 qint64 stackKiB(qint64 pid)
 {
     // The pages that were ever touched; the size of the mapping starts beyond what is used.
     return numberIn(pid, "smaps", "Rss", "[stack]");
+}
+
+double processorTime(qint64 pid)
+{
+    clockid_t clock = {};
+    timespec time = {};
+    if (::clock_getcpuclockid(static_cast<pid_t>(pid), &clock) != 0
+        || ::clock_gettime(clock, &time) != 0)
+        return -1;
+    return static_cast<double>(time.tv_sec) * 1e3 + static_cast<double>(time.tv_nsec) / 1e6;
 }
 
 bool allowDescriptors(rlim_t number)

@@ -11,6 +11,15 @@ namespace measures {
 /// @return its value, memory in KiB; -1 when there is none.
 qint64 statusOf(qint64 pid, const char *field);
 
+/// @param field "Rss", or "Pss" for memory in which each page is divided by the number of processes
+///              that share it.
+/// @return KiB; -1 when the process has ended.
+qint64 memoryKiB(qint64 pid, const char *field);
+
+/// @return what all threads of a process have used so far, user and system, in milliseconds; -1
+///         when it has ended.
+double processorTime(qint64 pid);
+
 /// @return how far the stack of a process has ever grown, in KiB.
 qint64 stackKiB(qint64 pid);
 

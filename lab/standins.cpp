@@ -1,5 +1,7 @@
 #include "standins.h"
 
+#include "files.h"
+
 #include <QtCore/QDir>
 #include <QtCore/QFile>
 #include <QtCore/QProcess>
@@ -15,15 +17,9 @@ QString state(const QString &name)
     return QStringLiteral("/var/root/stand-ins/") + name;
 }
 
-QByteArray contentOf(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
 QStringList linesOf(const QString &path)
 {
-    return QString::fromUtf8(contentOf(path)).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+    return QString::fromUtf8(lab::contentOf(path)).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
 }
 
 void mustWrite(const QString &path, const QByteArray &content)
@@ -64,7 +60,7 @@ int runningOpenvpns()
 
 QByteArray configurationOf(const OpenvpnStart &start)
 {
-    return contentOf(state(QStringLiteral("openvpn/config.%1").arg(start.pid)));
+    return lab::contentOf(state(QStringLiteral("openvpn/config.%1").arg(start.pid)));
 }
 
 QByteArray configurationModeOf(const OpenvpnStart &start)
@@ -175,7 +171,7 @@ void forgetState()
 bool isAlive(qint64 pid)
 {
     // The state follows the name, which is in parentheses and may hold anything.
-    const QByteArray stat = contentOf(QStringLiteral("/proc/%1/stat").arg(pid));
+    const QByteArray stat = lab::contentOf(QStringLiteral("/proc/%1/stat").arg(pid));
     return !stat.isEmpty() && stat.mid(stat.lastIndexOf(')') + 2, 1) != "Z";
 }
 

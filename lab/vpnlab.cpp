@@ -1,5 +1,7 @@
 #include "vpnlab.h"
 
+#include "files.h"
+
 #include <QtCore/QFile>
 #include <QtCore/QJsonDocument>
 #include <QtCore/QJsonObject>
@@ -19,12 +21,6 @@ bool run(const QString &verb)
     return lab.waitForFinished(kLimitMs) && lab.exitCode() == 0;
 }
 
-QByteArray contentOf(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
 } // namespace
 
 namespace vpnlab {
@@ -42,9 +38,9 @@ bool down()
 VpnServerInformation server()
 {
     const QJsonObject record =
-        QJsonDocument::fromJson(contentOf(kFolder + QStringLiteral("/record.json"))).object();
+        QJsonDocument::fromJson(lab::contentOf(kFolder + QStringLiteral("/record.json"))).object();
     const auto textOf = [&record](const QString &field) {
-        return QString::fromUtf8(contentOf(record.value(field).toString()));
+        return QString::fromUtf8(lab::contentOf(record.value(field).toString()));
     };
     VpnServerInformation server;
     server.host = record.value(QStringLiteral("host")).toString();

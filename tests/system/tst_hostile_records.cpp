@@ -1,4 +1,5 @@
 #include "configtext.h"
+#include "files.h"
 #include "hostilerecords.h"
 #include "privateroot.h"
 #include "vpnlab.h"
@@ -46,10 +47,8 @@ QVector<Record> hostileRecords(const QString &field)
 /// @return what scripts have left that records named: their numbers, each with the user's id.
 QStringList traces()
 {
-    QFile file(kFolder + QStringLiteral("/traces"));
-    return file.open(QIODevice::ReadOnly)
-        ? QString::fromLatin1(file.readAll()).split(QLatin1Char('\n'), Qt::SkipEmptyParts)
-        : QStringList();
+    return QString::fromLatin1(lab::contentOf(kFolder + QStringLiteral("/traces")))
+        .split(QLatin1Char('\n'), Qt::SkipEmptyParts);
 }
 
 /// A run of the real openvpn, with a configuration as the daemon writes it.

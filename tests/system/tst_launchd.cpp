@@ -1,4 +1,5 @@
 #include "client.h"
+#include "files.h"
 #include "ipcurls.h"
 #include "launchd.h"
 #include "privateroot.h"
@@ -6,12 +7,6 @@
 #include <QtTest/QtTest>
 
 namespace {
-
-QByteArray contentOf(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
 
 bool shell(const QString &script)
 {
@@ -56,13 +51,13 @@ private Q_SLOTS:
                 .hasMatch());
         // It has taken the launcher's place, so launchd watches the daemon itself.
         const QString process = QStringLiteral("/proc/%1/").arg(job.processId());
-        QCOMPARE(contentOf(process + QStringLiteral("comm")), QByteArray("talvexvpnd\n"));
-        QVERIFY(contentOf(process + QStringLiteral("environ"))
+        QCOMPARE(lab::contentOf(process + QStringLiteral("comm")), QByteArray("talvexvpnd\n"));
+        QVERIFY(lab::contentOf(process + QStringLiteral("environ"))
                     .split('\0')
                     .contains(QByteArrayLiteral("HOME=/var/root")));
         QVERIFY(QRegularExpression(QStringLiteral("^Max open files +8192 +8192 "),
                                    QRegularExpression::MultilineOption)
-                    .match(QString::fromUtf8(contentOf(process + QStringLiteral("limits"))))
+                    .match(QString::fromUtf8(lab::contentOf(process + QStringLiteral("limits"))))
                     .hasMatch());
     }
 

@@ -1,4 +1,5 @@
 #include "daemonprocess.h"
+#include "files.h"
 #include "privateroot.h"
 #include "standins.h"
 #include "vpnctlprocess.h"
@@ -29,12 +30,6 @@ QString eventsIn(const QStringList &lines)
     for (const QString &line : lines)
         events.append(objectIn(line)["event"].toString());
     return events.join(' ');
-}
-
-QString contentOf(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
 }
 
 } // namespace
@@ -133,7 +128,7 @@ private Q_SLOTS:
         QCOMPARE(vpnctl.run("report " + folder), 0);
         QString content;
         for (const QString &line : vpnctl.lines())
-            content += contentOf(line.section(':', 0, 0));
+            content += lab::contentOf(line.section(':', 0, 0));
         QCOMPARE(QDir(folder).entryList(QDir::Files).size(), vpnctl.lines().size());
         for (const char *text :
              {"vpnctl 0.", "OpenVPN 2.", "Tunnel interfaces: tun0", "The daemon is there",

@@ -1,3 +1,4 @@
+#include "files.h"
 #include "privateroot.h"
 #include "standins.h"
 
@@ -17,12 +18,6 @@ QString scriptPath(const QString &name)
     return QCoreApplication::applicationDirPath() + "/../Resources/" + name;
 }
 
-QString contentOf(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QString();
-}
-
 /// All backups, "NAME=CONTENT", also those whose service has slashes in its name.
 QStringList backups()
 {
@@ -31,7 +26,7 @@ QStringList backups()
     QDirIterator files(folder, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
     while (files.hasNext()) {
         const QString path = files.next();
-        texts.append(path.mid(folder.size()) + '=' + contentOf(path));
+        texts.append(path.mid(folder.size()) + '=' + lab::contentOf(path));
     }
     texts.sort();
     return texts;
@@ -182,7 +177,7 @@ private Q_SLOTS:
             QVERIFY(resolver.waitForFinished(2'000));
         }
         QCOMPARE(down(), 0); // which has nothing to restore
-        QCOMPARE(contentOf("/tmp/flushes"), "-flushcache\n-flushcache\n");
+        QCOMPARE(lab::contentOf("/tmp/flushes"), QByteArray("-flushcache\n-flushcache\n"));
     }
 
     void upStopsAndTakesItsChangeBackWhenItsOpenvpnHasEnded_data()
@@ -214,8 +209,8 @@ private Q_SLOTS:
                        "foreign_option_1='dhcp-option DNS 10.8.0.1' \"$0\"\n:",
                        scriptPath("update_conf_up")});
         QVERIFY(openvpn.waitForFinished());
-        QTRY_VERIFY(!contentOf("/tmp/script").isEmpty());
-        QTRY_VERIFY(!standins::isAlive(contentOf("/tmp/script").trimmed().toLongLong()));
+        QTRY_VERIFY(!lab::contentOf("/tmp/script").isEmpty());
+        QTRY_VERIFY(!standins::isAlive(lab::contentOf("/tmp/script").trimmed().toLongLong()));
         QCOMPARE(settings(), before);
         QCOMPARE(backups(), saved);
     }

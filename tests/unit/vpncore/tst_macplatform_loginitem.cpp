@@ -1,3 +1,4 @@
+#include "files.h"
 #include "logcapture.h"
 #include "macplatform.h"
 #include "privateroot.h"
@@ -21,12 +22,6 @@ const QString kAddStatement =
     "{name: \"TalvexVPN\",path:\"%1\", hidden:false}";
 const QString kDeleteStatement =
     "tell application \"System Events\" to delete login item \"TalvexVPN\"";
-
-QByteArray contentOf(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
 
 } // namespace
 
@@ -97,9 +92,9 @@ private Q_SLOTS:
             MacPlatform().setRunOnStart(statement != kDeleteStatement);
         QCOMPARE(standins::calls("osascript"), Calls({{"-e", statement}}));
         QCOMPARE(QDir().entryList(QDir::Files | QDir::Hidden), QStringList(fileName));
-        QCOMPARE(contentOf(fileName), "osascript -e '" + statement.toUtf8() + '\'');
+        QCOMPARE(lab::contentOf(fileName), "osascript -e '" + statement.toUtf8() + '\'');
         QVERIFY(QFile::permissions(fileName) & QFile::ExeOwner);
-        QCOMPARE(contentOf("/tmp/elsewhere"), QByteArray());
+        QCOMPARE(lab::contentOf("/tmp/elsewhere"), QByteArray());
         QCOMPARE(log.lines().size(), statement == kListStatement ? 1 : 0);
     }
 

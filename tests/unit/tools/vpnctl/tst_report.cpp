@@ -1,3 +1,4 @@
+#include "files.h"
 #include "observation.h"
 #include "report.h"
 
@@ -41,10 +42,9 @@ QByteArray outputOf(Form form, const Print &print, int descriptor = STDOUT_FILEN
 }
 
 /// @param path below the project's folder.
-QString contentOf(const QString &path)
+QString sourceOf(const QString &path)
 {
-    QFile file(QStringLiteral(TALVEX_SOURCES "/") + path);
-    return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
+    return QString::fromUtf8(lab::contentOf(TALVEX_SOURCES "/" + path));
 }
 
 } // namespace
@@ -58,12 +58,12 @@ private Q_SLOTS:
     /// Each event of the source code, with the keys that stand between its name and its text.
     void everyEventIsInTheManualPage()
     {
-        const QString manual = contentOf("docs/man/vpnctl.1.md").section("# JSON", 1);
+        const QString manual = sourceOf("docs/man/vpnctl.1.md").section("# JSON", 1);
         const QRegularExpression call("\\bprint\\(\\s*\"(\\w+)\"([^;]*)");
         const QRegularExpression key("\\{\"(\\w+)\", ");
         int keys = 0;
         for (const QString &file : QDir(TALVEX_SOURCES "/tools/vpnctl").entryList({"*.cpp"})) {
-            for (auto calls = call.globalMatch(contentOf("tools/vpnctl/" + file));
+            for (auto calls = call.globalMatch(sourceOf("tools/vpnctl/" + file));
                  calls.hasNext();) {
                 const auto match = calls.next();
                 const QString event = match.captured(1);
