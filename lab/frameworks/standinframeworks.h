@@ -11,8 +11,7 @@ namespace frameworks {
 void reset();
 
 /// @return the calls so far, oldest first, as text: the function and its arguments. Authorizations
-/// are
-///         numbered from 1; "authorization 0" is one that was never made.
+///         are numbered from 1; "authorization 0" is one that was never made.
 QStringList calls();
 
 /// What every script gives that AppleScript would understand; a null text stands for a failure,
@@ -23,14 +22,9 @@ void setScriptResult(const QString &result);
 /// it does what it does.
 void setStatus(const QString &function, int status);
 
-/// @return how many scripts have been made and not freed.
+/// @return how many have been made and not freed.
 int liveScripts();
-
-/// @return how many authorizations have been made and not freed.
 int liveAuthorizations();
-
-/// @return the argument vector that AuthorizationExecuteWithPrivileges was given last.
-const void *lastArgumentVector();
 
 /// @return true when what came from the last tool has neither been read nor closed.
 bool isPipeUntouched();

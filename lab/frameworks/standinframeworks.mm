@@ -8,7 +8,7 @@
 
 #include <algorithm>
 #include <deque>
-#include <fcntl.h>
+
 #include <unistd.h>
 
 struct AuthorizationOpaqueRef
@@ -27,33 +27,27 @@ int scripts = 0;
 // never moves them.
 std::deque<AuthorizationOpaqueRef> authorizations;
 QHash<QString, OSStatus> fixedStatus;
-char *const *lastArguments = nullptr;
 FILE *lastPipe = nullptr;
 int lastPipeDescriptor = -1;
 
-QString toQString(NSString *text)
-{
-    return QString::fromUtf8([text UTF8String]);
-}
-
 QString nameOf(AuthorizationRef authorization)
 {
-    return QStringLiteral("authorization %1").arg(authorization ? authorization->number : 0);
+    return QString("authorization %1").arg(authorization ? authorization->number : 0);
 }
 
-QString nullOr(const char *what, const void *address)
+QString nullOr(const QString &what, const void *address)
 {
-    return QLatin1String(what) + QLatin1String(address ? " given" : " null");
+    return what + (address ? " given" : " null");
 }
 
 QString quoted(const char *text)
 {
-    return QStringLiteral("\"%1\"").arg(QString::fromUtf8(text));
+    return QString("\"%1\"").arg(text);
 }
 
 QString flagsText(AuthorizationFlags flags)
 {
-    return QStringLiteral("flags %1").arg(flags);
+    return QString("flags %1").arg(flags);
 }
 
 QString textOf(const AuthorizationRights *rights)
@@ -61,26 +55,25 @@ QString textOf(const AuthorizationRights *rights)
     QStringList items;
     for (uint32_t i = 0; rights && i < rights->count; ++i) {
         const AuthorizationItem &item = rights->items[i];
-        items.append(QStringLiteral("{%1, length %2, %3, %4}")
-                         .arg(quoted(item.name))
-                         .arg(item.valueLength)
-                         .arg(nullOr("value", item.value), flagsText(item.flags)));
+        items.append(QString("{%1, length %2, %3, %4}")
+                         .arg(quoted(item.name), QString::number(item.valueLength),
+                              nullOr("value", item.value), flagsText(item.flags)));
     }
-    return QStringLiteral("rights [%1]").arg(items.join(QLatin1String(", ")));
+    return QString("rights [%1]").arg(items.join(", "));
 }
 
 void record(const QString &function, const QStringList &arguments)
 {
-    recorded.append(QStringLiteral("%1(%2)").arg(function, arguments.join(QLatin1String(", "))));
+    recorded.append(QString("%1(%2)").arg(function, arguments.join(", ")));
 }
 
 /// Notes a call of Authorization Services.
 /// @return what it answers: what the test has set, otherwise whether the authorization is one.
-OSStatus answer(const char *function, const QStringList &arguments, bool isValid)
+OSStatus answer(const QString &function, const QStringList &arguments, bool isValid)
 {
-    const QString name = QLatin1String(function);
-    record(name, arguments);
-    return fixedStatus.value(name, isValid ? errAuthorizationSuccess : errAuthorizationInvalidRef);
+    record(function, arguments);
+    return fixedStatus.value(function,
+                             isValid ? errAuthorizationSuccess : errAuthorizationInvalidRef);
 }
 
 bool isLive(AuthorizationRef authorization)
@@ -97,7 +90,7 @@ void NSLog(NSString *format, ...)
     va_start(arguments, format);
     NSString *text = [[[NSString alloc] initWithFormat:format arguments:arguments] autorelease];
     va_end(arguments);
-    record(QStringLiteral("NSLog"), {toQString(text)});
+    record("NSLog", {[text UTF8String]});
 }
 
 @implementation NSAppleEventDescriptor (StandIn)
@@ -115,7 +108,7 @@ void NSLog(NSString *format, ...)
 {
     self = [super init];
     ++scripts;
-    scriptSource = toQString(source);
+    scriptSource = [source UTF8String];
     return self;
 }
 
@@ -127,9 +120,9 @@ void NSLog(NSString *format, ...)
 
 - (NSAppleEventDescriptor *)executeAndReturnError:(NSDictionary **)errorInfo
 {
-    record(QStringLiteral("NSAppleScript"), {scriptSource, nullOr("error", errorInfo)});
+    record("NSAppleScript", {scriptSource, nullOr("error", errorInfo)});
     static const QRegularExpression script(QRegularExpression::anchoredPattern(
-        QStringLiteral(R"-(do shell script "([^"\\]|\\.)*" with administrator privileges)-")));
+        R"-(do shell script "([^"\\]|\\.)*" with administrator privileges)-"));
     if (!scriptResult.isNull() && script.match(scriptSource).hasMatch())
         return [[[NSAppleEventDescriptor alloc] init] autorelease];
     if (errorInfo)
@@ -177,14 +170,13 @@ OSStatus AuthorizationExecuteWithPrivileges(AuthorizationRef authorization, cons
                                             FILE **communicationsPipe)
 {
     QStringList texts;
-    for (lastArguments = arguments; *arguments; ++arguments)
+    for (; *arguments; ++arguments)
         texts.append(quoted(*arguments));
-    const OSStatus status =
-        answer("AuthorizationExecuteWithPrivileges",
-               {nameOf(authorization), quoted(pathToTool), flagsText(options),
-                QStringLiteral("arguments [%1]").arg(texts.join(QLatin1String(", "))),
-                nullOr("pipe", communicationsPipe)},
-               isLive(authorization));
+    const OSStatus status = answer("AuthorizationExecuteWithPrivileges",
+                                   {nameOf(authorization), quoted(pathToTool), flagsText(options),
+                                    QString("arguments [%1]").arg(texts.join(", ")),
+                                    nullOr("pipe", communicationsPipe)},
+                                   isLive(authorization));
     if (status == errAuthorizationSuccess && communicationsPipe) {
         *communicationsPipe = lastPipe = tmpfile();
         lastPipeDescriptor = fileno(lastPipe);
@@ -199,10 +191,9 @@ namespace frameworks {
 void reset()
 {
     recorded.clear();
-    scriptResult = QLatin1String("");
+    scriptResult = "";
     authorizations.clear();
     fixedStatus.clear();
-    lastArguments = nullptr;
     if (lastPipe)
         fclose(lastPipe);
     lastPipe = nullptr;
@@ -233,11 +224,6 @@ int liveAuthorizations()
     return static_cast<int>(
         std::count_if(authorizations.cbegin(), authorizations.cend(),
                       [](const AuthorizationOpaqueRef &each) { return each.live; }));
-}
-
-const void *lastArgumentVector()
-{
-    return lastArguments;
 }
 
 bool isPipeUntouched()

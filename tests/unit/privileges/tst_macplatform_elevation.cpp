@@ -1,5 +1,6 @@
-#include "logcapture.h"
 #include "macplatform.h"
+
+#include "logcapture.h"
 #include "privateroot.h"
 #include "standinframeworks.h"
 
@@ -7,22 +8,22 @@
 
 using vpncore::MacPlatform;
 
+using Entry = std::function<bool()>;
+
+Q_DECLARE_METATYPE(Entry)
+
 namespace {
 
 /// Run by a test: call an operation that depends on where the executable lies.
-const QString kRunAsAdmin = QStringLiteral("--run-as-admin");
+const QString kRunAsAdmin = "--run-as-admin";
 
 constexpr int kToolFailed = -60031;
 
-const QString kExecute = QStringLiteral("AuthorizationExecuteWithPrivileges");
-const QString kExecuteCall =
-    QStringLiteral("AuthorizationExecuteWithPrivileges(authorization 1, \"%1\", flags 0, "
-                   "arguments [\"%1\", \"\"], pipe given)");
+const QString kExecute = "AuthorizationExecuteWithPrivileges";
 
 } // namespace
 
-/// The platform's entries to administrator rights, with stand-ins for macOS's frameworks. Where the
-/// tool is not started, nothing is waited for.
+/// The platform's entries to administrator rights, with stand-ins for macOS's frameworks.
 class MacPlatformElevation : public QObject
 {
     Q_OBJECT
@@ -34,79 +35,65 @@ private Q_SLOTS:
         frameworks::reset();
     }
 
-    void elevationStartsTheToolWithoutAFolder_data() { addOutcomes(); }
-
-    void elevationStartsTheToolWithoutAFolder()
+    void installationToolIsStarted_data()
     {
-        QFETCH(int, status);
-        frameworks::setStatus(kExecute, status);
-        LogCapture log;
-        QCOMPARE(MacPlatform::elevateToAdmin(), status == 0);
-        QCOMPARE(frameworks::calls().value(2),
-                 kExecuteCall.arg(QStringLiteral("vpninstallhelper")));
-        QCOMPARE(log.lines(QtDebugMsg).mid(0, 2),
-                 (QStringList{QStringLiteral("NOT WORK REMOVE"),
-                              QStringLiteral("runC  Path to app \"vpninstallhelper\"")}));
+        QTest::addColumn<Entry>("entry");
+        QTest::addColumn<QString>("tool");
+        QTest::addColumn<QStringList>("firstLines");
+        const QString contents = QFileInfo(QCoreApplication::applicationDirPath()).path();
+        const QString tool = contents + "/Resources/vpninstallhelper";
+        QTest::newRow("without a folder") << Entry(MacPlatform::elevateToAdmin)
+                                          << "vpninstallhelper" << QStringList{"NOT WORK REMOVE"};
+        QTest::newRow("in the resources folder, whatever the argument")
+            << Entry([] { return MacPlatform::runAsAdmin("/bin/rm -r /"); }) << tool
+            << QStringList{"Resources folder doesn't exist",
+                           QString("Resource path:  \"%1\"").arg(tool)};
     }
 
-    void administratorIsWhoeverPassesTheCheck_data() { addOutcomes(); }
+    void installationToolIsStarted()
+    {
+        QFETCH(Entry, entry);
+        QFETCH(QString, tool);
+        QFETCH(QStringList, firstLines);
+        LogCapture log;
+        QVERIFY(entry());
+        QCOMPARE(
+            frameworks::calls().value(2),
+            QString("%1(authorization 1, \"%2\", flags 0, arguments [\"%2\", \"\"], pipe given)")
+                .arg(kExecute, tool));
+        firstLines.append(QString("runC  Path to app \"%1\"").arg(tool));
+        QCOMPARE(log.lines().mid(0, firstLines.size()), firstLines);
+        frameworks::setStatus(kExecute, kToolFailed);
+        QVERIFY(!entry());
+    }
 
     void administratorIsWhoeverPassesTheCheck()
     {
-        QFETCH(int, status);
-        frameworks::setStatus(kExecute, status);
         LogCapture log;
-        QCOMPARE(MacPlatform::isRunningAsAdministrator(), status == 0);
-        QCOMPARE(log.lines(), QStringList{QStringLiteral("PopoverWindow::chechAdmin()")});
+        for (const int status : {0, kToolFailed}) {
+            frameworks::setStatus(kExecute, status);
+            QCOMPARE(MacPlatform::isRunningAsAdministrator(), status == 0);
+        }
+        QCOMPARE(log.count("PopoverWindow::chechAdmin()"), 2);
     }
 
-    void theInstallationToolOfTheResourcesFolderIsRunWhateverTheArgument_data() { addOutcomes(); }
-
-    void theInstallationToolOfTheResourcesFolderIsRunWhateverTheArgument()
+    void executableInTheRootFolderIsOutsideAnyBundle()
     {
-        QFETCH(int, status);
-        frameworks::setStatus(kExecute, status);
-        LogCapture log;
-        QCOMPARE(MacPlatform::runAsAdmin(QStringLiteral("/bin/rm -r /")), status == 0);
-        const QString contents = QFileInfo(QCoreApplication::applicationDirPath()).path();
-        const QString tool = contents + QStringLiteral("/Resources/vpninstallhelper");
-        QCOMPARE(frameworks::calls().value(2), kExecuteCall.arg(tool));
-        QCOMPARE(log.lines().mid(0, 3),
-                 (QStringList{QStringLiteral("Resources folder doesn't exist"),
-                              QStringLiteral("Resource path:  \"%1\"").arg(tool),
-                              QStringLiteral("runC  Path to app \"%1\"").arg(tool)}));
-    }
-
-    void anExecutableInTheRootFolderIsOutsideAnyBundle()
-    {
-        const QString program = QStringLiteral("/program");
-        QVERIFY(QFile::copy(QCoreApplication::applicationFilePath(), program));
+        QVERIFY(QFile::copy(QCoreApplication::applicationFilePath(), "/program"));
         QProcess copy;
-        copy.start(program, {kRunAsAdmin});
+        copy.start("/program", {kRunAsAdmin});
         QVERIFY(copy.waitForFinished());
-        QVERIFY(QFile::remove(program));
-        const QList<QByteArray> log = copy.readAllStandardError().split('\n');
-        QCOMPARE(log.value(0), QByteArray("Doesn't get resource path"));
-        QCOMPARE(log.value(1), QByteArray("Resource path:  \"//vpninstallhelper\""));
-        QCOMPARE(log.value(2), QByteArray("runC  Path to app \"//vpninstallhelper\""));
-    }
-
-private:
-    static void addOutcomes()
-    {
-        QTest::addColumn<int>("status");
-        QTest::newRow("succeeds") << 0;
-        QTest::newRow("fails") << kToolFailed;
+        QVERIFY(QFile::remove("/program"));
+        QVERIFY(copy.readAllStandardError().startsWith(
+            "Doesn't get resource path\nResource path:  \"//vpninstallhelper\"\n"));
     }
 };
 
 int main(int argc, char **argv)
 {
     const QCoreApplication application(argc, argv);
-    if (application.arguments().value(1) == kRunAsAdmin) {
-        frameworks::setStatus(kExecute, kToolFailed);
-        return MacPlatform::runAsAdmin(QString()) ? 1 : 0;
-    }
+    if (application.arguments().value(1) == kRunAsAdmin)
+        return MacPlatform::runAsAdmin({}) ? 0 : 1;
     MacPlatformElevation test;
     return QTest::qExec(&test, argc, argv);
 }

@@ -17,26 +17,17 @@ enum : AuthorizationFlags {
     kAuthorizationFlagDefaults = 0,
     kAuthorizationFlagInteractionAllowed = 1 << 0,
     kAuthorizationFlagExtendRights = 1 << 1,
-    kAuthorizationFlagPartialRights = 1 << 2,
     kAuthorizationFlagDestroyRights = 1 << 3,
     kAuthorizationFlagPreAuthorize = 1 << 4
 };
 
-enum : OSStatus {
-    errAuthorizationSuccess = 0,
-    errAuthorizationInvalidRef = -60002,
-    errAuthorizationDenied = -60005,
-    errAuthorizationCanceled = -60006,
-    errAuthorizationToolExecuteFailure = -60031
-};
+enum : OSStatus { errAuthorizationSuccess = 0, errAuthorizationInvalidRef = -60002 };
 
 #pragma clang assume_nonnull begin
 
-typedef const char *AuthorizationString;
-
 typedef struct
 {
-    AuthorizationString name;
+    const char *name;
     size_t valueLength;
     void *_Nullable value;
     uint32_t flags;
