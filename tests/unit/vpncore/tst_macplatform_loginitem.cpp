@@ -60,12 +60,12 @@ private Q_SLOTS:
     void itemCountsWhoseNameContainsTheRightOne()
     {
         QFETCH(bool, counts);
-        const QByteArray name = QTest::currentDataTag();
-        standins::setState(kItems, name + "\t/Applications/Some.app\ttrue\n");
+        const QString name = QTest::currentDataTag();
+        standins::setState(kItems, name.toUtf8() + "\t/Applications/Some.app\ttrue\n");
         const LogCapture log;
         QCOMPARE(MacPlatform().isRunOnStart(), counts);
         QCOMPARE(log.lines(QtDebugMsg),
-                 QStringList(QString("--- Console Output  \"%1\\n\"").arg(QString(name))));
+                 QStringList(QString("--- Console Output  \"%1\\n\"").arg(name)));
     }
 
     void operationIsOneCallFromAScriptThatStaysBehind_data()

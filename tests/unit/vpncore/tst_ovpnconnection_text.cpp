@@ -7,7 +7,6 @@
 
 #include <QtTest/QtTest>
 
-using configtext::generated;
 using vpncore::OvpnConnection;
 
 using ConnectionType = OvpnConnection::ConnectionType;
@@ -26,21 +25,6 @@ ConnectionType other()
     return static_cast<ConnectionType>(number);
 }
 
-VpnServerInformation server()
-{
-    VpnServerInformation server;
-    server.name = "not read";
-    server.id = 99;
-    server.info = "not read";
-    server.host = "vpn.example.test";
-    server.ca = "CA\n";
-    server.cert = "CERT";
-    server.key = "KEY %1";
-    server.udpPort = 1194;
-    server.tcpPort = 443;
-    return server;
-}
-
 } // namespace
 
 /// The texts of a connection: the configuration it makes, and what it concludes from openvpn's
@@ -54,56 +38,46 @@ private Q_SLOTS:
     {
         QTest::addColumn<ConnectionType>("type");
         QTest::addColumn<int>("number");
-        QTest::addColumn<QString>("name");
         QTest::addColumn<QString>("protocol");
         QTest::addColumn<int>("port");
-        QTest::newRow("Tcp") << kTcp << 0 << "TCP"
-                             << "tcp" << 443;
-        QTest::newRow("Udp") << kUdp << 1 << "UDP"
-                             << "udp" << 1194;
-        QTest::newRow("neither is UDP with the TCP port") << other() << 2 << "UDP"
-                                                          << "udp" << 443;
+        QTest::newRow("TCP") << kTcp << 0 << "tcp" << 443;
+        QTest::newRow("UDP") << kUdp << 1 << "udp" << 1194;
+        QTest::newRow("neither is UDP with the TCP port") << other() << 2 << "udp" << 443;
     }
 
     void templateIsFilled()
     {
         QFETCH(ConnectionType, type);
         QFETCH(int, number);
-        QFETCH(QString, name);
         QFETCH(QString, protocol);
         QFETCH(int, port);
-        QCOMPARE(int(type), number);
-        QCOMPARE(OvpnConnection::generateConnectionTypeString(type), name);
+        VpnServerInformation server;
+        server.host = "vpn.example.test";
+        server.ca = "CA\n";
+        server.cert = "CERT";
+        server.key = "KEY %1";
+        server.udpPort = 1194;
+        server.tcpPort = 443;
         QString expected = vpncore::ovpnTemplate();
-        expected.replace("%1", protocol).replace("%2", "vpn.example.test");
-        expected.replace("%3", "CA\n").replace("%4", "CERT").replace("%5", "KEY %1");
+        expected.replace("%1", protocol).replace("%2", server.host).replace("%3", server.ca);
+        expected.replace("%4", server.cert).replace("%5", server.key);
         expected.replace("%6", QString::number(port));
         expected.replace("%7", vpncore::MacPlatform::resourcesDir());
-        QCOMPARE(generated(type, server()), expected);
+        QCOMPARE(configtext::generated(type, server), expected);
+        QCOMPARE(int(type), number);
+        QCOMPARE(OvpnConnection::generateConnectionTypeString(type), protocol.toUpper());
     }
 
-    void generatingAlwaysSucceedsAndReplacesTheText()
+    void emptyRecordIsNoFailure()
     {
         auto type = kTcp;
         QString text = "previous content";
-        const OperationResult result =
-            OvpnConnection().generateConfigText(type, VpnServerInformation(), text);
+        const OperationResult result = OvpnConnection().generateConfigText(type, {}, text);
         QCOMPARE(result.code, 1);
         QCOMPARE(result.success, true);
         QCOMPARE(result.message, QString());
         QVERIFY(text.startsWith("client \ndev tun \nproto tcp\nremote  0\n"));
         QVERIFY(text.endsWith("\n<ca>\n\n</ca>\n\n<cert>\n\n</cert>\n\n<key>\n\n</key>\n"));
-    }
-
-    void portIsWrittenInPlainDecimal()
-    {
-        const QLocale former;
-        QLocale::setDefault(QLocale(QLocale::German, QLocale::Germany));
-        VpnServerInformation record = server();
-        record.udpPort = std::numeric_limits<qint32>::min();
-        const QString text = generated(kUdp, record);
-        QLocale::setDefault(former);
-        QVERIFY(text.contains("\nremote vpn.example.test -2147483648\n"));
     }
 
     void protocolIsCorrected_data()
@@ -148,17 +122,13 @@ private Q_SLOTS:
         QTest::newRow("") << undecided;
         QTest::newRow("Initialization Sequence Completed") << connected;
         QTest::newRow("a\nERROR: Initialization Sequence Completed\nb") << connected;
-        QTest::newRow("Initialization Sequence Completed\nERROR: x\n") << connected;
         QTest::newRow("ERROR\nipv6 command failed\nInitialization Sequence Completed") << connected;
         QTest::newRow("initialization sequence completed\n") << undecided;
-        QTest::newRow("Initialization Sequence Complete") << undecided;
         QTest::newRow("ERROR") << failed;
         QTest::newRow("AUTH_ERRORS\n") << failed;
         QTest::newRow("error\nError: x\n") << undecided;
         QTest::newRow("connect to [AF_INET]192.0.2.1 failed, will try again in 5 s\n") << failed;
         QTest::newRow("Failed, will try again in 5 seconds\n") << undecided;
-        QTest::newRow("ERROR: x\nfailed, will try again in 5 seconds\n") << failed;
-        QTest::newRow("ipv6 command failed\n") << undecided;
         QTest::newRow("ERROR: Linux route -6 add ipv6 command failed\n") << undecided;
         QTest::newRow("ipv6 command failed\nERROR: x\n") << undecided;
         QTest::newRow("failed, will try again in 5 s\nipv6 command failed\n") << undecided;
