@@ -6,8 +6,6 @@
 #include "rep_ipcinterface_replica.h"
 #include "rep_serviceinterface_replica.h"
 
-#include <optional>
-
 namespace vpnctl {
 
 namespace {
@@ -59,20 +57,6 @@ Problem connectionProblem(const Problem &otherwise)
                     .arg(name, socket.errorString()),
                 "Every user should be allowed to read and write it."};
     }
-}
-
-/// Whoever has the name of a socket could take a private key for himself.
-std::optional<Problem> peerProblem(const QLocalSocket &socket)
-{
-    const quint32 user = userOfPeer(static_cast<int>(socket.socketDescriptor()));
-    if (user == kRootUser)
-        return {};
-    return Problem{ExitCode::NoDaemon,
-                   QString("The program at the other end of %1 is not root's, but that of user %2. "
-                           "Nothing was sent.")
-                       .arg(socket.fullServerName())
-                       .arg(user),
-                   "That is not the daemon. Tell who administers this computer."};
 }
 
 } // namespace
@@ -158,8 +142,16 @@ void Command::open(Link<Replica> &link, const QString &name, void (Command::*nex
         });
     });
     connect(&socket, &QLocalSocket::connected, this, [this, &link, next] {
-        if (const auto problem = peerProblem(link.socket))
-            return finishWith(*problem);
+        // Whoever has the name of a socket could take a private key for himself.
+        const quint32 user = userOfPeer(static_cast<int>(link.socket.socketDescriptor()));
+        if (user != kRootUser)
+            return finishWith(
+                {ExitCode::NoDaemon,
+                 QString("The program at the other end of %1 is not root's, but that of user %2. "
+                         "Nothing was sent.")
+                     .arg(link.socket.fullServerName())
+                     .arg(user),
+                 "That is not the daemon. Tell who administers this computer."});
         link.node.addClientSideConnection(&link.socket);
         link.replica.reset(link.node.template acquire<Replica>());
         if constexpr (std::is_same_v<Replica, ServiceInterfaceReplica>)

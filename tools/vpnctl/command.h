@@ -23,10 +23,9 @@ namespace vpnctl {
 /// Takes the endpoint's tunnel down, and ends an attempt that is under way.
 const char kDisconnectMessage[] = R"({"type":"openvpn","cmd":"disconnect"})";
 
-/// One run of a subcommand: a conversation with the daemon from its start to an exit status. It
-/// goes over the main socket to an endpoint, with commands and heartbeats. Nothing here waits. What
-/// comes of a call is told by a virtual function, from the event loop; a conversation that fails
-/// finishes the command.
+/// One run of a subcommand: a conversation with the daemon from its start to an exit status.
+/// Nothing here waits. What comes of a call is told by a virtual function, from the event loop; a
+/// conversation that fails finishes the command.
 class Command : public QObject
 {
     Q_OBJECT
@@ -43,10 +42,10 @@ public:
     /// @throws Problem when the files that the options name are wrong.
     virtual void start() = 0;
 
-    /// A signal asks to stop. Unless a command knows better, it stops at once.
+    /// A signal asks to stop.
     virtual void stop() { finish(ExitCode::Interrupted); }
 
-    /// Nobody gives input or takes output any more. Unless a command knows better, like stop().
+    /// Nobody gives input or takes output any more.
     virtual void hangUp() { stop(); }
 
     /// @return whether the end of the standard input is to end the command.
@@ -91,10 +90,9 @@ protected:
     /// @return how long the answer took; it is no longer awaited.
     Seconds answerArrived();
 
-    /// The awaited answer has not come in time. Unless a command knows better, it ends with that.
+    /// The awaited answer has not come in time.
     virtual void giveUpWaiting() { finishWith(lateAnswer()); }
 
-    /// @return what is then to be told.
     Problem lateAnswer() const;
 
     void finish(ExitCode exitCode);

@@ -4,9 +4,6 @@
 
 #include <QtCore/QJsonArray>
 
-#include <algorithm>
-
-#include <net/if.h>
 #include <unistd.h>
 
 namespace vpnctl {
@@ -16,12 +13,6 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr std::chrono::milliseconds kSameStopRequest = 1s;
-
-QString connectMessage(Transport transport)
-{
-    return transport == Transport::Udp ? R"({"type":"connect","cmd":"ovpnUdp"})"
-                                       : R"({"type":"connect","cmd":"ovpnTcp"})";
-}
 
 /// Brings a tunnel up, trying one server after the other, and holds it until it is told to stop. A
 /// tunnel that goes meanwhile is brought up again, unless Options::once says no.
@@ -48,21 +39,20 @@ public:
 
     void start() override
     {
-        const TargetList list = readTargets(m_options);
-        if (!list.notCarriedOver.isEmpty()) {
+        m_targets = readTargets(m_options);
+        if (!m_targets.notCarriedOver.isEmpty()) {
             m_report.note(QString("Not carried over from the profile: %1.")
-                              .arg(list.notCarriedOver.join(", ")));
+                              .arg(m_targets.notCarriedOver.join(", ")));
         }
-        if (!list.weaknesses.isEmpty()) {
-            reportWeaknesses(list.weaknesses);
+        if (!m_targets.weaknesses.isEmpty()) {
+            reportWeaknesses();
             if (!m_options.acceptWeaker) {
                 throw wrongUse("The profile asks for more than the daemon can do.",
                                "Add --accept-weaker to connect without it.");
             }
         }
-        m_targets = list.targets;
-        for (const Target &target : qAsConst(m_targets))
-            checkLength(connectMessage(target.transport), target.server);
+        for (const Remote &remote : qAsConst(m_targets.remotes))
+            checkLength(messageFor(remote), recordFor(remote));
         openNewEndpoint();
     }
 
@@ -103,16 +93,29 @@ private:
         tryNextTarget();
     }
 
-    void reportWeaknesses(const Weaknesses &weaknesses)
+    void reportWeaknesses()
     {
         QJsonArray directives;
         QStringList lines;
-        for (const Weakness &weakness : weaknesses) {
-            directives.append(
-                QJsonObject{{"directive", weakness.directive}, {"text", weakness.text}});
-            lines.append(QString("Without %1: %2").arg(weakness.directive, weakness.text));
+        for (const auto &[directive, text] : qAsConst(m_targets.weaknesses)) {
+            directives.append(QJsonObject{{"directive", directive}, {"text", text}});
+            lines.append(QString("Without %1: %2").arg(directive, text));
         }
         m_report.print("weaker", {{"directives", directives}}, lines.join('\n'), STDERR_FILENO);
+    }
+
+    static QString messageFor(const Remote &remote)
+    {
+        return remote.transport == Transport::Udp ? R"({"type":"connect","cmd":"ovpnUdp"})"
+                                                  : R"({"type":"connect","cmd":"ovpnTcp"})";
+    }
+
+    VpnServerInformation recordFor(const Remote &remote) const
+    {
+        VpnServerInformation server = m_targets.server;
+        server.host = remote.host;
+        server.udpPort = server.tcpPort = remote.port; // of which the daemon reads one
+        return server;
     }
 
     /// Takes an attempt back before the command finishes: the daemon may still bring it up.
@@ -139,22 +142,24 @@ private:
     void tryNextTarget()
     {
         m_phase = Phase::Connecting;
-        const Target &target = m_targets.at(m_attempt++);
+        const Remote &remote = m_targets.remotes.at(m_attempt++);
+        const int attempts = m_targets.remotes.size();
+        const QString transport = transportName(*remote.transport);
         QString text = QString("Connecting to %1, port %2, over %3")
-                           .arg(target.server.host)
-                           .arg(target.port())
-                           .arg(transportName(target.transport));
-        if (m_targets.size() > 1)
-            text += QString(" (server %1 of %2)").arg(m_attempt).arg(m_targets.size());
+                           .arg(remote.host)
+                           .arg(remote.port)
+                           .arg(transport);
+        if (attempts > 1)
+            text += QString(" (server %1 of %2)").arg(m_attempt).arg(attempts);
         m_report.print("connecting",
-                       {{"host", target.server.host},
-                        {"port", target.port()},
-                        {"transport", transportName(target.transport).toLower()},
+                       {{"host", remote.host},
+                        {"port", remote.port},
+                        {"transport", transport.toLower()},
                         {"attempt", m_attempt},
-                        {"attempts", m_targets.size()}},
+                        {"attempts", attempts}},
                        text);
         m_before = tunnelInterfaces();
-        send(connectMessage(target.transport), target.server);
+        send(messageFor(remote), recordFor(remote));
     }
 
     void answered(const QString &message, const OperationResult &result) override
@@ -182,7 +187,7 @@ private:
             m_report.answer(message, result, answerArrived());
             if (result.success)
                 handleConnected();
-            else if (m_attempt < m_targets.size())
+            else if (m_attempt < m_targets.remotes.size())
                 tryNextTarget();
             else
                 closeAfterFailure(ExitCode::Failed);
@@ -206,14 +211,13 @@ private:
         }
         m_phase = Phase::Holding;
         QVector<TunnelInterface> appeared = tunnelInterfaces();
-        for (const TunnelInterface &old : qAsConst(m_before)) {
-            const auto isOld = [&old](const auto &tunnel) { return tunnel.index == old.index; };
-            appeared.erase(std::remove_if(appeared.begin(), appeared.end(), isOld), appeared.end());
-        }
-        m_tunnel = appeared.size() == 1 ? appeared.constFirst() : TunnelInterface();
+        for (const TunnelInterface &old : qAsConst(m_before))
+            appeared.removeAll(old);
+        m_tunnel = {};
         QString text = "The tunnel is up";
         if (appeared.size() == 1) {
-            text += QString(" on %1").arg(m_tunnel.name);
+            m_tunnel = appeared.constFirst();
+            text += " on " + m_tunnel.name;
         } else {
             m_report.note(QString("The tunnel is not watched: %1 network interfaces came up "
                                   "with it, and one would be its own.")
@@ -238,8 +242,7 @@ private:
             lose(QString("vpnctl was stopped for %1 s, and the daemon takes a tunnel down when "
                          "it hears nothing for 30 s.")
                      .arg(silence / 1s));
-        } else if (!m_tunnel.name.isEmpty()
-                   && ::if_nametoindex(m_tunnel.name.toLocal8Bit()) != m_tunnel.index) {
+        } else if (!m_tunnel.name.isEmpty() && !tunnelInterfaces().contains(m_tunnel)) {
             lose(QString("its interface %1 is not there any more.").arg(m_tunnel.name));
         }
     }
@@ -255,10 +258,8 @@ private:
 
     void closeAfterFailure(ExitCode exitCode)
     {
-        if (m_sinceUp.isValid() && !m_options.once)
-            close({});
-        else
-            close(exitCode);
+        const bool connectsAgain = m_sinceUp.isValid() && !m_options.once;
+        close(connectsAgain ? std::optional<ExitCode>() : exitCode);
     }
 
     void close(std::optional<ExitCode> exitCode)
@@ -280,7 +281,7 @@ private:
     }
 
     Phase m_phase = Phase::Opening;
-    Targets m_targets;
+    TargetList m_targets;
     int m_attempt = 0;
     std::optional<ExitCode> m_exitCode; ///< Once the tunnel is down; without it, connect again.
     QElapsedTimer m_sinceStop;

@@ -2,32 +2,27 @@
 
 #include "problem.h"
 
+#include <QtCore/QFile>
 #include <QtCore/QRegularExpression>
+#include <QtCore/QTextStream>
 
 namespace vpnctl {
 
 QString readTextFile(const QString &path, const QString &what)
 {
-    constexpr int kMaxBytes = 1'048'576;
+    constexpr int kMaxCharacters = 1'048'576;
     QFile file(path);
-    QByteArray content;
+    QString text;
     if (file.open(QIODevice::ReadOnly)) {
-        // A pipe gives what it has, a device says that its size is 0: only reading tells.
-        QByteArray part;
-        do {
-            part = file.read(kMaxBytes + 1 - content.size());
-            content += part;
-        } while (!part.isEmpty());
+        QTextStream stream(&file); // which knows UTF-16 by its first bytes
+        stream.setCodec("UTF-8");
+        text = stream.read(kMaxCharacters + 1);
     }
     if (file.error() != QFile::NoError)
         throw wrongUse(QString("Cannot read the %1 %2: %3.").arg(what, path, file.errorString()));
-    if (content.size() > kMaxBytes)
+    if (text.size() > kMaxCharacters)
         throw wrongUse(QString("The %1 %2 is too large; at most 1 MiB is read.").arg(what, path));
-    if (content.contains('\0'))
-        throw wrongUse(
-            QString("The %1 %2 is not in UTF-8, but probably in UTF-16.").arg(what, path),
-            "Save it as UTF-8: iconv -f UTF-16 -t UTF-8.");
-    return QString::fromUtf8(content);
+    return text;
 }
 
 QString pemFromText(const PemSetting &setting, const QString &text, const QString &source)
@@ -60,10 +55,9 @@ QString pemFromText(const PemSetting &setting, const QString &text, const QStrin
     return blocks;
 }
 
-QString pemFromFile(const PemSetting &setting, const QString &path, const QDir &folder)
+QString pemFromFile(const PemSetting &setting, const QString &path)
 {
-    const QString whole = folder.filePath(path);
-    return pemFromText(setting, readTextFile(whole, QString("%1 file").arg(setting.name)), whole);
+    return pemFromText(setting, readTextFile(path, QString("%1 file").arg(setting.name)), path);
 }
 
 } // namespace vpnctl

@@ -2,16 +2,13 @@
 
 #include "vpnserverinformation.h"
 
-#include <QtCore/QDir>
-#include <QtCore/QString>
-
 namespace vpnctl {
 
-/// Reads a whole file in UTF-8, of at most 1 MiB: far more than any profile, record or chain of
-/// certificates. That keeps a wrong path, which may be that of a device without an end, from
-/// filling the memory.
+/// Reads a whole file in UTF-8, of at most 1,048,576 characters: far more than any profile, record
+/// or chain of certificates. That keeps a wrong path, which may be that of a device without an end,
+/// from filling the memory.
 /// @param what it is, for the problem: "profile", for example.
-/// @throws Problem when the file cannot be read, is too large, or is no UTF-8.
+/// @throws Problem when the file cannot be read or is too large.
 QString readTextFile(const QString &path, const QString &what);
 
 /// A setting that holds PEM. Profiles, records and options call it by the same name.
@@ -36,9 +33,8 @@ constexpr PemSetting kPemSettings[] = {
 ///         block holds anything but base64.
 QString pemFromText(const PemSetting &setting, const QString &text, const QString &source);
 
-/// Reads a PEM file.
-/// @param folder what a relative @p path is relative to.
+/// The same for a file.
 /// @throws Problem as pemFromText(), and when the file cannot be read.
-QString pemFromFile(const PemSetting &setting, const QString &path, const QDir &folder);
+QString pemFromFile(const PemSetting &setting, const QString &path);
 
 } // namespace vpnctl

@@ -1,6 +1,5 @@
 #include "command.h"
-#include "options.h"
-#include "report.h"
+#include "observation.h"
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QLoggingCategory>
@@ -88,6 +87,10 @@ void onInputEnd(QObject *context, const std::function<void()> &handle)
 
 int run(const Options &options, Report &report)
 {
+    if (options.command == Options::Command::Report) {
+        makeReportFolder(options.folder, report);
+        return ExitCode::Done;
+    }
     const std::unique_ptr<Command> command = Command::create(options, report);
     // Queued: the command may finish before the event loop runs, or while it is being called.
     QObject::connect(command.get(), &Command::finished, qApp, &QCoreApplication::exit,

@@ -6,6 +6,7 @@
 #include <QtCore/QDir>
 #include <QtCore/QDirIterator>
 #include <QtCore/QFileInfo>
+#include <QtCore/QJsonArray>
 #include <QtCore/QMap>
 #include <QtCore/QProcess>
 #include <QtCore/QRegularExpression>
@@ -80,6 +81,39 @@ QByteArray outputOf(const QString &script)
     return shell.readAll();
 }
 
+/// @return the DNS servers that the system asks.
+QJsonArray dnsServers()
+{
+    static const QRegularExpression server(R"(^ *nameserver(?:\[[0-9]+\] :)? (\S+))",
+                                           QRegularExpression::MultilineOption);
+    const QString text =
+        QString::fromUtf8(outputOf("scutil --dns 2>/dev/null || cat /etc/resolv.conf 2>/dev/null"));
+    QStringList servers;
+    for (auto matches = server.globalMatch(text.section("(for scoped queries)", 0, 0));
+         matches.hasNext();)
+        servers.append(matches.next().captured(1));
+    servers.removeDuplicates();
+    return QJsonArray::fromStringList(servers);
+}
+
+/// @return the names of the backups of DNS settings; null when the user may not look.
+QJsonValue dnsBackups()
+{
+    if (::access(QFile::encodeName(kBackups), R_OK | X_OK) != 0 && errno == EACCES)
+        return {};
+    QStringList names;
+    // The name of a network service may have slashes, and its backup then lies in folders.
+    for (QDirIterator files(kBackups, QDir::Files, QDirIterator::Subdirectories); files.hasNext();)
+        names.append(files.next().mid(kBackups.size() + 1));
+    return QJsonArray::fromStringList(names);
+}
+
+QString listed(const QJsonArray &values)
+{
+    const QStringList texts = QVariant(values.toVariantList()).toStringList();
+    return texts.isEmpty() ? "none" : texts.join(", ");
+}
+
 } // namespace
 
 QVector<TunnelInterface> tunnelInterfaces()
@@ -126,29 +160,35 @@ QVector<int> endpointsWithSockets()
     return endpoints;
 }
 
-QStringList dnsServers()
+void reportObservation(Report &report)
 {
-    static const QRegularExpression server(R"(^ *nameserver(?:\[[0-9]+\] :)? (\S+))",
-                                           QRegularExpression::MultilineOption);
-    const QString text =
-        QString::fromUtf8(outputOf("scutil --dns 2>/dev/null || cat /etc/resolv.conf 2>/dev/null"));
-    QStringList servers;
-    for (auto matches = server.globalMatch(text.section("(for scoped queries)", 0, 0));
-         matches.hasNext();)
-        servers.append(matches.next().captured(1));
-    servers.removeDuplicates();
-    return servers;
-}
-
-std::optional<QStringList> dnsBackups()
-{
-    if (::access(QFile::encodeName(kBackups), R_OK | X_OK) != 0 && errno == EACCES)
-        return {};
-    QStringList names;
-    // The name of a network service may have slashes, and its backup then lies in folders.
-    for (QDirIterator files(kBackups, QDir::Files, QDirIterator::Subdirectories); files.hasNext();)
-        names.append(files.next().mid(kBackups.size() + 1));
-    return names;
+    QJsonArray tunnels;
+    QJsonArray lines;
+    for (const TunnelInterface &tunnel : tunnelInterfaces()) {
+        tunnels.append(QJsonObject{{"name", tunnel.name},
+                                   {"address", tunnel.address},
+                                   {"bytesIn", tunnel.bytesIn},
+                                   {"bytesOut", tunnel.bytesOut}});
+        lines.append(QString("%1 with %2 (%3 bytes in, %4 out)")
+                         .arg(tunnel.name, tunnel.address)
+                         .arg(tunnel.bytesIn)
+                         .arg(tunnel.bytesOut));
+    }
+    const QJsonArray dns = dnsServers();
+    const QJsonValue backups = dnsBackups();
+    QJsonArray endpoints;
+    for (const int endpoint : endpointsWithSockets())
+        endpoints.append(endpoint);
+    report.print(
+        "observation",
+        {{"interfaces", tunnels}, {"dns", dns}, {"backups", backups}, {"endpoints", endpoints}},
+        QString("Tunnel interfaces: %1\n"
+                "DNS servers in use: %2\n"
+                "Backups of DNS settings: %3\n"
+                "Endpoints with a socket: %4")
+            .arg(listed(lines), listed(dns),
+                 backups.isNull() ? "only root may see them" : listed(backups.toArray()),
+                 listed(endpoints)));
 }
 
 QString withoutSecrets(QString text)

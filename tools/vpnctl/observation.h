@@ -14,6 +14,8 @@ struct TunnelInterface
     QString address;
     qint64 bytesIn = 0; ///< As the system counts them here, modulo 4 GiB; likewise bytesOut.
     qint64 bytesOut = 0;
+
+    bool operator==(const TunnelInterface &other) const { return index == other.index; }
 };
 
 /// @return the machine's point-to-point interfaces with an address that is not link-local: macOS
@@ -24,11 +26,9 @@ QVector<TunnelInterface> tunnelInterfaces();
 ///         killed leaves its sockets behind.
 QVector<int> endpointsWithSockets();
 
-/// @return the DNS servers that the system asks.
-QStringList dnsServers();
-
-/// @return the names of the backups of DNS settings; nothing when the user may not look.
-std::optional<QStringList> dnsBackups();
+/// Prints what can be seen from outside: tunnel interfaces, DNS servers, backups of DNS settings
+/// and endpoints.
+void reportObservation(Report &report);
 
 /// Makes a folder with what a maintainer asks for. Each file is reported before it is written.
 /// @throws Problem when that fails, for example because the folder is there already.

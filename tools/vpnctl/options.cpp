@@ -1,7 +1,6 @@
 #include "options.h"
 
 #include "observation.h"
-#include "ovpnprofile.h"
 #include "problem.h"
 
 #include <CLI/CLI.hpp>
@@ -133,7 +132,8 @@ public:
 
     std::string make_description(const CLI::App *app) const override
     {
-        return laidOut(QString::fromStdString(app->get_description()), 0) + '\n';
+        return wrapped(QString::fromStdString(app->get_description()), m_width).toStdString()
+            + "\n\n";
     }
 
     std::string make_subcommand(const CLI::App *command) const override
@@ -154,14 +154,10 @@ private:
     std::string entry(const std::string &name, const std::string &text) const
     {
         constexpr int kColumn = 22;
-        return laidOut(QString::fromStdString("  " + name).leftJustified(kColumn - 1) + ' '
-                           + QString::fromStdString(text),
-                       kColumn);
-    }
-
-    std::string laidOut(const QString &text, int indent) const
-    {
-        return wrapped(text, m_width, indent).toStdString() + '\n';
+        const QString left = QString::fromStdString("  " + name).leftJustified(kColumn);
+        const QString right = wrapped(QString::fromStdString(text), m_width - kColumn);
+        return (left + QString(right).replace('\n', '\n' + QString(kColumn, ' ')) + '\n')
+            .toStdString();
     }
 
     int m_width;
@@ -219,24 +215,6 @@ void addEverything(CLI::App &app, Options &options)
         host->needs(connect->get_option(name));
     }
     connect->get_option("--udp")->excludes(connect->get_option("--tcp"));
-}
-
-/// Checks what CLI11 cannot know.
-void check(const Options &options)
-{
-    if (options.command != Options::Command::Connect)
-        return;
-    const int sources =
-        !options.configPath.isEmpty() + !options.recordPath.isEmpty() + !options.host.isEmpty();
-    if (sources != 1) {
-        throw wrongUse(sources == 0 ? "Nothing says where to connect to."
-                                    : "There is more than one place to connect to.",
-                       "Name one profile, as in \"vpnctl connect office.ovpn\", or use "
-                       "--server or --host.");
-    }
-    if (!options.host.isEmpty() && !isHost(options.host))
-        throw wrongUse(QString("\"%1\" is no host name or address.").arg(options.host),
-                       "A port goes with --port.");
 }
 
 /// @param words what stands after "vpnctl", up to and with the word that is to be completed.
@@ -316,19 +294,13 @@ QString manualLists(const CLI::App &app)
 
     lists += "# ANSWERS OF THE DAEMON\n\n"
              "A failure carries one of these localisation keys.\n\n";
-    for (const auto &[key, text, advice] : explanations())
-        add({key}, {}, text + ' ' + advice);
+    const QMap<QString, Explanation> keys = explanations();
+    for (auto key = keys.begin(); key != keys.end(); ++key)
+        add({key.key()}, {}, key->text + ' ' + key->advice);
     return lists;
 }
 
 } // namespace
-
-std::optional<Transport> Options::transport() const
-{
-    if (!udp && !tcp)
-        return {};
-    return tcp ? Transport::Tcp : Transport::Udp;
-}
 
 std::variant<Options, QString> readCommandLine(const QStringList &arguments, int width)
 {
@@ -367,7 +339,14 @@ std::variant<Options, QString> readCommandLine(const QStringList &arguments, int
                        "\"vpnctl --help\" lists the commands, and "
                        "\"vpnctl COMMAND --help\" what each takes.");
     }
-    check(options);
+    const int sources =
+        !options.configPath.isEmpty() + !options.recordPath.isEmpty() + !options.host.isEmpty();
+    if (options.command == Options::Command::Connect && sources != 1) {
+        throw wrongUse(sources == 0 ? "Nothing says where to connect to."
+                                    : "There is more than one place to connect to.",
+                       "Name one profile, as in \"vpnctl connect office.ovpn\", or use "
+                       "--server or --host.");
+    }
     return options;
 }
 

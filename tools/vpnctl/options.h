@@ -62,7 +62,12 @@ struct Options
     Limits limits; ///< Not for the command line.
 
     /// @return the transport that was asked for.
-    std::optional<Transport> transport() const;
+    std::optional<Transport> transport() const
+    {
+        if (!udp && !tcp)
+            return {};
+        return tcp ? Transport::Tcp : Transport::Udp;
+    }
 };
 
 /// Reads a command line.

@@ -1,13 +1,10 @@
-#include "ovpnprofile.h"
-
 #include "inputfile.h"
 #include "problem.h"
+#include "target.h"
 
+#include <QtCore/QDir>
 #include <QtCore/QFileInfo>
 #include <QtCore/QRegularExpression>
-
-#include <algorithm>
-#include <iterator>
 
 namespace vpnctl {
 
@@ -102,14 +99,12 @@ public:
     {
     }
 
-    OvpnProfile read()
+    TargetList read()
     {
         while (m_next < m_lines.size())
             readLine(m_lines.at(m_next++).trimmed());
-        if (m_isInConnection) {
-            throw wrongUse(
-                QString("%1: <connection> does not end with </connection>.").arg(m_path));
-        }
+        if (m_isInConnection)
+            throw wrongUse(m_path + ": <connection> does not end with </connection>.");
         if (m_profile.remotes.isEmpty()) {
             throw wrongUse(QString("%1 names no server: it has no \"remote\" line.").arg(m_path),
                            "A server record needs --server before it.");
@@ -120,8 +115,6 @@ public:
     }
 
 private:
-    using Remote = OvpnProfile::Remote;
-
     void readLine(const QString &line)
     {
         if (line == "<connection>") {
@@ -142,22 +135,20 @@ private:
 
     void readBlock(const QString &name)
     {
-        const QString end = QString("</%1>").arg(name);
-        const auto start = m_lines.begin() + m_next;
-        const auto last = std::find_if(start, m_lines.end(), [&](const QString &line) {
-            return line.trimmed().startsWith(end);
-        });
-        if (last == m_lines.end())
-            fail(QString("<%1> does not end with %2").arg(name, end));
-        const int count = static_cast<int>(last - start);
+        const QString tag = QString("</%1>").arg(name);
+        int end = m_next;
+        while (end < m_lines.size() && !m_lines.at(end).trimmed().startsWith(tag))
+            ++end;
+        if (end == m_lines.size())
+            fail(QString("<%1> does not end with %2").arg(name, tag));
         if (const PemSetting *setting = pemSetting(name)) {
             m_profile.server.*setting->field =
-                pemFromText(*setting, m_lines.mid(m_next, count).join('\n'),
+                pemFromText(*setting, m_lines.mid(m_next, end - m_next).join('\n'),
                             QString("<%1> in %2").arg(name, m_path));
         } else {
             leaveOut({name});
         }
-        m_next += count + 1;
+        m_next = end + 1;
     }
 
     void readDirective(QStringList words)
@@ -182,7 +173,7 @@ private:
                 fail(QString("\"%1\" lacks its file").arg(name));
             if (value != "[inline]") {
                 m_profile.server.*setting->field =
-                    pemFromFile(*setting, value, QFileInfo(m_path).absoluteDir());
+                    pemFromFile(*setting, QFileInfo(m_path).absoluteDir().filePath(value));
             }
         } else {
             leaveOut(words);
@@ -193,9 +184,8 @@ private:
     {
         bool isNumber = false;
         const int port = word.toInt(&isNumber);
-        if (!isNumber || port < 1 || port > kMaxPort) {
+        if (!isNumber || port < 1 || port > kMaxPort)
             fail(QString("\"%1\" is no port; ports are 1 to %2").arg(word).arg(kMaxPort));
-        }
         return port;
     }
 
@@ -210,10 +200,11 @@ private:
 
     static const PemSetting *pemSetting(const QString &name)
     {
-        const auto *setting =
-            std::find_if(std::begin(kPemSettings), std::end(kPemSettings),
-                         [&](const PemSetting &entry) { return name == entry.name; });
-        return setting == std::end(kPemSettings) ? nullptr : setting;
+        for (const PemSetting &setting : kPemSettings) {
+            if (name == setting.name)
+                return &setting;
+        }
+        return nullptr;
     }
 
     /// What fills the gaps of the remotes: the lines of the connection block, or of the profile.
@@ -257,7 +248,7 @@ private:
     int m_next = 0;
     QStringList m_leftOut;
 
-    OvpnProfile m_profile;
+    TargetList m_profile;
     Remote m_global;
     Remote m_connection;
     bool m_isInConnection = false;
@@ -266,7 +257,7 @@ private:
 
 } // namespace
 
-OvpnProfile readOvpnProfile(const QString &path)
+TargetList readOvpnProfile(const QString &path)
 {
     return ProfileReader(path).read();
 }

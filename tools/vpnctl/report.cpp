@@ -1,7 +1,7 @@
 #include "report.h"
 
-#include <QtCore/QJsonArray>
 #include <QtCore/QJsonDocument>
+#include <QtCore/QRegularExpression>
 
 #include <cerrno>
 
@@ -15,34 +15,34 @@ namespace {
 
 const char kEraseLine[] = "\r\x1b[K";
 
-const QVector<Explanation> kExplanations = {
+const QMap<QString, Explanation> kExplanations = {
     {"label.can_not_create_config_for_open_vpn",
-     "The daemon could not write the configuration file for openvpn.",
-     "Check that the disk of the daemon's temporary folder has room and is writable."},
+     {"The daemon could not write the configuration file for openvpn.",
+      "Check that the disk of the daemon's temporary folder has room and is writable."}},
     {"warning.open_vpn_running_fails_check_apps",
-     "The openvpn program could not be started, or too many connections are open.",
-     "Check that \"openvpn\" lies next to the daemon, that it may be executed, and that no "
-     "security program blocks it. The daemon's log tells when connections are too many."},
+     {"The openvpn program could not be started, or too many connections are open.",
+      "Check that \"openvpn\" lies next to the daemon, that it may be executed, and that no "
+      "security program blocks it. The daemon's log tells when connections are too many."}},
     {"warning.open_vpn_does_not_exists_try_another_protocol",
-     "The openvpn program could not be started, or is missing.",
-     "Check that \"openvpn\" lies next to the daemon and may be executed. Reinstall the "
-     "application if it is missing."},
+     {"The openvpn program could not be started, or is missing.",
+      "Check that \"openvpn\" lies next to the daemon and may be executed. Reinstall the "
+      "application if it is missing."}},
     {"warning.open_vpn_connection_time_out",
-     "The tunnel was not up after 16 seconds, or openvpn ended by itself however often it was "
-     "started.",
-     "The daemon's log, /var/log/talvexvpnd.log, has what openvpn said. Check certificate and key, "
-     "which openvpn may have refused, then host and port. Try the other transport (--udp or --tcp) "
-     "or another server."},
+     {"The tunnel was not up after 16 seconds, or openvpn ended by itself however often it was "
+      "started.",
+      "The daemon's log, /var/log/talvexvpnd.log, has what openvpn said. Check certificate and "
+      "key, which openvpn may have refused, then host and port. Try the other transport (--udp or "
+      "--tcp) or another server."}},
     {"warning.open_vpn_server_does_not_respond",
-     "openvpn had nothing to say for 10 seconds, not even its version.",
-     "Something holds openvpn up where the daemon runs, a security program for example. A server "
-     "that is silent shows as a time-out instead."},
+     {"openvpn had nothing to say for 10 seconds, not even its version.",
+      "Something holds openvpn up where the daemon runs, a security program for example. A server "
+      "that is silent shows as a time-out instead."}},
     {"warning.can_not_open_vpn_check_is_admin_granted",
-     "openvpn reported an error, or was stopped by a newer command or a missing heartbeat.",
-     "The daemon's log, /var/log/talvexvpnd.log, has what openvpn said. \"VERIFY ERROR\" means "
-     "that the authority's certificate (ca) is the wrong one, or that the server is a false one. "
-     "Otherwise check that the daemon runs as root, and that certificate and key belong to this "
-     "server."},
+     {"openvpn reported an error, or was stopped by a newer command or a missing heartbeat.",
+      "The daemon's log, /var/log/talvexvpnd.log, has what openvpn said. \"VERIFY ERROR\" means "
+      "that the authority's certificate (ca) is the wrong one, or that the server is a false one. "
+      "Otherwise check that the daemon runs as root, and that certificate and key belong to this "
+      "server."}},
 };
 
 /// @return seconds with as many digits as are worth knowing.
@@ -51,19 +51,9 @@ QString secondsText(Seconds time)
     return QString::number(time.count(), 'f', 1);
 }
 
-/// @return for a message that is no known key, the message itself as text.
-Explanation explain(const QString &message)
-{
-    for (const Explanation &explanation : kExplanations) {
-        if (explanation.key == message)
-            return explanation;
-    }
-    return {message, message, {}};
-}
-
 } // namespace
 
-QVector<Explanation> explanations()
+QMap<QString, Explanation> explanations()
 {
     return kExplanations;
 }
@@ -83,22 +73,13 @@ int terminalWidth(int descriptor)
                                                                         : kStandardWidth;
 }
 
-QString wrapped(const QString &text, int width, int indent)
+QString wrapped(QString text, int width)
 {
-    QStringList lines;
-    for (QString line : text.split('\n')) {
-        while (width > 0 && line.size() > width) {
-            int blank = line.lastIndexOf(' ', width);
-            if (blank <= indent)
-                blank = line.indexOf(' ', std::max(width, indent));
-            if (blank < 0)
-                break;
-            lines.append(line.left(blank));
-            line = QString(indent, ' ') + line.mid(blank + 1);
-        }
-        lines.append(line);
-    }
-    return lines.join('\n');
+    if (width <= 0)
+        return text;
+    // Of a line that is too long: as many words as there is room for, or one that is longer.
+    const QRegularExpression tooLong(QString("(?=.{%1})(.{1,%2}|\\S+) ").arg(width + 1).arg(width));
+    return text.replace(tooLong, "\\1\n");
 }
 
 Report::Report(Form form)
@@ -140,7 +121,8 @@ void Report::answer(const QString &message, const OperationResult &result,
                     std::optional<Seconds> elapsed)
 {
     const QString command = commandOf(message);
-    const Explanation explanation = explain(result.message);
+    // What is no known key is a text itself.
+    const Explanation explanation = kExplanations.value(result.message, {result.message, {}});
 
     QString text;
     if (command == "connect")

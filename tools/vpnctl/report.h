@@ -4,8 +4,8 @@
 #include "problem.h"
 
 #include <QtCore/QJsonObject>
+#include <QtCore/QMap>
 #include <QtCore/QObject>
-#include <QtCore/QVector>
 
 #include <chrono>
 #include <optional>
@@ -16,16 +16,15 @@ namespace vpnctl {
 
 using Seconds = std::chrono::duration<double>;
 
-/// A localisation key of the daemon in plain English.
+/// What a localisation key of the daemon means, in plain English.
 struct Explanation
 {
-    QString key;
     QString text; ///< What happened, one sentence.
     QString advice; ///< What to do about it; empty for a key that is not known.
 };
 
 /// @return every key that the daemon has.
-QVector<Explanation> explanations();
+QMap<QString, Explanation> explanations();
 
 /// @param message the JSON text of an answer.
 /// @return "connect" or "disconnect"; empty when the text says neither.
@@ -36,8 +35,7 @@ int terminalWidth(int descriptor);
 
 /// Breaks the lines of a text at blanks.
 /// @param width how many characters a line may have; a longer word stays whole. 0 breaks nothing.
-/// @param indent how many blanks stand before what is continued.
-QString wrapped(const QString &text, int width, int indent = 0);
+QString wrapped(QString text, int width);
 
 /// What the program prints: sentences for people, or one JSON object a line for programs. In
 /// JSON everything goes to standard output; sentences go there too, except notes and errors, which

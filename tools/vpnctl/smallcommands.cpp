@@ -2,21 +2,25 @@
 #include "observation.h"
 #include "target.h"
 
-#include <QtCore/QJsonArray>
-
 #include <cmath>
 
 namespace vpnctl {
 
 namespace {
 
-/// Asks the daemon for its main interface, and for nothing more: an endpoint would stay behind.
+/// Asks the daemon for its main interface, and for nothing more: an endpoint would stay behind. For
+/// "status", what can be seen from outside comes before.
 class PingCommand : public Command
 {
 public:
     using Command::Command;
 
-    void start() override { reach(); }
+    void start() override
+    {
+        if (m_options.command == Options::Command::Status)
+            reportObservation(m_report);
+        reach();
+    }
 
 private:
     void reached() override
@@ -25,67 +29,6 @@ private:
         m_report.print(
             "pong", {{"milliseconds", milliseconds}},
             QString("The daemon is there and answered after %1 ms.").arg(milliseconds, 0, 'f', 1));
-        finish(ExitCode::Done);
-    }
-};
-
-/// Prints what can be seen from outside, and then whether the daemon is there.
-class StatusCommand : public PingCommand
-{
-    using PingCommand::PingCommand;
-
-    void start() override
-    {
-        QJsonArray tunnels;
-        QJsonArray lines;
-        for (const TunnelInterface &tunnel : tunnelInterfaces()) {
-            tunnels.append(QJsonObject{{"name", tunnel.name},
-                                       {"address", tunnel.address},
-                                       {"bytesIn", tunnel.bytesIn},
-                                       {"bytesOut", tunnel.bytesOut}});
-            lines.append(QString("%1 with %2 (%3 bytes in, %4 out)")
-                             .arg(tunnel.name, tunnel.address)
-                             .arg(tunnel.bytesIn)
-                             .arg(tunnel.bytesOut));
-        }
-        const QJsonArray dns = QJsonArray::fromStringList(dnsServers());
-        const std::optional<QStringList> backups = dnsBackups();
-        const QJsonArray backupNames = QJsonArray::fromStringList(backups.value_or(QStringList()));
-        QJsonArray endpoints;
-        for (const int endpoint : endpointsWithSockets())
-            endpoints.append(endpoint);
-        m_report.print("observation",
-                       {{"interfaces", tunnels},
-                        {"dns", dns},
-                        {"backups", backups ? QJsonValue(backupNames) : QJsonValue()},
-                        {"endpoints", endpoints}},
-                       QString("Tunnel interfaces: %1\n"
-                               "DNS servers in use: %2\n"
-                               "Backups of DNS settings: %3\n"
-                               "Endpoints with a socket: %4")
-                           .arg(listed(lines), listed(dns),
-                                backups ? listed(backupNames) : "only root may see them",
-                                listed(endpoints)));
-        PingCommand::start();
-    }
-
-private:
-    static QString listed(const QJsonArray &values)
-    {
-        const QStringList texts = QVariant(values.toVariantList()).toStringList();
-        return texts.isEmpty() ? "none" : texts.join(", ");
-    }
-};
-
-/// Makes a folder for a maintainer, with a daemon or without.
-class ReportCommand : public Command
-{
-public:
-    using Command::Command;
-
-    void start() override
-    {
-        makeReportFolder(m_options.folder, m_report);
         finish(ExitCode::Done);
     }
 };
@@ -160,19 +103,14 @@ std::unique_ptr<Command> Command::create(const Options &options, Report &report)
     switch (options.command) {
     case Options::Command::Connect:
         return makeConnectCommand(options, report);
-    case Options::Command::Ping:
-        return std::make_unique<PingCommand>(options, report);
-    case Options::Command::Status:
-        return std::make_unique<StatusCommand>(options, report);
-    case Options::Command::Report:
-        return std::make_unique<ReportCommand>(options, report);
     case Options::Command::Watch:
         return std::make_unique<WatchCommand>(options, report);
     case Options::Command::Disconnect:
     case Options::Command::Raw:
-        break;
+        return std::make_unique<SendCommand>(options, report);
+    default:
+        return std::make_unique<PingCommand>(options, report);
     }
-    return std::make_unique<SendCommand>(options, report);
 }
 
 } // namespace vpnctl

@@ -14,46 +14,22 @@ namespace {
 
 using namespace std::chrono_literals;
 
-/// Publishes a remote object on a socket of its own.
-template<typename Source>
-class Endpoint : public Source
+class MainSocket : public IpcInterfaceSource
 {
 public:
-    explicit Endpoint(const QString &socketName)
-    {
-        // A host publishes nothing before it has a connection.
-        QObject::connect(&m_server, &QLocalServer::newConnection, this, [this] {
-            m_host.addHostSideConnection(m_server.nextPendingConnection());
-            m_host.enableRemoting(static_cast<Source *>(this));
-        });
-        if (!m_server.listen(socketName))
-            qFatal("cannot listen on %s", qPrintable(socketName));
-    }
-
-private:
-    QLocalServer m_server;
-    QRemoteObjectHost m_host;
-};
-
-/// The daemon as a client sees it.
-class MainSocket : public Endpoint<IpcInterfaceSource>
-{
-public:
-    MainSocket()
-        : Endpoint(shared::getIpcServiceUrl())
-    {
-    }
+    MainSocket() { m_host.enableRemoting(this); }
 
     int createPrivilegedProcess() override { return 1; }
+
+private:
+    QRemoteObjectHost m_host{QUrl("local:" + shared::getIpcServiceUrl())};
 };
 
-class FirstEndpoint : public Endpoint<ServiceInterfaceSource>
+/// The daemon as a client sees it, with one daemon.
+class Daemon : public ServiceInterfaceSource
 {
 public:
-    FirstEndpoint()
-        : Endpoint(shared::getIpcProcessUrl(1))
-    {
-    }
+    Daemon() { m_host.enableRemoting(this); }
 
     int heartbeats = 0;
     int failures = 0; ///< So many connects are answered with a failure.
@@ -72,6 +48,10 @@ public:
                                   ? OperationResult::failed("no luck")
                                   : OperationResult::succeeded());
     }
+
+private:
+    MainSocket m_mainSocket;
+    QRemoteObjectHost m_host{QUrl("local:" + shared::getIpcProcessUrl(1))};
 };
 
 } // namespace
@@ -117,14 +97,13 @@ private Q_SLOTS:
     void onlyAHeldTunnelGetsHeartbeats()
     {
         for (const bool detach : {false, true}) {
-            const MainSocket mainSocket;
-            const FirstEndpoint endpoint;
+            const Daemon daemon;
             m_options.limits.heartbeatPeriod = 50ms;
             m_options.detach = detach;
             begin();
-            QTRY_VERIFY(detach ? m_finished == ExitCode::Done : endpoint.heartbeats >= 5);
-            QCOMPARE(endpoint.commands, QStringList{"connect"});
-            QVERIFY(detach ? endpoint.heartbeats == 0 : !m_finished);
+            QTRY_VERIFY(detach ? m_finished == ExitCode::Done : daemon.heartbeats >= 5);
+            QCOMPARE(daemon.commands, QStringList{"connect"});
+            QVERIFY(detach ? daemon.heartbeats == 0 : !m_finished);
             cleanup();
         }
     }
@@ -144,37 +123,35 @@ private Q_SLOTS:
         QFETCH(int, silenceMs);
         QFETCH(bool, once);
         QFETCH(QString, commands);
-        const MainSocket mainSocket;
-        const FirstEndpoint endpoint;
+        const Daemon daemon;
         m_options.once = once;
         m_options.limits.silence = std::chrono::milliseconds(silenceMs);
         m_options.limits.firstPause = 20ms;
-        holdAndStop(endpoint);
-        QTRY_COMPARE(endpoint.commands.join(' '), commands);
+        holdAndStop(daemon);
+        QTRY_COMPARE(daemon.commands.join(' '), commands);
         QTest::qWait(50);
-        QCOMPARE(endpoint.commands.join(' '), commands);
+        QCOMPARE(daemon.commands.join(' '), commands);
         QCOMPARE(m_finished.has_value(), once);
         QCOMPARE(m_finished.value_or(ExitCode::Failed), ExitCode::Failed);
     }
 
     void pausesGrow()
     {
-        const MainSocket mainSocket;
-        FirstEndpoint endpoint;
-        endpoint.failures = 3;
+        Daemon daemon;
+        daemon.failures = 3;
         m_options.answerLimit = 1s; // which is over before the pauses are
         m_options.limits.silence = 100ms;
         m_options.limits.firstPause = 200ms;
         m_options.limits.longestPause = 400ms;
-        holdAndStop(endpoint);
+        holdAndStop(daemon);
         // For each attempt a disconnect, and after a pause the next connect.
-        QTRY_COMPARE(endpoint.commands.size(), 9);
-        const auto &times = endpoint.times;
+        QTRY_COMPARE(daemon.commands.size(), 9);
+        const auto &times = daemon.times;
         const auto pauseBefore = [&](int command) { return times[command] - times[command - 1]; };
         QVERIFY(pauseBefore(2) >= 190 && pauseBefore(4) >= 380 && pauseBefore(6) >= 380);
         QVERIFY(pauseBefore(8) >= 380 && pauseBefore(8) < 790);
         QThread::msleep(450); // of a tunnel that was up for longer, the first one is as short again
-        QTRY_COMPARE(endpoint.commands.size(), 11);
+        QTRY_COMPARE(daemon.commands.size(), 11);
         QVERIFY(pauseBefore(10) < 380);
         QVERIFY(!m_finished);
     }
@@ -195,11 +172,11 @@ private:
     }
 
     /// Begins, and when the tunnel is held stops this process, and so the command, for a while.
-    void holdAndStop(const FirstEndpoint &endpoint)
+    void holdAndStop(const Daemon &daemon)
     {
         m_options.limits.heartbeatPeriod = m_options.limits.lookPeriod = 20ms;
         begin();
-        QTRY_VERIFY(endpoint.heartbeats >= 4);
+        QTRY_VERIFY(daemon.heartbeats >= 4);
         QThread::msleep(150);
     }
 

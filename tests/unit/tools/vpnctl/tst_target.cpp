@@ -1,6 +1,5 @@
 #include "inputfile.h"
 #include "options.h"
-#include "ovpnprofile.h"
 #include "ovpntemplate.h"
 #include "pemtexts.h"
 #include "problem.h"
@@ -25,31 +24,24 @@ void write(const QString &path, const QByteArray &content)
         qFatal("cannot write %s", qPrintable(path));
 }
 
-/// @return what becomes of "vpnctl connect ARGUMENTS": a line for each target, then the notes, then
+/// @return what becomes of "vpnctl connect ARGUMENTS": a line for each server, then the notes, then
 ///         the directives that would have protected; or the problem.
-QStringList linesFor(const QString &arguments)
+QString linesFor(const QString &arguments)
 {
     QStringList lines;
     try {
         const QStringList words = ("vpnctl connect " + arguments).split(' ');
         const TargetList list = readTargets(std::get<Options>(readCommandLine(words)));
-        for (const Target &target : list.targets) {
-            lines.append(QString("%1 %2 %3")
-                             .arg(target.server.host)
-                             .arg(target.port())
-                             .arg(transportName(target.transport)));
-        }
+        for (const auto &[host, port, transport] : list.remotes)
+            lines.append(QString("%1 %2 %3").arg(host).arg(port).arg(transportName(*transport)));
         if (!list.notCarriedOver.isEmpty())
             lines.append("not carried over: " + list.notCarriedOver.join(' '));
-        for (const Weakness &weakness : list.weaknesses) {
-            lines.append("weaker: " + weakness.directive);
-            if (!weakness.text.endsWith('.'))
-                lines.append("no sentence");
-        }
+        for (const auto &[directive, text] : list.weaknesses)
+            lines.append((text.endsWith('.') ? "weaker: " : "no sentence: ") + directive);
     } catch (const Problem &problem) {
         lines.append(problem.text);
     }
-    return lines;
+    return lines.join('|');
 }
 
 const QByteArray kKeys = "\nca c.crt\ncert 'c.crt'\nkey \"k.key\"\n";
@@ -148,7 +140,10 @@ private Q_SLOTS:
         row("--host a --ca c.crt --cert c.crt --key k.key", {}, "a 1194 UDP");
         row("--host a --ca c.crt --cert c.crt --key k.key --tcp --port 443", {}, "a 443 TCP");
         row("--host a --ca none --cert c.crt --key k.key", {},
-            "Cannot read the ca file FOLDER/none: No such file or directory.");
+            "Cannot read the ca file none: No such file or directory.");
+        for (const QByteArray host : {"a.b:443", "[fe80::1]:443", "a_/b"})
+            row("--ca c.crt --cert c.crt --key k.key --host " + host, {},
+                '"' + host + "\" is no host name or address.");
 
         row("file", "remote a\ncert c.crt", "file lacks: ca, key.");
         row("--server file", json("{'host':'a','udpPort':1,'ca':'c.crt'}"),
@@ -158,6 +153,11 @@ private Q_SLOTS:
         row("file", QByteArray(1'048'577, '#'),
             "The profile file is too large; at most 1 MiB is read.");
         row("file", QByteArray(1'048'576, '#'), "file names no server: it has no \"remote\" line.");
+        row("file", QByteArray("\xff\xfer\0e\0m\0o\0t\0e\0 \0a\0", 18),
+            "file lacks: ca, cert, key.");
+        row("none", {}, "Cannot read the profile none: No such file or directory.");
+        row("/", {}, "Cannot read the profile /: file to open is a directory.");
+        row("--server /dev/zero", {}, "The record /dev/zero is too large; at most 1 MiB is read.");
     }
 
     void whereAConnectGoes()
@@ -169,7 +169,7 @@ private Q_SLOTS:
         write("r.json", json(content + kRecordKeys));
         write("file", content);
         lines.replace("FOLDER", m_folder.path().toLocal8Bit());
-        QCOMPARE(linesFor(QString::fromLatin1(arguments)).join('|').toUtf8(), lines);
+        QCOMPARE(linesFor(QString::fromLatin1(arguments)).toUtf8(), lines);
     }
 
     void everyFieldIsRead()
@@ -191,10 +191,10 @@ private Q_SLOTS:
               "remote a\n<ca>\n" + record.ca.toLatin1() + "</ca>\n<cert>\nBag\n"
                   + record.cert.toLatin1() + "</cert>\nkey [inline]\n<key>\n"
                   + record.key.toLatin1() + "</key>\n");
-        const OvpnProfile profile = readOvpnProfile("o.ovpn");
-        QCOMPARE(profile.server.ca, record.ca);
-        QCOMPARE(profile.server.cert, record.cert);
-        QCOMPARE(profile.server.key, record.key);
+        const VpnServerInformation server = readOvpnProfile("o.ovpn").server;
+        QCOMPARE(server.ca, record.ca);
+        QCOMPARE(server.cert, record.cert);
+        QCOMPARE(server.key, record.key);
     }
 
     void pathsAreRelativeToTheFile()
@@ -217,7 +217,7 @@ private Q_SLOTS:
                 .arg(1194)
                 .arg("/Resources");
         write("o.ovpn", daemonsOwn.toLatin1());
-        QCOMPARE(linesFor("o.ovpn"), (QStringList{"a 1194 UDP", "not carried over: up down"}));
+        QCOMPARE(linesFor("o.ovpn"), "a 1194 UDP|not carried over: up down");
     }
 
     void pemIsTakenWithoutWhatStandsAround_data()
