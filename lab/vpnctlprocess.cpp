@@ -1,5 +1,7 @@
 #include "vpnctlprocess.h"
 
+#include <QtCore/QFileInfo>
+#include <QtCore/QProcessEnvironment>
 #include <QtTest/QTest>
 
 #include <csignal>
@@ -8,7 +10,7 @@ namespace {
 
 QStringList completeLinesOf(const QByteArray &text)
 {
-    QStringList lines = QString::fromUtf8(text).split(QLatin1Char('\n'));
+    QStringList lines = QString::fromUtf8(text).split('\n');
     lines.removeLast();
     return lines;
 }
@@ -21,6 +23,10 @@ VpnctlProcess::VpnctlProcess()
             [this] { m_output += readAllStandardOutput(); });
     connect(this, &QProcess::readyReadStandardError, this,
             [this] { m_errors += readAllStandardError(); });
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert("PATH", QFileInfo(TALVEX_VPNCTL).path() + ':' + environment.value("PATH"));
+    environment.insert("TERM", "xterm");
+    setProcessEnvironment(environment);
 }
 
 VpnctlProcess::~VpnctlProcess()
@@ -38,33 +44,24 @@ void VpnctlProcess::setupChildProcess()
 
 void VpnctlProcess::begin(const QString &arguments)
 {
-    begin(arguments.split(QLatin1Char(' ')));
+    beginProgram(TALVEX_VPNCTL, arguments.split(' '));
 }
 
-void VpnctlProcess::begin(const QStringList &arguments)
+void VpnctlProcess::beginInShell(const QString &script)
+{
+    beginProgram("/bin/bash", {"-o", "pipefail", "-c", script});
+}
+
+void VpnctlProcess::beginOnTerminal(const QString &script)
+{
+    beginProgram("/usr/bin/script", {"--quiet", "--log-out", nullDevice(), "--command", script});
+}
+
+void VpnctlProcess::beginProgram(const QString &program, const QStringList &arguments)
 {
     m_output.clear();
     m_errors.clear();
-    start(QStringLiteral(TALVEX_VPNCTL), arguments);
-}
-
-void VpnctlProcess::beginWithin(const QStringList &wrapper, const QString &arguments)
-{
-    m_output.clear();
-    m_errors.clear();
-    start(wrapper.constFirst(),
-          wrapper.mid(1) + QStringList{QStringLiteral(TALVEX_VPNCTL " ") + arguments});
-}
-
-void VpnctlProcess::beginOnTerminal(const QString &shell, const QString &arguments)
-{
-    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    environment.insert(QStringLiteral("TERM"), QStringLiteral("xterm"));
-    setProcessEnvironment(environment);
-    m_output.clear();
-    start(QStringLiteral("/usr/bin/script"),
-          {QStringLiteral("--quiet"), QStringLiteral("--log-out"), nullDevice(),
-           QStringLiteral("--command"), shell.arg(QStringLiteral(TALVEX_VPNCTL " ") + arguments)});
+    start(program, arguments);
 }
 
 int VpnctlProcess::exitCodeWithin(int limitMs)
@@ -73,10 +70,10 @@ int VpnctlProcess::exitCodeWithin(int limitMs)
     return hasEnded && exitStatus() == NormalExit ? exitCode() : -1;
 }
 
-int VpnctlProcess::run(const QString &arguments, int limitMs)
+int VpnctlProcess::run(const QString &arguments)
 {
     begin(arguments);
-    return exitCodeWithin(limitMs);
+    return exitCodeWithin();
 }
 
 void VpnctlProcess::raise(int signal)
@@ -86,17 +83,12 @@ void VpnctlProcess::raise(int signal)
         ::kill(static_cast<pid_t>(processId()), signal);
 }
 
-QStringList VpnctlProcess::lines()
+QStringList VpnctlProcess::lines() const
 {
     return completeLinesOf(m_output);
 }
 
-QStringList VpnctlProcess::errorLines()
+QStringList VpnctlProcess::errorLines() const
 {
     return completeLinesOf(m_errors);
-}
-
-QByteArray VpnctlProcess::output()
-{
-    return m_output;
 }

@@ -16,39 +16,37 @@ public:
 
     /// Starts vpnctl with the arguments, of which none may hold a blank.
     void begin(const QString &arguments);
-    void begin(const QStringList &arguments);
 
-    /// As begin(), with a command in front that runs the words after it.
-    void beginWithin(const QStringList &wrapper, const QString &arguments);
+    /// Starts a script of bash, which finds vpnctl by its name.
+    void beginInShell(const QString &script);
 
-    /// As begin(), on a terminal of its own.
-    /// @param shell a command for sh(1) in which "%1" stands for vpnctl with its arguments.
-    void beginOnTerminal(const QString &shell, const QString &arguments);
+    /// The same on a terminal of its own.
+    void beginOnTerminal(const QString &script);
 
     /// @return the exit code; -1 when the process crashed or does not end within @p limitMs. The
     ///         event loop turns meanwhile.
     int exitCodeWithin(int limitMs = 10'000);
 
     /// Begins and waits for the exit code.
-    int run(const QString &arguments, int limitMs = 10'000);
+    int run(const QString &arguments);
 
     /// Sends the process a signal, unless it has ended.
     void raise(int signal);
 
-    /// @return the complete lines of standard output so far.
-    QStringList lines();
-
-    /// @return the complete lines of standard error so far.
-    QStringList errorLines();
+    /// @return the complete lines of standard output so far, or of standard error.
+    QStringList lines() const;
+    QStringList errorLines() const;
 
     /// @return everything from standard output so far.
-    QByteArray output();
+    QByteArray output() const { return m_output; }
 
 protected:
     /// Starts with the signals as a terminal has them, whether the tests run under nohup or not.
     void setupChildProcess() override;
 
 private:
+    void beginProgram(const QString &program, const QStringList &arguments);
+
     QByteArray m_output;
     QByteArray m_errors;
 };

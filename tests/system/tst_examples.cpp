@@ -1,29 +1,29 @@
+#include "asuser.h"
 #include "daemonprocess.h"
+#include "files.h"
 #include "frames.h"
 #include "ipcurls.h"
 #include "pemtexts.h"
 #include "privateroot.h"
 #include "standins.h"
 
-#include <QtCore/QRegularExpression>
-#include <QtNetwork/QLocalSocket>
+#include <QtNetwork/QLocalServer>
 #include <QtTest/QtTest>
 
 namespace {
 
-const QString kDisconnect = QStringLiteral(R"({"type":"openvpn","cmd":"disconnect"})");
+const QString kExamples = TALVEX_SOURCES "/examples";
+const QString kDisconnect = R"({"type":"openvpn","cmd":"disconnect"})";
+const QString kHeartbeat = "Replica state is  true";
 
 /// The n-th block of bytes in the page about frames.
 QByteArray bytesOfThePage(int n)
 {
-    QFile page(QStringLiteral(TALVEX_SOURCES "/docs/protocol-frames.md"));
-    if (!page.open(QIODevice::ReadOnly))
-        qFatal("cannot read %s", qPrintable(page.fileName()));
-    const QStringList blocks = QString::fromUtf8(page.readAll())
-                                   .split(QStringLiteral("\n```\n"))
-                                   .filter(QRegularExpression(QStringLiteral("^00 ")));
+    const QByteArray page = lab::contentOf(TALVEX_SOURCES "/docs/protocol-frames.md");
+    const QStringList blocks =
+        QString::fromUtf8(page).split("\n```\n").filter(QRegularExpression("^00 "));
     QByteArray bytes;
-    for (const QString &line : blocks.value(n).split(QLatin1Char('\n')))
+    for (const QString &line : blocks.value(n).split('\n'))
         bytes += QByteArray::fromHex(line.left(47).toLatin1());
     return bytes;
 }
@@ -36,184 +36,160 @@ class TestExamples : public QObject
     Q_OBJECT
 
 private:
+    const QString m_pem = "/var/root/all.pem"; ///< authority, certificate and key
     QScopedPointer<DaemonProcess> m_daemon;
-    QScopedPointer<QProcess> m_client;
-    QStringList m_files; ///< for the authority, the certificate and the key
 
-    static void addClients()
+    static QMap<QString, QString> programs()
     {
-        QTest::addColumn<QString>("program");
-        QTest::newRow("C++") << QStringLiteral(TALVEX_MINIMAL_CLIENT);
-        QTest::newRow("Python") << QStringLiteral(TALVEX_SOURCES "/examples/minimal_client.py");
-    }
-
-    void start(const QString &host)
-    {
-        QFETCH(QString, program);
-        m_client.reset(new QProcess);
-        m_client->setProcessChannelMode(QProcess::MergedChannels);
-        m_client->start(program, arguments(host));
-    }
-
-    QStringList arguments(const QString &host) const
-    {
-        return QStringList{host, QStringLiteral("1194")} + m_files;
-    }
-
-    void fails(const QByteArray &message)
-    {
-        QTRY_COMPARE_WITH_TIMEOUT(m_client->state(), QProcess::NotRunning, 20'000);
-        QCOMPARE(m_client->exitStatus(), QProcess::NormalExit);
-        QCOMPARE(m_client->exitCode(), 1);
-        const QByteArray output = m_client->readAll();
-        QVERIFY2(output.contains(message + '\n'), output.constData());
+        return {{"C++", TALVEX_MINIMAL_CLIENT}, {"Python", kExamples + "/minimal_client.py"}};
     }
 
 private Q_SLOTS:
     void init()
     {
         lab::resetPrivateRoot();
-        QFile file(QStringLiteral("/var/root/ca.crt"));
+        QFile file(m_pem);
         QVERIFY(file.open(QIODevice::WriteOnly));
         QVERIFY(file.write(pemtexts::certificate().toLatin1()) > 0);
-        m_files = QStringList{file.fileName(), file.fileName(), file.fileName()};
         m_daemon.reset(new DaemonProcess);
         QVERIFY(m_daemon->start());
     }
 
-    void cleanup()
+    void cleanup() { m_daemon.reset(); }
+
+    void holdsTheWholeConversation_data()
     {
-        m_client.reset();
-        m_daemon.reset();
+        QTest::addColumn<QString>("program");
+        for (const QString &language : programs().keys())
+            QTest::newRow(qPrintable(language)) << programs()[language];
     }
 
-    void holdsTheWholeConversation_data() { addClients(); }
     void holdsTheWholeConversation()
     {
-        start(QStringLiteral("connects"));
+        QFETCH(QString, program);
+        QProcess client;
+        client.start(program, {"connects", "1194", m_pem, m_pem, m_pem});
         QTRY_COMPARE(standins::runningOpenvpns(), 1);
         const QByteArray text = standins::configurationOf(standins::openvpnStarts()[0]);
         QVERIFY(text.contains("\nproto udp\nremote connects 1194\n"));
         QVERIFY(text.contains("<ca>\n" + pemtexts::certificate().toLatin1()));
-        QTRY_COMPARE_WITH_TIMEOUT(m_client->state(), QProcess::NotRunning, 20'000);
-        QCOMPARE(m_client->exitCode(), 0);
+        QTRY_COMPARE_WITH_TIMEOUT(client.state(), QProcess::NotRunning, 20'000);
+        QCOMPARE(client.exitCode(), 0);
         QCOMPARE(standins::runningOpenvpns(), 0);
-        QCOMPARE(m_client->readAll(),
-                 QByteArray("{\"arg\":\"connect\",\"cmd\":\"connect\",\"status\":true,\"type\":"
-                            "\"openvpn\"} true \n"
-                            "{\"arg\":\"disconnect\",\"cmd\":\"disconnect\",\"status\":true,"
-                            "\"type\":\"openvpn\"} true \n"));
-        const int heartbeat = m_daemon->log().indexOf(QStringLiteral("Replica state is  true"));
+        QCOMPARE(
+            client.readAllStandardOutput() + client.readAllStandardError(),
+            QByteArray(R"({"arg":"connect","cmd":"connect","status":true,"type":"openvpn"})"
+                       " true \n"
+                       R"({"arg":"disconnect","cmd":"disconnect","status":true,"type":"openvpn"})"
+                       " true \n"));
+        const int heartbeat = m_daemon->log().indexOf(kHeartbeat);
         QVERIFY(heartbeat >= 0);
-        QVERIFY(heartbeat < m_daemon->log().indexOf(QStringLiteral("Connect cmd \"ovpnUdp\"")));
+        QVERIFY(heartbeat < m_daemon->log().indexOf("Connect cmd \"ovpnUdp\""));
     }
 
-    void failsWhenTheTunnelDoesNotComeUp_data() { addClients(); }
-    void failsWhenTheTunnelDoesNotComeUp()
+    void saysWhatFailed_data()
     {
-        start(QStringLiteral("error"));
-        fails(" false warning.can_not_open_vpn_check_is_admin_granted");
-        QCOMPARE(standins::runningOpenvpns(), 0);
+        QTest::addColumn<QString>("program");
+        QTest::addColumn<QString>("host");
+        QTest::addColumn<QString>("keyFile");
+        QTest::addColumn<QString>("daemonEnds");
+        QTest::addColumn<QString>("said");
+        for (const QString &language : programs().keys()) {
+            const auto row = [&](const char *name, const char *host, const QString &keyFile,
+                                 const char *daemonEnds, const char *said) {
+                QTest::addRow("%s, %s", qPrintable(language), name)
+                    << programs()[language] << host << keyFile << daemonEnds << said;
+            };
+            row("no tunnel", "error", m_pem, "",
+                R"({"arg":"connect","cmd":"connect","status":true,"type":"openvpn"})"
+                " false warning.can_not_open_vpn_check_is_admin_granted\n");
+            row("no file", "connects", "/none", "", "cannot read /none\n");
+            row("no daemon", "connects", m_pem, "before", "the daemon is not running\n");
+            row("no daemon any more", "silent", m_pem, "meanwhile",
+                "the daemon closed the connection\n");
+        }
     }
 
-    void endsWhenTheDaemonDies_data() { addClients(); }
-    void endsWhenTheDaemonDies()
+    void saysWhatFailed()
     {
-        start(QStringLiteral("silent"));
-        QTRY_COMPARE(standins::runningOpenvpns(), 1);
+        QFETCH(QString, program);
+        QFETCH(QString, host);
+        QFETCH(QString, keyFile);
+        QFETCH(QString, daemonEnds);
+        QFETCH(QString, said);
+        if (daemonEnds == "before")
+            m_daemon->kill();
+        QProcess client;
+        client.start(program, {host, "1194", m_pem, m_pem, keyFile});
+        if (daemonEnds == "meanwhile") {
+            QTRY_COMPARE(standins::runningOpenvpns(), 1);
+            m_daemon->kill();
+        }
+        QTRY_COMPARE_WITH_TIMEOUT(client.state(), QProcess::NotRunning, 20'000);
+        QCOMPARE(client.exitStatus(), QProcess::NormalExit);
+        QCOMPARE(client.exitCode(), 1);
+        const QString output = client.readAllStandardOutput() + client.readAllStandardError();
+        QVERIFY2(output.startsWith(said), qPrintable(output));
+        QCOMPARE(standins::openvpnStarts().size(), host == "connects" ? 0 : 1);
+        QCOMPARE(standins::runningOpenvpns(), host == "silent" ? 1 : 0);
+    }
+
+    void sendsNothingToAnotherUser_data() { holdsTheWholeConversation_data(); }
+
+    /// Whoever is faster than the daemon can make a socket of its name.
+    void sendsNothingToAnotherUser()
+    {
+        QFETCH(QString, program);
         m_daemon->kill();
-        fails("the daemon closed the connection");
-    }
-
-    void namesAFileThatItCannotRead_data() { addClients(); }
-    void namesAFileThatItCannotRead()
-    {
-        m_files.last() = QStringLiteral("/var/root/none.key");
-        start(QStringLiteral("connects"));
-        fails("cannot read /var/root/none.key");
-        QCOMPARE(m_daemon->log(), QStringList());
-    }
-
-    void saysSoWithoutDaemon_data() { addClients(); }
-    void saysSoWithoutDaemon()
-    {
-        m_daemon->kill();
-        start(QStringLiteral("connects"));
-        fails("the daemon is not running");
+        QVERIFY(QFile::remove(shared::getIpcServiceUrl()));
+        QLocalServer server;
+        {
+            const lab::AsUser as(501);
+            if (!as.isActive())
+                QSKIP("an ordinary user's private root has only root");
+            QVERIFY(server.listen(shared::getIpcServiceUrl()));
+        }
+        QProcess client;
+        client.start(program, {"connects", "1194", m_pem, m_pem, m_pem});
+        QTRY_VERIFY(server.hasPendingConnections());
+        QLocalSocket *connection = server.nextPendingConnection();
+        QTRY_COMPARE(client.state(), QProcess::NotRunning);
+        QCOMPARE(client.exitCode(), 1);
+        QCOMPARE(client.readAllStandardError(), QByteArray("the socket is not root's\n"));
+        QTRY_COMPARE(connection->state(), QLocalSocket::UnconnectedState);
+        QCOMPARE(connection->readAll(), QByteArray());
     }
 
     void pythonClientKeepsItsTunnelAlive()
     {
         QProcess client;
-        client.start(QStringLiteral("python3"),
-                     QStringList{QStringLiteral("-Bc"),
-                                 QStringLiteral("import sys; sys.path.append('" TALVEX_SOURCES
-                                                "/examples')\n"
-                                                "import minimal_client as client\n"
-                                                "client.HEARTBEAT, client.HOLD = 0.05, 60\n"
-                                                "client.main()\n")}
-                         + arguments(QStringLiteral("connects")));
-        QTRY_VERIFY(m_daemon->count(QStringLiteral("Replica state is  true")) > 20);
+        client.start("python3",
+                     {"-Bc",
+                      "import sys; sys.path.append('" + kExamples
+                          + "')\n"
+                            "import minimal_client as client\n"
+                            "client.HEARTBEAT, client.HOLD = 0.05, 60\n"
+                            "client.main()\n",
+                      "connects", "1194", m_pem, m_pem, m_pem});
+        QTRY_VERIFY(m_daemon->count(kHeartbeat) > 20);
         QCOMPARE(standins::runningOpenvpns(), 1);
         client.terminate();
         QVERIFY(client.waitForFinished());
     }
 
-    void clientSendsNothingToAnotherUser_data()
-    {
-        QTest::addColumn<QString>("program");
-        QTest::addColumn<QByteArray>("message");
-        QTest::newRow("Python") << QStringLiteral(TALVEX_SOURCES "/examples/minimal_client.py")
-                                << QByteArray("/tmp/local:TalvexFreeVpnIpcInterface belongs to "
-                                              "another user than root; nothing was sent\n");
-        QTest::newRow("C++") << QStringLiteral(TALVEX_MINIMAL_CLIENT)
-                             << QByteArray("the socket is not root's\n");
-    }
-
-    /// Whoever is faster than the daemon can make a socket of its name.
-    void clientSendsNothingToAnotherUser()
-    {
-        QFETCH(QString, program);
-        QFETCH(QByteArray, message);
-        m_daemon->kill();
-        QVERIFY(QFile::remove(shared::getIpcServiceUrl()));
-        QProcess other;
-        other.start(QStringLiteral("setpriv"),
-                    {QStringLiteral("--reuid=65534"), QStringLiteral("--clear-groups"),
-                     QStringLiteral("python3"), QStringLiteral("-c"),
-                     QStringLiteral("import socket\n"
-                                    "server = socket.socket(socket.AF_UNIX)\n"
-                                    "server.bind('%1')\n"
-                                    "server.listen()\n"
-                                    "print('listening', flush=True)\n"
-                                    "print(server.accept()[0].recv(9), flush=True)\n")
-                         .arg(shared::getIpcServiceUrl())});
-        QVERIFY(other.waitForReadyRead() || other.state() == QProcess::NotRunning);
-        if (other.readAllStandardOutput() != "listening\n")
-            QSKIP("an ordinary user's private root has only root");
-        QProcess client;
-        client.start(program, arguments(QStringLiteral("connects")));
-        QVERIFY(client.waitForFinished());
-        QCOMPARE(client.exitCode(), 1);
-        QCOMPARE(client.readAllStandardError(), message);
-        QVERIFY(other.waitForFinished());
-        QCOMPARE(other.readAllStandardOutput(), QByteArray("b''\n"));
-    }
-
     void clientsSendTheFramesOfThePage()
     {
         VpnServerInformation server;
-        server.name = QStringLiteral("Office");
+        server.name = "Office";
         server.id = 7;
-        server.host = QStringLiteral("192.0.2.2");
-        server.ca = QStringLiteral("A");
-        server.key = QStringLiteral("K");
-        server.cert = QStringLiteral("C");
+        server.host = "192.0.2.2";
+        server.ca = "A";
+        server.key = "K";
+        server.cert = "C";
         server.udpPort = 1194;
         server.tcpPort = 443;
         QCOMPARE(bytesOfThePage(0).toHex(' '),
-                 frames::vpnCommand(QStringLiteral(R"({"type":"connect","cmd":"ovpnUdp"})"), server)
-                     .toHex(' '));
+                 frames::vpnCommand(R"({"type":"connect","cmd":"ovpnUdp"})", server).toHex(' '));
     }
 
     void daemonSendsTheFramesOfThePage()
@@ -226,43 +202,32 @@ private Q_SLOTS:
         QTRY_VERIFY(main.bytesAvailable() >= firstCall.size());
         QCOMPARE(main.readAll().toHex(' '), firstCall.toHex(' '));
 
-        QLocalSocket endpoint;
-        endpoint.connectToServer(shared::getIpcProcessUrl(1));
-        endpoint.write(frames::addObject(frames::kServiceInterface)
-                       + frames::vpnCommand(kDisconnect));
         const QByteArray answer = bytesOfThePage(2);
         QVERIFY(!answer.isEmpty());
-        QByteArray received;
-        QTRY_VERIFY((received += endpoint.readAll()).endsWith(answer));
-    }
-
-    void withoutAddObjectNoAnswerComes()
-    {
-        QLocalSocket main;
-        main.connectToServer(shared::getIpcServiceUrl());
-        main.write(frames::createPrivilegedProcess());
-        const QByteArray answer = bytesOfThePage(2);
-        QTRY_VERIFY(QFile::exists(shared::getIpcProcessUrl(1)));
         QLocalSocket endpoint;
+        QByteArray received;
         endpoint.connectToServer(shared::getIpcProcessUrl(1));
         endpoint.write(frames::vpnCommand(kDisconnect));
-        QTRY_COMPARE(m_daemon->linesWith(QStringLiteral("Send command service")).size(), 1);
+        QTRY_COMPARE(m_daemon->linesWith("Send command service").size(), 1);
         endpoint.write(frames::ping(frames::kServiceInterface));
         const QByteArray pong = frames::packet(11, frames::kServiceInterface);
-        QByteArray received;
         QTRY_VERIFY((received += endpoint.readAll()).endsWith(pong));
-        QVERIFY(!received.contains(answer));
+        QVERIFY2(!received.contains(answer), "an answer came without AddObject");
+
+        endpoint.write(frames::addObject(frames::kServiceInterface)
+                       + frames::vpnCommand(kDisconnect));
+        QTRY_VERIFY((received += endpoint.readAll()).endsWith(answer));
     }
 
     /// With stand-ins for macOS's frameworks and tools, where the example is built at all.
     void platformLayerAnswers()
     {
-        const QString program = QStringLiteral(TALVEX_EXAMPLES "/platform_layer");
+        const QString program = TALVEX_EXAMPLES "/platform_layer";
         if (!QFile::exists(program))
             QSKIP("GNUstep is missing");
         QProcess example;
-        example.setWorkingDirectory(QStringLiteral("/tmp"));
-        example.start(program, {QStringLiteral("status")});
+        example.setWorkingDirectory("/tmp");
+        example.start(program, {"status"});
         QVERIFY(example.waitForFinished());
         QCOMPARE(example.readAllStandardOutput(),
                  QByteArray("installed:               no\n"
@@ -270,11 +235,10 @@ private Q_SLOTS:
                             "starts with the session: no\n"
                             "speaks L2TP:             yes\n"
                             "speaks PPTP:             no\n"));
-        example.start(program, {QStringLiteral("kill-switch"), QStringLiteral("on")});
+        example.start(program, {"kill-switch", "on"});
         QVERIFY(example.waitForFinished());
         QCOMPARE(example.readAllStandardOutput(), QByteArray("done\n"));
-        QCOMPARE(standins::stateLines(QStringLiteral("ifconfig/en0")),
-                 QStringList{QStringLiteral("down")});
+        QCOMPARE(standins::stateLines("ifconfig/en0"), QStringList{"down"});
     }
 };
 

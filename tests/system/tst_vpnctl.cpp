@@ -52,11 +52,6 @@ void writeProfile(const QString &name, const QByteArray &text)
     write(name, text + "ca all.pem\ncert all.pem\nkey all.pem\n");
 }
 
-QString connectTo(const QString &scenario)
-{
-    return "connect --server " + scenario + ".json";
-}
-
 int endpoints()
 {
     return QDir("/tmp").entryList({"local:TalvexFreeVpnIpcInterface_*"}, QDir::System).size();
@@ -125,10 +120,6 @@ private Q_SLOTS:
         row("raw x --server none.json --json", kWrongUse,
             "{'advice':'','event':'error','exit':2,'text':'Cannot read the record none.json: No "
             "such file or directory.'}");
-        row("connect /var/root", kWrongUse,
-            "vpnctl: Cannot read the profile /var/root: file to open is a directory.");
-        row("connect --server /dev/zero", kWrongUse,
-            "vpnctl: The record /dev/zero is too large; at most 1 MiB is read.");
         row("connect --server toolong.json", kWrongUse,
             "vpnctl: The command with its record takes 262145 bytes, and the "
             "daemon accepts 262144 at most.");
@@ -247,7 +238,7 @@ private Q_SLOTS:
             QVERIFY(server.listen(kMainSocket));
         }
         VpnctlProcess vpnctl;
-        vpnctl.begin(connectTo("connects"));
+        vpnctl.begin("connect --server connects.json");
         QTRY_VERIFY(server.hasPendingConnections());
         QLocalSocket *connection = server.nextPendingConnection();
         QCOMPARE(vpnctl.exitCodeWithin(), kNoDaemon);
@@ -294,8 +285,7 @@ private Q_SLOTS:
                      QByteArray("# with many others more than a pipe holds\n").repeated(10'000)
                          + "remote connects 54\n");
         VpnctlProcess vpnctl;
-        vpnctl.beginWithin({"/bin/bash", "-c"},
-                           "connect --detach <(sed 's:all:/var/root/all:' long.ovpn)");
+        vpnctl.beginInShell("vpnctl connect --detach <(sed 's:all:/var/root/all:' long.ovpn)");
         QCOMPARE(vpnctl.exitCodeWithin(), kDone);
         const standins::OpenvpnStart start = standins::openvpnStarts().value(0);
         QCOMPARE(remoteOf(start), "udp connects 54");
@@ -307,7 +297,7 @@ private Q_SLOTS:
     void attemptThatCannotBeTakenBackEndsToo()
     {
         VpnctlProcess vpnctl;
-        vpnctl.begin(connectTo("silent") + " --timeout 1");
+        vpnctl.begin("connect --server silent.json --timeout 1");
         QTRY_COMPARE(standins::openvpnStarts().size(), 1);
         ::kill(static_cast<pid_t>(m_daemon->pid()), SIGSTOP);
         QCOMPARE(vpnctl.exitCodeWithin(), kNoAnswer);
@@ -321,7 +311,7 @@ private Q_SLOTS:
     {
         ::kill(static_cast<pid_t>(m_daemon->pid()), SIGSTOP);
         VpnctlProcess vpnctl;
-        vpnctl.beginOnTerminal("%1", connectTo("silent"));
+        vpnctl.beginOnTerminal("vpnctl connect --server silent.json");
         const QString eraseLine = "\r\x1b[K";
         QTRY_VERIFY(QString::fromUtf8(vpnctl.output()).count(eraseLine) > 12);
         const QStringList lines = QString::fromUtf8(vpnctl.output()).split(eraseLine);
@@ -332,22 +322,14 @@ private Q_SLOTS:
         QTRY_VERIFY(vpnctl.output().contains("Endpoint: 1"));
     }
 
-    void ctrlCIsForTheForeground_data()
-    {
-        QTest::addColumn<QString>("shell");
-        QTest::addColumn<QString>("line");
-        QTest::newRow("foreground") << "%1"
-                                    << "The tunnel is up. Ctrl-C takes it down.";
-        QTest::newRow("background") << "bash -mc '%1 & wait'" << kUp;
-    }
-
     void ctrlCIsForTheForeground()
     {
-        QFETCH(QString, shell);
-        QFETCH(QString, line);
-        VpnctlProcess vpnctl;
-        vpnctl.beginOnTerminal(shell, connectTo("connects"));
-        QTRY_VERIFY(vpnctl.output().contains(line.toLatin1() + "\r\n"));
+        VpnctlProcess foreground;
+        foreground.beginOnTerminal("vpnctl connect --server connects.json");
+        QTRY_VERIFY(foreground.output().contains("The tunnel is up. Ctrl-C takes it down.\r\n"));
+        VpnctlProcess background;
+        background.beginOnTerminal("bash -mc 'vpnctl connect --server connects.json & wait'");
+        QTRY_VERIFY(background.output().contains("The tunnel is up.\r\n"));
     }
 
     // How a connect ends
@@ -376,7 +358,7 @@ private Q_SLOTS:
         VpnctlProcess vpnctl;
         if (!input.isEmpty())
             vpnctl.setStandardInputFile(input);
-        vpnctl.begin(connectTo(scenario));
+        vpnctl.begin(QString("connect --server %1.json").arg(scenario));
         QTRY_COMPARE(vpnctl.lines().size(), isHeld ? 4 : 2); // before the answer of the attempt
         QTRY_COMPARE(standins::runningOpenvpns(), 1);
         QCOMPARE(vpnctl.lines().constLast(),
@@ -400,8 +382,7 @@ private Q_SLOTS:
     void signalsThatWereIgnoredStayIgnored()
     {
         VpnctlProcess vpnctl;
-        vpnctl.beginWithin({"/bin/bash", "-c", "trap '' HUP INT TERM; exec $0"},
-                           connectTo("connects"));
+        vpnctl.beginInShell("trap '' HUP INT TERM; exec vpnctl connect --server connects.json");
         QTRY_VERIFY(vpnctl.lines().contains(kUp));
         for (const int signal : {SIGHUP, SIGINT, SIGTERM})
             vpnctl.raise(signal);
@@ -416,7 +397,7 @@ private Q_SLOTS:
     void secondInterruptDoesNotWaitForOpenvpn()
     {
         VpnctlProcess vpnctl;
-        vpnctl.begin(connectTo("ignores-term"));
+        vpnctl.begin("connect --server ignores-term.json");
         QTRY_VERIFY(vpnctl.lines().contains(kUp));
         QElapsedTimer sinceFirst;
         sinceFirst.start();
@@ -440,8 +421,7 @@ private Q_SLOTS:
     void nobodyReadingTheOutputEndsTheTunnel()
     {
         VpnctlProcess vpnctl;
-        vpnctl.beginWithin({"/bin/bash", "-o", "pipefail", "-c"},
-                           connectTo("connects") + " | head -n 2");
+        vpnctl.beginInShell("vpnctl connect --server connects.json | head -n 2");
         QCOMPARE(vpnctl.exitCodeWithin(), kDone);
         QCOMPARE(vpnctl.lines().size(), 2);
         QCOMPARE(standins::openvpnStarts().size(), 1);
