@@ -33,7 +33,7 @@ BareRun runBare(const QString &file)
     openvpn.start(DaemonProcess::programFolder() + QStringLiteral("/openvpn"),
                   {QStringLiteral("--config"), file});
     const auto isUp = [&] {
-        output.read(openvpn);
+        output.add(openvpn.readAllStandardOutput());
         return output.judgedText().contains(QLatin1String(vpncore::kSuccessMarker));
     };
     require(vpncore::waitUntil(kLimit, isUp), "openvpn alone did not come up");

@@ -26,26 +26,6 @@ void switchInterface(const QString &state)
 
 } // namespace
 
-bool MacPlatform::isPptpAsync()
-{
-    return false;
-}
-
-bool MacPlatform::isL2tpAsync()
-{
-    return true;
-}
-
-bool MacPlatform::pptpSupports()
-{
-    return false;
-}
-
-bool MacPlatform::l2tpSupports()
-{
-    return true;
-}
-
 OperationResult MacPlatform::disconnect()
 {
     const int limit = static_cast<int>(m_limits.tool.count());
@@ -88,11 +68,6 @@ OperationResult MacPlatform::connectL2tp(const QString &server, const QString &u
     return OperationResult::succeeded();
 }
 
-OperationResult MacPlatform::connectIKEv2(const QString &, const QString &, const QString &)
-{
-    return OperationResult::succeeded();
-}
-
 OperationResult MacPlatform::turnOffInternet()
 {
     switchInterface(QStringLiteral("down"));
@@ -104,16 +79,6 @@ OperationResult MacPlatform::turnOnInternet(bool &done)
     done = true;
     switchInterface(QStringLiteral("up"));
     return OperationResult::succeeded();
-}
-
-bool MacPlatform::haveDisabledNetDevicesByKillSwitch()
-{
-    return false;
-}
-
-bool MacPlatform::turnOnNetDevices()
-{
-    return false;
 }
 
 } // namespace vpncore

@@ -1,7 +1,5 @@
 #include "openvpnoutput.h"
 
-#include <QtCore/QProcess>
-
 #include <utility>
 
 namespace vpncore {
@@ -14,11 +12,6 @@ constexpr int kMaxLine = 4096;
 constexpr int kKeptOfLongLine = 64;
 
 } // namespace
-
-void OpenvpnOutput::read(QProcess &process)
-{
-    add(process.readAllStandardOutput());
-}
 
 void OpenvpnOutput::add(const QByteArray &bytes)
 {

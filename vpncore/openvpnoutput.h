@@ -2,8 +2,6 @@
 
 #include <QtCore/QString>
 
-class QProcess;
-
 namespace vpncore {
 
 // What the verdict on an attempt looks for.
@@ -28,10 +26,8 @@ public:
     /// How much of one pass is kept for the log, in bytes.
     static constexpr int kMaxLoggedBytes = 1024 * 1024;
 
-    /// Takes everything that @p process has printed since the last call.
-    void read(QProcess &process);
-
-    /// As above. What follows a zero byte is left out until the pass ends.
+    /// Takes what was printed since the last call. What follows a zero byte is left out until the
+    /// pass ends.
     void add(const QByteArray &bytes);
 
     /// Ends the pass.

@@ -11,7 +11,6 @@
 #include <QtCore/QCoreApplication>
 #include <QtCore/QDebug>
 #include <QtCore/QDir>
-#include <QtCore/QElapsedTimer>
 #include <QtCore/QFile>
 #include <QtCore/QProcess>
 #include <QtCore/QTemporaryFile>
@@ -48,17 +47,6 @@ OperationResult timeOut(const QString &protocolName)
     return OperationResult::failed(QObject::tr(kTimeOut).arg(protocolName));
 }
 
-bool hasPassed(const QElapsedTimer &timer, std::chrono::milliseconds limit)
-{
-    return timer.elapsed() >= limit.count();
-}
-
-/// Up to the first zero byte; bytes beyond ASCII are taken for Latin-1.
-QString fromLatin1UpToNul(const QByteArray &bytes)
-{
-    return QString::fromLatin1(bytes.constData());
-}
-
 /// @return @p text, or nothing when it does not fit where it is to stand.
 QString keptIf(bool fits, const QString &text, const char *name)
 {
@@ -75,10 +63,11 @@ QString keptInBlock(const QString &text, const char *tag)
 }
 
 /// What older configurations say, put in the words that OpenVPN takes today. The text becomes
-/// Latin-1 on the way, which is wanted: other characters turn into question marks.
+/// Latin-1 on the way, which is wanted: other characters turn into question marks, and a zero
+/// character ends it.
 QString compatibleConfigText(const QString &configText)
 {
-    QString text = fromLatin1UpToNul(configText.toLatin1());
+    QString text = QString::fromLatin1(configText.toLatin1().constData());
     const QLatin1String silent("verb 0");
     if (text.contains(silent)) {
         text.replace(silent, QLatin1String("verb 1"));
@@ -153,15 +142,14 @@ OperationResult OvpnConnection::connect(const QString &configText, const QString
 
 OperationResult OvpnConnection::forceConnect(const QString &configText, const QString &protocolName)
 {
-    QElapsedTimer request;
-    request.start();
+    const QDeadlineTimer request(limits.request);
     bool retry = false;
     do {
-        const OperationOrder::Token operation = operations.next();
+        const Operation operation{newestOperation, newestOperation + 1};
         OperationResult result = tryConnectOneTime(configText, protocolName, retry);
         if (result.success || operation.isOvertaken())
             return result;
-        if (hasPassed(request, limits.request))
+        if (request.hasExpired())
             break;
         if (!retry)
             return result;
@@ -178,7 +166,7 @@ OperationResult OvpnConnection::tryConnectOneTime(const QString &configText,
     retry = false;
     qDebug() << "\r\n----------------- New Connection -----------------\r\n";
 
-    const OperationOrder::Token operation = operations.next();
+    const Operation operation{newestOperation, newestOperation + 1};
     disconnect();
     if (operation.isOvertaken())
         return overtakenResult();
@@ -197,20 +185,20 @@ OperationResult OvpnConnection::tryConnectOneTime(const QString &configText,
     if (process->error() == QProcess::FailedToStart)
         return cannotStartResult();
 
-    QElapsedTimer attempt;
-    attempt.start();
+    const QDeadlineTimer attempt(limits.attempt);
+    const QDeadlineTimer firstOutput(limits.firstOutput);
     OpenvpnOutput output;
     // Read at once, also while other operations run inside the waits, so that it never piles up.
     const QObject attemptScope;
     QObject::connect(process.get(), &QProcess::readyRead, &attemptScope,
-                     [&] { output.read(*process); });
+                     [&] { output.add(process->readAllStandardOutput()); });
     bool outputSeen = false;
     while (true) {
         if (process->error() == QProcess::FailedToStart)
             return failure(kDoesNotExist);
-        if (hasPassed(attempt, limits.attempt))
+        if (attempt.hasExpired())
             return timeOut(protocolName);
-        if (!outputSeen && hasPassed(attempt, limits.firstOutput))
+        if (!outputSeen && firstOutput.hasExpired())
             return failure(kNoResponse);
 
         const QProcess::ProcessState state = process->state();
@@ -228,7 +216,7 @@ OperationResult OvpnConnection::tryConnectOneTime(const QString &configText,
         if (operation.isOvertaken())
             return overtakenResult();
 
-        output.read(*process);
+        output.add(process->readAllStandardOutput());
         const QString chunk = output.endPass();
         qDebug() << "outputString: " << chunk;
         // Normally empty. What arrived since the last read is logged only, and that is wanted.
@@ -265,7 +253,7 @@ void OvpnConnection::startOpenvpn()
 
 OperationResult OvpnConnection::disconnect()
 {
-    const OperationOrder::Token operation = operations.begin();
+    const Operation operation{newestOperation, ++newestOperation};
     deleteConfigFile();
     if (!process)
         return OperationResult::succeeded();
@@ -303,7 +291,7 @@ void OvpnConnection::logOutput()
 
 void OvpnConnection::watchTunnel()
 {
-    const auto giveBack = [operation = operations.current()] {
+    const auto giveBack = [operation = Operation{newestOperation, newestOperation}] {
         if (operation.isOvertaken()) // by a disconnect, which gives them back itself
             return;
         qDebug() << "The tunnel has ended by itself, the DNS settings are given back";

@@ -1,7 +1,6 @@
 #pragma once
 
 #include "iovpnconnection.h"
-#include "operationorder.h"
 #include "ovpnlimits.h"
 
 #include <QtCore/QString>
@@ -118,6 +117,17 @@ public:
     int analyseProcessOutput(const QString &output);
 
 private:
+    /// An operation's place in the order of all. It begins with the disconnect() that ends what was
+    /// before it.
+    struct Operation
+    {
+        /// @return whether a newer one has begun; false also as long as the own one has not.
+        bool isOvertaken() const { return newest > own; }
+
+        const quint64 &newest;
+        const quint64 own;
+    };
+
     void startOpenvpn();
     bool isEnded() const;
     void logOutput();
@@ -126,7 +136,7 @@ private:
 
     QString configFileName;
     std::unique_ptr<QProcess> process;
-    OperationOrder operations;
+    quint64 newestOperation = 0;
     const OvpnLimits limits;
 };
 
