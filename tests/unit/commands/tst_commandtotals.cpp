@@ -7,10 +7,6 @@
 using namespace std::chrono_literals;
 using Users = QVector<quint32>;
 
-namespace {
-
-} // namespace
-
 /// What the clients share, asked as their queues ask.
 class CommandTotalsTest : public QObject
 {
