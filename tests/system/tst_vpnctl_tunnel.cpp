@@ -11,7 +11,7 @@
 
 namespace {
 
-const QString kConnect = "connect --server /tmp/lab/record.json --json";
+const QString kConnect = "connect --server /run/vpn-lab/record.json --json";
 const QStringList kDnsBefore{"192.0.2.53"};
 
 QStringList dnsServers()
@@ -49,11 +49,7 @@ private Q_SLOTS:
         QVERIFY(m_daemon->start());
     }
 
-    void cleanup()
-    {
-        m_daemon.reset();
-        QVERIFY(vpnlab::down());
-    }
+    void cleanup() { m_daemon.reset(); }
 
     void tunnelThatGoesIsBroughtUpAgain()
     {
