@@ -70,17 +70,17 @@ void Client::send(const QString &message, const VpnServerInformation &server)
 
 void Client::connectUdp(const VpnServerInformation &server)
 {
-    send(QStringLiteral(R"({"type":"connect","cmd":"ovpnUdp"})"), server);
+    send(R"({"type":"connect","cmd":"ovpnUdp"})", server);
 }
 
 void Client::connectTcp(const VpnServerInformation &server)
 {
-    send(QStringLiteral(R"({"type":"connect","cmd":"ovpnTcp"})"), server);
+    send(R"({"type":"connect","cmd":"ovpnTcp"})", server);
 }
 
 void Client::disconnectTunnel()
 {
-    send(QStringLiteral(R"({"type":"openvpn","cmd":"disconnect"})"));
+    send(R"({"type":"openvpn","cmd":"disconnect"})");
 }
 
 void Client::heartbeat(bool state)
@@ -91,7 +91,18 @@ void Client::heartbeat(bool state)
 QString Client::outcome(int n) const
 {
     if (n >= m_answers.size())
-        return QStringLiteral("none");
+        return "none";
     const OperationResult &result = m_answers[n].result;
-    return result.success ? QStringLiteral("success") : result.message;
+    return result.success ? "success" : result.message;
+}
+
+Clients attachedClients(int number)
+{
+    Clients clients;
+    for (int i = 0; i < number; ++i) {
+        clients.push_back(std::make_unique<Client>());
+        if (!clients.back()->attachToNewEndpoint())
+            qFatal("there is no endpoint for a client");
+    }
+    return clients;
 }

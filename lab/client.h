@@ -7,6 +7,9 @@
 #include <QtCore/QVector>
 #include <QtNetwork/QLocalSocket>
 
+#include <memory>
+#include <vector>
+
 /// A client as it is in the field: a connection to the main socket, one to an endpoint, a replica
 /// on each.
 class Client : public QObject
@@ -64,3 +67,8 @@ private:
     QVector<Answer> m_answers;
     int m_endpoint = 0;
 };
+
+using Clients = std::vector<std::unique_ptr<Client>>;
+
+/// @return so many clients, each attached to a new endpoint; ends the program when one is not.
+Clients attachedClients(int number);

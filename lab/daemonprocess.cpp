@@ -12,15 +12,6 @@ namespace {
 
 constexpr int kStartLimitMs = 20'000;
 
-const QLatin1String kBundle("/Applications/Talvex VPN.app/Contents");
-
-void mustCopy(const QString &from, const QString &to)
-{
-    QFile::remove(to);
-    if (!QFile::copy(from, to))
-        qFatal("cannot copy %s to %s", qPrintable(from), qPrintable(to));
-}
-
 } // namespace
 
 DaemonProcess::DaemonProcess(Openvpn openvpn)
@@ -40,20 +31,14 @@ DaemonProcess::~DaemonProcess()
 
 void DaemonProcess::install(Openvpn openvpn)
 {
-    QDir().mkpath(programFolder());
-    QDir().mkpath(kBundle + QStringLiteral("/Resources"));
-    mustCopy(QStringLiteral(TALVEX_DAEMON), programFolder() + QStringLiteral("/talvexvpnd"));
-    for (const QString &script :
-         {QStringLiteral("update_conf_up"), QStringLiteral("update_conf_down")}) {
-        mustCopy(QStringLiteral(TALVEX_RESOURCES "/") + script,
-                 kBundle + QStringLiteral("/Resources/") + script);
-    }
-    const QString program = programFolder() + QStringLiteral("/openvpn");
-    QFile::remove(program);
+    if (QProcess::execute("cp", {"-R", "--remove-destination", TALVEX_BUNDLE, "/Applications"})
+        != 0)
+        qFatal("cannot install the daemon");
+    const QString program = programFolder() + "/openvpn"; // the bundle's own is the real one
+    if (openvpn != Openvpn::Real)
+        QFile::remove(program);
     if (openvpn == Openvpn::StandIn)
-        QFile::link(QStringLiteral(TALVEX_STANDIN_OPENVPN), program);
-    else if (openvpn == Openvpn::Real)
-        QFile::link(QStringLiteral("/usr/sbin/openvpn"), program);
+        QFile::link(TALVEX_STANDIN_OPENVPN, program);
 }
 
 void DaemonProcess::setEnvironment(const QString &name, const QString &value)
@@ -65,7 +50,7 @@ void DaemonProcess::setEnvironment(const QString &name, const QString &value)
 bool DaemonProcess::startOnly()
 {
     QStringList command = m_wrapper;
-    command.append(programFolder() + QStringLiteral("/talvexvpnd"));
+    command.append(programFolder() + "/talvexvpnd");
     const QString program = command.takeFirst();
     m_process.start(program, command);
     return m_process.waitForStarted();
@@ -82,7 +67,7 @@ bool DaemonProcess::start()
             return false;
     }
     // The trial connection must not be mistaken for a test's own.
-    while (count(QStringLiteral("LocalServer new connection")) == 0) {
+    while (count("LocalServer new connection") == 0) {
         if (!m_process.waitForReadyRead(kStartLimitMs))
             return false;
     }
@@ -106,19 +91,19 @@ void DaemonProcess::kill()
 QStringList DaemonProcess::log()
 {
     m_log += m_process.readAllStandardError();
-    QStringList lines = QString::fromUtf8(m_log).split(QLatin1Char('\n'));
+    QStringList lines = QString::fromUtf8(m_log).split('\n');
     lines.removeLast();
     return lines;
 }
 
 QStringList DaemonProcess::linesWith(const QString &start)
 {
-    return log().filter(QRegularExpression(QLatin1Char('^') + QRegularExpression::escape(start)));
+    return log().filter(QRegularExpression('^' + QRegularExpression::escape(start)));
 }
 
 int DaemonProcess::descriptors() const
 {
-    return QDir(QStringLiteral("/proc/%1/fd").arg(pid()))
+    return QDir(QString("/proc/%1/fd").arg(pid()))
         .entryList(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot)
         .size();
 }

@@ -22,12 +22,12 @@ constexpr unsigned long kGraceMs = 20;
 LaunchdJob::LaunchdJob()
 {
     const DaemonProcess installed; // which is not started, but lies in its place
-    QDir().mkpath(QStringLiteral("/var/log"));
-    const QString support = QStringLiteral("/Library/Application Support/Talvex VPN Service/");
+    QDir().mkpath("/var/log");
+    const QString support = "/Library/Application Support/Talvex VPN Service/";
     QDir().mkpath(support);
-    const QString launcher = support + QStringLiteral("Talvex VPN Service");
+    const QString launcher = support + "Talvex VPN Service";
     QFile::remove(launcher);
-    if (!QFile::copy(QStringLiteral(TALVEX_PACKAGING "/launcher"), launcher))
+    if (!QFile::copy(TALVEX_PACKAGING "/launcher", launcher))
         qFatal("cannot make %s", qPrintable(launcher));
 }
 
@@ -38,8 +38,7 @@ LaunchdJob::~LaunchdJob()
 
 bool LaunchdJob::startOnly()
 {
-    start(QStringLiteral("launchctl"),
-          {QStringLiteral("become"), QStringLiteral(TALVEX_PACKAGING "/TalvexVpnd.plist")});
+    start("launchctl", {"become", TALVEX_PACKAGING "/TalvexVpnd.plist"});
     if (!waitForStarted())
         return false;
     m_group = processId();
@@ -78,5 +77,5 @@ bool LaunchdJob::crash(Survivors survivors)
 
 QByteArray LaunchdJob::log() const
 {
-    return lab::contentOf(QStringLiteral("/var/log/talvexvpnd.log"));
+    return lab::contentOf("/var/log/talvexvpnd.log");
 }

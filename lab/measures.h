@@ -16,6 +16,10 @@ qint64 statusOf(qint64 pid, const char *field);
 /// @return KiB; -1 when the process has ended.
 qint64 memoryKiB(qint64 pid, const char *field);
 
+/// @return whether resident memory has grown by less than @p limitKiB, always true with the
+///         sanitizers, which keep freed memory back; prints by how much.
+bool growsByLess(qint64 beforeKiB, qint64 nowKiB, qint64 limitKiB);
+
 /// @return what all threads of a process have used so far, user and system, in milliseconds; -1
 ///         when it has ended.
 double processorTime(qint64 pid);
@@ -39,13 +43,5 @@ public:
 private:
     rlimit m_former = {};
 };
-
-/// Whether resident memory tells something about the program: the sanitizers keep freed memory
-/// back and put a shadow beside it.
-#if defined(__SANITIZE_ADDRESS__)
-constexpr bool kResidentMemoryCounts = false;
-#else
-constexpr bool kResidentMemoryCounts = true;
-#endif
 
 } // namespace measures

@@ -42,7 +42,7 @@ void resetPrivateRoot()
     }
     for (const char *folder : {"/tmp", "/var/root", "/Applications", "/Library"})
         empty(QString::fromLatin1(folder));
-    QDir().mkpath(QStringLiteral("/Library/LaunchDaemons"));
+    QDir().mkpath("/Library/LaunchDaemons");
 }
 
 } // namespace lab

@@ -14,25 +14,17 @@ namespace {
 
 QString state(const QString &name)
 {
-    return QStringLiteral("/var/root/stand-ins/") + name;
+    return "/var/root/stand-ins/" + name;
 }
 
 QStringList linesOf(const QString &path)
 {
-    return QString::fromUtf8(lab::contentOf(path)).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
-}
-
-void mustWrite(const QString &path, const QByteArray &content)
-{
-    QDir().mkpath(QFileInfo(path).path());
-    QFile file(path);
-    if (!file.open(QIODevice::WriteOnly) || file.write(content) != content.size())
-        qFatal("cannot write %s", qPrintable(path));
+    return QString::fromUtf8(lab::contentOf(path)).split('\n', Qt::SkipEmptyParts);
 }
 
 void networksetup(const QStringList &arguments)
 {
-    QProcess::execute(QStringLiteral("/sbin/networksetup"), arguments);
+    QProcess::execute("/sbin/networksetup", arguments);
 }
 
 } // namespace
@@ -42,8 +34,8 @@ namespace standins {
 QVector<OpenvpnStart> openvpnStarts()
 {
     QVector<OpenvpnStart> starts;
-    for (const QString &line : stateLines(QStringLiteral("openvpn/journal"))) {
-        QStringList words = line.split(QLatin1Char('\t'));
+    for (const QString &line : stateLines("openvpn/journal")) {
+        QStringList words = line.split('\t');
         const qint64 pid = words.takeFirst().toLongLong();
         if (!words.isEmpty()) // Other lines say what became of one.
             starts.append({pid, words});
@@ -60,13 +52,13 @@ int runningOpenvpns()
 
 QByteArray configurationOf(const OpenvpnStart &start)
 {
-    return lab::contentOf(state(QStringLiteral("openvpn/config.%1").arg(start.pid)));
+    return lab::contentOf(state(QString("openvpn/config.%1").arg(start.pid)));
 }
 
 QByteArray configurationModeOf(const OpenvpnStart &start)
 {
     struct stat status = {};
-    ::stat(qPrintable(state(QStringLiteral("openvpn/config.%1").arg(start.pid))), &status);
+    ::stat(qPrintable(state(QString("openvpn/config.%1").arg(start.pid))), &status);
     return QByteArray::number(status.st_mode & 07777U, 8);
 }
 
@@ -81,35 +73,35 @@ VpnServerInformation serverFor(const QString &scenario)
 
 VpnServerInformation serverThatPlays(const QString &script)
 {
-    VpnServerInformation server = serverFor(QStringLiteral("192.0.2.2"));
-    server.ca = QStringLiteral("play ") + script;
+    VpnServerInformation server = serverFor("192.0.2.2");
+    server.ca = "play " + script;
     return server;
 }
 
 QStringList dnsServers(const QString &service)
 {
-    return linesOf(state(QStringLiteral("networksetup/dns_%1").arg(service)));
+    return linesOf(state(QString("networksetup/dns_%1").arg(service)));
 }
 
 QStringList searchDomains(const QString &service)
 {
-    return linesOf(state(QStringLiteral("networksetup/search_%1").arg(service)));
+    return linesOf(state(QString("networksetup/search_%1").arg(service)));
 }
 
 void setDns(const QString &service, const QStringList &servers, const QStringList &domains)
 {
-    networksetup(QStringList{QStringLiteral("-setdnsservers"), service} + servers);
-    networksetup(QStringList{QStringLiteral("-setsearchdomains"), service} + domains);
+    networksetup(QStringList{"-setdnsservers", service} + servers);
+    networksetup(QStringList{"-setsearchdomains", service} + domains);
 }
 
 QStringList networksetupCalls()
 {
-    return linesOf(state(QStringLiteral("networksetup/journal")));
+    return linesOf(state("networksetup/journal"));
 }
 
 QString dataFolder()
 {
-    return QStringLiteral("/var/root/Library/Preferences/talvexvpnd/data");
+    return "/var/root/Library/Preferences/talvexvpnd/data";
 }
 
 QStringList backupFiles()
@@ -119,20 +111,19 @@ QStringList backupFiles()
 
 void writeBackup(const QString &name, const QByteArray &content)
 {
-    mustWrite(dataFolder() + QLatin1Char('/') + name, content);
+    lab::writeFile(dataFolder() + '/' + name, content);
 }
 
 QVector<QStringList> calls(const QString &tool)
 {
     // Only bash reads what bash has quoted. It answers with the number of arguments and then these,
     // each ended by a zero byte.
-    const QString reader = QStringLiteral(R"bash(while read -r line; do
+    const QString reader = R"bash(while read -r line; do
         eval "arguments=($line)"
         printf '%s\0' "${#arguments[@]}" "${arguments[@]}"
-    done <"$0")bash");
+    done <"$0")bash";
     QProcess bash;
-    bash.start(QStringLiteral("/bin/bash"),
-               {QStringLiteral("-c"), reader, state(tool + QStringLiteral("/journal"))});
+    bash.start("/bin/bash", {"-c", reader, state(tool + "/journal")});
     bash.waitForFinished();
     const QList<QByteArray> words = bash.readAllStandardOutput().split('\0');
 
@@ -153,25 +144,27 @@ QStringList stateLines(const QString &name)
 
 void setState(const QString &name, const QByteArray &content)
 {
-    mustWrite(state(name), content);
+    lab::writeFile(state(name), content);
 }
 
 void writeTool(const QString &path, const QByteArray &script)
 {
     QFile::remove(path); // which may be a link to a stand-in
-    mustWrite(path, "#!/bin/bash\n" + script);
+    lab::writeFile(path, "#!/bin/bash\n" + script);
     QFile::setPermissions(path, QFile::ReadOwner | QFile::ExeOwner);
 }
 
-void forgetState()
+void wrapNetworksetup(const QByteArray &script)
 {
-    QDir(state(QString())).removeRecursively();
+    const QString tool = "/sbin/networksetup";
+    QFile::rename(tool, tool + ".kept"); // unless it has been done before
+    writeTool(tool, script);
 }
 
 bool isAlive(qint64 pid)
 {
     // The state follows the name, which is in parentheses and may hold anything.
-    const QByteArray stat = lab::contentOf(QStringLiteral("/proc/%1/stat").arg(pid));
+    const QByteArray stat = lab::contentOf(QString("/proc/%1/stat").arg(pid));
     return !stat.isEmpty() && stat.mid(stat.lastIndexOf(')') + 2, 1) != "Z";
 }
 

@@ -68,8 +68,8 @@ void setState(const QString &name, const QByteArray &content);
 /// Writes a tool of its own for a test, a script of bash, in place of what is at @p path.
 void writeTool(const QString &path, const QByteArray &script);
 
-/// Forgets the whole state: every stand-in begins anew.
-void forgetState();
+/// The same in front of networksetup, which is "$0.kept" then; for the rest of the test program.
+void wrapNetworksetup(const QByteArray &script);
 
 /// @return true while there is a process @p pid that is not a zombie.
 bool isAlive(qint64 pid);

@@ -1,4 +1,5 @@
 #include "client.h"
+#include "files.h"
 #include "launchd.h"
 #include "privateroot.h"
 #include "standins.h"
@@ -20,17 +21,14 @@ struct Settings
 
 // What the users of the four services have set.
 const QVector<Settings> kUsersSettings{
-    {QStringLiteral("Wi-Fi"),
-     {QStringLiteral("192.0.2.53"), QStringLiteral("2001:db8::53")},
-     {QStringLiteral("home.test"), QStringLiteral("lan.test")}},
-    {QStringLiteral("Thunderbolt Bridge"), {}, {}},
-    {QStringLiteral("iPhone USB"), {QStringLiteral("198.51.100.1")}, {}},
-    {QStringLiteral("Old Modem"), {}, {QStringLiteral("modem.test")}}};
+    {"Wi-Fi", {"192.0.2.53", "2001:db8::53"}, {"home.test", "lan.test"}},
+    {"Thunderbolt Bridge", {}, {}},
+    {"iPhone USB", {"198.51.100.1"}, {}},
+    {"Old Modem", {}, {"modem.test"}}};
 
 /// In front of networksetup. Before or after the change that the file names, the daemon, which
 /// leads its process group, is killed, and the script at work gets no further.
-const QByteArray kKiller = R"bash(#!/bin/bash
-if [[ $1 == -set* && -s /tmp/kill-at ]]; then
+const QByteArray kKiller = R"bash(if [[ $1 == -set* && -s /tmp/kill-at ]]; then
     read -r when left </tmp/kill-at
     echo "$when $((left - 1))" >/tmp/kill-at
 fi
@@ -43,8 +41,7 @@ die() { kill -KILL $(ps -o pgid= -p $$); sleep 10; }
 /// @param point "before" or "after", and the number of the change
 void killAt(const QByteArray &point)
 {
-    QFile file(QStringLiteral("/tmp/kill-at"));
-    QVERIFY(file.open(QIODevice::WriteOnly) && file.write(point + '\n') > 0);
+    lab::writeFile("/tmp/kill-at", point + '\n');
 }
 
 void compareSettings()
@@ -53,17 +50,15 @@ void compareSettings()
         QCOMPARE(standins::dnsServers(settings.service), settings.servers);
         QCOMPARE(standins::searchDomains(settings.service), settings.domains);
     }
-    QCOMPARE(standins::backupFiles().filter(QRegularExpression(QStringLiteral("^Talvex"))),
-             QStringList());
+    QCOMPARE(standins::backupFiles().filter(QRegularExpression("^Talvex")), QStringList());
 }
 
 void bringTunnelUp(Client &client)
 {
     QVERIFY(client.attachToNewEndpoint());
-    client.connectUdp(serverFor(QStringLiteral("connects")));
-    QTRY_COMPARE(client.outcome(), QStringLiteral("success"));
-    QCOMPARE(standins::dnsServers(QStringLiteral("Wi-Fi")),
-             QStringList{QStringLiteral("10.8.0.1")});
+    client.connectUdp(serverFor("connects"));
+    QTRY_COMPARE(client.outcome(), "success");
+    QCOMPARE(standins::dnsServers("Wi-Fi"), QStringList{"10.8.0.1"});
 }
 
 } // namespace
@@ -79,21 +74,13 @@ public:
     Q_ENUM(During)
 
 private Q_SLOTS:
-    void initTestCase()
-    {
-        const QString tool = QStringLiteral("/sbin/networksetup");
-        QVERIFY(QFile::rename(tool, tool + QStringLiteral(".kept")));
-        QFile killer(tool);
-        QVERIFY(killer.open(QIODevice::WriteOnly));
-        QCOMPARE(killer.write(kKiller), kKiller.size());
-        QVERIFY(killer.setPermissions(QFile::ReadOwner | QFile::ExeOwner));
-    }
+    void initTestCase() { standins::wrapNetworksetup(kKiller); }
 
     void init()
     {
         lab::resetPrivateRoot();
         const auto orEmpty = [](const QStringList &values) {
-            return values.isEmpty() ? QStringList{QStringLiteral("Empty")} : values;
+            return values.isEmpty() ? QStringList{"Empty"} : values;
         };
         for (const Settings &settings : kUsersSettings)
             standins::setDns(settings.service, orEmpty(settings.servers),
@@ -127,7 +114,7 @@ private Q_SLOTS:
         if (during == During::Connect) {
             QVERIFY(client.attachToNewEndpoint());
             killAt(point);
-            client.connectUdp(serverFor(QStringLiteral("connects")));
+            client.connectUdp(serverFor("connects"));
         } else {
             bringTunnelUp(client);
             QVERIFY(!QTest::currentTestFailed());
@@ -174,7 +161,7 @@ private Q_SLOTS:
         Client client;
         QVERIFY(client.attachToNewEndpoint());
         client.disconnectTunnel();
-        QTRY_COMPARE(client.outcome(), QStringLiteral("success"));
+        QTRY_COMPARE(client.outcome(), "success");
         QVERIFY(standins::isAlive(survivor.pid)); // the new daemon does not know of it
 
         ::kill(static_cast<pid_t>(survivor.pid), SIGTERM);

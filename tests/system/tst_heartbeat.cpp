@@ -6,9 +6,6 @@
 
 #include <QtTest/QtTest>
 
-#include <memory>
-#include <vector>
-
 using standins::serverFor;
 
 /// The thirty seconds between two heartbeats, as the shipped daemon has them; all clients of this
@@ -26,13 +23,11 @@ private Q_SLOTS:
         QVERIFY(measures::allowDescriptors(8'192));
         DaemonProcess daemon;
         QVERIFY(daemon.start());
-        std::vector<std::unique_ptr<Client>> clients; // the first one never calls
-        for (int i = 0; i <= kSilentClients; ++i) {
-            clients.push_back(std::make_unique<Client>());
-            QVERIFY(clients.back()->attachToNewEndpoint());
-            clients.back()->connectUdp(serverFor(i == 0 ? QStringLiteral("prints-at-once-success")
-                                                        : QStringLiteral("slow-to-stop")));
-            QTRY_COMPARE(clients.back()->outcome(), QStringLiteral("success"));
+        Clients clients = attachedClients(1 + kSilentClients); // the first one never calls
+        for (const auto &client : clients) {
+            const bool neverCalls = client == clients.front();
+            client->connectUdp(serverFor(neverCalls ? "prints-at-once-success" : "slow-to-stop"));
+            QTRY_COMPARE(client->outcome(), "success");
         }
         const qint64 stackBefore = measures::stackKiB(daemon.pid());
         QVERIFY(stackBefore > 0);
@@ -41,10 +36,10 @@ private Q_SLOTS:
         timer.start();
         for (int i = 1; i <= kSilentClients; ++i)
             clients[std::size_t(i)]->heartbeat(i % 2 == 0); // false counts as much
-        QTRY_COMPARE(daemon.linesWith(QStringLiteral("Replica state is  ")).size(), kSilentClients);
+        QTRY_COMPARE(daemon.linesWith("Replica state is  ").size(), kSilentClients);
         clients.pop_back(); // which does not matter
 
-        const QString timeOut = QStringLiteral("Client was disconnected");
+        const QString timeOut = "Client was disconnected";
         QTRY_VERIFY_WITH_TIMEOUT(daemon.count(timeOut) > 0, 35'000);
         QVERIFY2(timer.elapsed() >= 29'900 && timer.elapsed() < 33'000,
                  qPrintable(QString::number(timer.elapsed())));

@@ -2,6 +2,7 @@
 #include "files.h"
 #include "hostilerecords.h"
 #include "privateroot.h"
+#include "standins.h"
 #include "vpnlab.h"
 
 #include <QtTest/QtTest>
@@ -14,27 +15,18 @@ namespace {
 const QLatin1String kFolder("/tmp/hostile");
 const QLatin1String kLeaveTrace("/tmp/hostile/leave-trace");
 
-void mustWrite(const QString &path, const QByteArray &content)
-{
-    QFile file(path);
-    if (!file.open(QIODevice::WriteOnly) || file.write(content) != content.size()
-        || !file.setPermissions(file.permissions() | QFile::ExeUser | QFile::ReadUser))
-        qFatal("cannot write %s", qPrintable(path));
-}
-
 /// @return a directive that makes openvpn leave the n-th trace, in one of several ways.
 QString directive(const QString &field, int n)
 {
-    const QString script = QStringLiteral("%1 %2").arg(kLeaveTrace).arg(n);
-    QStringList ways{QStringLiteral("route-up \"%1\"").arg(script),
-                     QStringLiteral("tls-verify \"%1\"").arg(script),
-                     QStringLiteral("ipchange \"%1\"").arg(script),
-                     QStringLiteral("config %1/%2.conf").arg(kFolder).arg(n)};
+    const QString script = QString("%1 %2").arg(kLeaveTrace).arg(n);
+    QStringList ways{
+        QString("route-up \"%1\"").arg(script), QString("tls-verify \"%1\"").arg(script),
+        QString("ipchange \"%1\"").arg(script), QString("config %1/%2.conf").arg(kFolder).arg(n)};
     // The template's own line comes after the host and would win.
-    if (field != QLatin1String("host"))
-        ways.append(QStringLiteral("up \"%1\"").arg(script));
-    mustWrite(QStringLiteral("%1/%2.conf").arg(kFolder).arg(n),
-              "script-security 2\nroute-up \"" + script.toLatin1() + "\"\n");
+    if (field != "host")
+        ways.append(QString("up \"%1\"").arg(script));
+    lab::writeFile(QString("%1/%2.conf").arg(kFolder).arg(n),
+                   "script-security 2\nroute-up \"" + script.toLatin1() + "\"\n");
     return ways.at(n % ways.size());
 }
 
@@ -47,8 +39,7 @@ QVector<Record> hostileRecords(const QString &field)
 /// @return what scripts have left that records named: their numbers, each with the user's id.
 QStringList traces()
 {
-    return QString::fromLatin1(lab::contentOf(kFolder + QStringLiteral("/traces")))
-        .split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+    return QString::fromLatin1(lab::contentOf(kFolder + "/traces")).split('\n', Qt::SkipEmptyParts);
 }
 
 /// A run of the real openvpn, with a configuration as the daemon writes it.
@@ -57,10 +48,10 @@ class Run : public QProcess
 public:
     explicit Run(const QString &configText)
     {
-        const QString path = QStringLiteral("%1/openvpn.%2.conf").arg(kFolder).arg(++s_count);
-        mustWrite(path, configtext::written(configText));
+        const QString path = QString("%1/openvpn.%2.conf").arg(kFolder).arg(++s_count);
+        lab::writeFile(path, configtext::written(configText));
         setProcessChannelMode(MergedChannels);
-        start(QStringLiteral("openvpn"), {QStringLiteral("--config"), path});
+        start("openvpn", {"--config", path});
     }
 
     ~Run() override
@@ -76,7 +67,7 @@ public:
         return state() == NotRunning
             || m_output.contains("Initialization Sequence Completed")
             // Without a host there is no server that could answer.
-            || (field == QLatin1String("host")
+            || (field == "host"
                 && (m_output.contains("link remote: ") || m_output.contains("RESOLVE: ")));
     }
 
@@ -101,18 +92,13 @@ private Q_SLOTS:
     {
         lab::resetPrivateRoot();
         QVERIFY(vpnlab::up());
-        // Nobody looks at DNS settings here.
-        QVERIFY(QFile::remove(QStringLiteral("/sbin/networksetup")));
-        QVERIFY(QFile::link(QStringLiteral("/bin/true"), QStringLiteral("/sbin/networksetup")));
+        standins::writeTool("/sbin/networksetup", ""); // nobody looks at DNS settings here
     }
-
-    void cleanupTestCase() { QVERIFY(vpnlab::down()); }
 
     void init()
     {
         QDir(kFolder).removeRecursively();
-        QVERIFY(QDir().mkpath(kFolder));
-        mustWrite(kLeaveTrace, "#!/bin/bash\necho \"$1 $UID\" >>/tmp/hostile/traces\n");
+        standins::writeTool(kLeaveTrace, "echo \"$1 $UID\" >>/tmp/hostile/traces\n");
     }
 
     void noRecordRunsAnything_data()
@@ -142,7 +128,7 @@ private Q_SLOTS:
             if (!records.at(n).isInjection)
                 continue;
             const Run run(configtext::unchecked(OvpnConnection::Udp, records.at(n).server));
-            QTRY_VERIFY2_WITH_TIMEOUT(traces().contains(QStringLiteral("%1 0").arg(n)),
+            QTRY_VERIFY2_WITH_TIMEOUT(traces().contains(QString("%1 0").arg(n)),
                                       qPrintable(records.at(n).name), 10'000);
             ++ran;
         }

