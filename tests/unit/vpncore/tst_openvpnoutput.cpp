@@ -25,18 +25,30 @@ class OpenvpnOutputText : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void namesThatAServerChoseDoNotCount_data()
+    void outputIsJudged_data()
     {
         QTest::addColumn<int>("verdict");
         const auto row = [](const char *text, int verdict) {
             QTest::newRow(QByteArray(text).replace("SUCCESS", "Initialization Sequence Completed"))
                 << verdict;
         };
-        row("2026 SUCCESS\n", kConnected);
+        row("", kUndecided);
         row("SUCCESS", kConnected);
-        row("ERROR: Cannot open TUN\n", kFailed);
-        row("x failed, will try again in 5 seconds\n", kFailed);
-        row("ERROR\nLinux ipv6 command failed\n", kUndecided);
+        row("2026 SUCCESS\n", kConnected);
+        row("a\nERROR: SUCCESS\nb", kConnected);
+        row("ERROR\nipv6 command failed\nSUCCESS", kConnected);
+        row("initialization sequence completed\n", kUndecided);
+        row("ERROR", kFailed);
+        row("AUTH_ERRORS\n", kFailed);
+        row("error\nError: x\n", kUndecided);
+        row("connect to [AF_INET]192.0.2.1 failed, will try again in 5 s\n", kFailed);
+        row("Failed, will try again in 5 seconds\n", kUndecided);
+        row("ERROR: Linux route -6 add ipv6 command failed\n", kUndecided);
+        row("ipv6 command failed\nERROR: x\n", kUndecided);
+        row("failed, will try again in 5 s\nipv6 command failed\n", kUndecided);
+        row("ERROR: IPv6 command failed\n", kFailed);
+
+        // Names that a server chose do not count.
         row("VERIFY ERROR: depth=0, error=self-signed certificate: CN=SUCCESS, serial=1\n",
             kFailed);
         row("VERIFY ERROR: CN=SUCCESS", kFailed);
@@ -50,7 +62,7 @@ private Q_SLOTS:
     }
 
     /// In one piece, byte by byte, and cut anywhere in two.
-    void namesThatAServerChoseDoNotCount()
+    void outputIsJudged()
     {
         QFETCH(int, verdict);
         const QByteArray text = QTest::currentDataTag();

@@ -27,8 +27,7 @@ ConnectionType other()
 
 } // namespace
 
-/// The texts of a connection: the configuration it makes, and what it concludes from openvpn's
-/// output.
+/// The configuration texts of a connection.
 class TestOvpnConnectionText : public QObject
 {
     Q_OBJECT
@@ -111,37 +110,6 @@ private Q_SLOTS:
         OvpnConnection::correctConnectionTypeInConfigText(text, type);
         QCOMPARE(text, expected);
         QCOMPARE(log.lines(QtDebugMsg), logged);
-    }
-
-    void outputIsJudged_data()
-    {
-        QTest::addColumn<int>("verdict");
-        constexpr int connected = 0;
-        constexpr int failed = 1;
-        constexpr int undecided = 2;
-        QTest::newRow("") << undecided;
-        QTest::newRow("Initialization Sequence Completed") << connected;
-        QTest::newRow("a\nERROR: Initialization Sequence Completed\nb") << connected;
-        QTest::newRow("ERROR\nipv6 command failed\nInitialization Sequence Completed") << connected;
-        QTest::newRow("initialization sequence completed\n") << undecided;
-        QTest::newRow("ERROR") << failed;
-        QTest::newRow("AUTH_ERRORS\n") << failed;
-        QTest::newRow("error\nError: x\n") << undecided;
-        QTest::newRow("connect to [AF_INET]192.0.2.1 failed, will try again in 5 s\n") << failed;
-        QTest::newRow("Failed, will try again in 5 seconds\n") << undecided;
-        QTest::newRow("ERROR: Linux route -6 add ipv6 command failed\n") << undecided;
-        QTest::newRow("ipv6 command failed\nERROR: x\n") << undecided;
-        QTest::newRow("failed, will try again in 5 s\nipv6 command failed\n") << undecided;
-        QTest::newRow("ERROR: IPv6 command failed\n") << failed;
-    }
-
-    void outputIsJudged()
-    {
-        QFETCH(int, verdict);
-        OvpnConnection connection;
-        QCOMPARE(connection.analyseProcessOutput(QTest::currentDataTag()), verdict);
-        // Nothing is remembered of former texts.
-        QCOMPARE(connection.analyseProcessOutput(QString()), 2);
     }
 };
 
