@@ -11,8 +11,6 @@ private Q_SLOTS:
     void templateIsTheAgreedText()
     {
         const QString text = vpncore::ovpnTemplate();
-        QCOMPARE(text.size(), 378);
-        QCOMPARE(text.count(QLatin1Char('\n')), 36);
         QCOMPARE(QCryptographicHash::hash(text.toUtf8(), QCryptographicHash::Sha256).toHex(),
                  QByteArray("509930d0c2b2773c6949375fd66d49e6"
                             "f2312c61f877506f72265de50573a8a4"));
