@@ -54,7 +54,8 @@ void CommandQueue::runNext()
     if (m_waiting.isEmpty())
         return;
     if (m_running != Command::None) { // this is called from inside its wait
-        overtakeRunning();
+        if (m_running != Command::Disconnect && !std::exchange(m_isRunningOvertaken, true))
+            Q_EMIT attemptOvertaken();
         return;
     }
     const bool isConnect = m_waiting.head() != Command::Disconnect;
@@ -82,11 +83,4 @@ void CommandQueue::runNext()
 
     if (!m_waiting.isEmpty())
         m_turn.start(kAnswerTime);
-}
-
-void CommandQueue::overtakeRunning()
-{
-    if (m_running == Command::Disconnect || std::exchange(m_isRunningOvertaken, true))
-        return;
-    Q_EMIT attemptOvertaken();
 }

@@ -60,7 +60,6 @@ Q_SIGNALS:
 
 private:
     void runNext();
-    void overtakeRunning();
 
     QSharedPointer<CommandTotals> m_totals;
     QTimer m_turn;

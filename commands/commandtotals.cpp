@@ -4,11 +4,6 @@
 
 #include <algorithm>
 
-CommandTotals::CommandTotals(const Limits &limits)
-    : m_limits(limits)
-{
-}
-
 void CommandTotals::add(const void *client, quint32 user, const std::function<bool()> &hasTunnel)
 {
     m_clients.insert(client, {user, hasTunnel});
@@ -44,7 +39,8 @@ bool CommandTotals::mayConnect(const void *client)
         || (m_commands > 0 && m_outermost.hasExpired(m_limits.joinTime.count())))
         return false;
     const auto next = std::find_if(m_requests.begin(), m_requests.end(), [this](const void *other) {
-        return !hasAllHisConnects(m_clients[other].user);
+        const quint32 user = m_clients[other].user;
+        return user == kRootUser || m_connectsOf.value(user) < m_limits.connectsOfUser;
     });
     if (next == m_requests.end() || *next != client)
         return false;
@@ -74,9 +70,4 @@ void CommandTotals::end(const void *client, bool isConnect)
         --m_connects;
         --m_connectsOf[m_clients[client].user];
     }
-}
-
-bool CommandTotals::hasAllHisConnects(quint32 user) const
-{
-    return user != kRootUser && m_connectsOf.value(user) >= m_limits.connectsOfUser;
 }

@@ -7,6 +7,21 @@
 #include <chrono>
 #include <functional>
 
+/// What CommandTotals shares out.
+struct CommandLimits
+{
+    /// Connects that run inside each other's waits. Each takes some 10 KiB of stack and delays the
+    /// answers of the commands around it.
+    int connects = 8;
+    int connectsOfUser = 2;
+    /// Connects may begin inside the outermost running command for so long after its start. Without
+    /// this limit, one after the other could delay its answer without end.
+    std::chrono::milliseconds joinTime{std::chrono::seconds(16)};
+    /// Living `openvpn` processes, in a tunnel or left by a failed attempt.
+    int tunnels = 64;
+    int tunnelsOfUser = 16;
+};
+
 /// Shares out turns and tunnels among all clients. One object for all of them.
 ///
 /// While a command waits for `openvpn`, the event loop turns, and a command of another client
@@ -17,23 +32,8 @@
 class CommandTotals
 {
 public:
-    struct Limits
-    {
-        /// Connects that run inside each other's waits. Each takes some 10 KiB of stack and delays
-        /// the answers of the commands around it.
-        int connects = 8;
-        int connectsOfUser = 2;
-        /// Connects may begin inside the outermost running command for so long after its start.
-        /// Without this limit, one after the other could delay its answer without end.
-        std::chrono::milliseconds joinTime{std::chrono::seconds(16)};
-        /// Living `openvpn` processes, in a tunnel or left by a failed attempt.
-        int tunnels = 64;
-        int tunnelsOfUser = 16;
-    };
-
-    explicit CommandTotals(const Limits &limits);
-    CommandTotals()
-        : CommandTotals(Limits())
+    explicit CommandTotals(const CommandLimits &limits = {})
+        : m_limits(limits)
     {
     }
 
@@ -64,9 +64,7 @@ private:
         std::function<bool()> hasTunnel;
     };
 
-    bool hasAllHisConnects(quint32 user) const;
-
-    Limits m_limits;
+    CommandLimits m_limits;
     QHash<const void *, Client> m_clients;
     QVector<const void *> m_requests; ///< who waits for a turn, in the order of arrival
     QHash<quint32, int> m_connectsOf;

@@ -3,26 +3,14 @@
 #include <QtCore/QDateTime>
 #include <QtCore/QTextStream>
 
+#include <array>
+
 QScopedPointer<QFile> m_logFile;
 
 namespace {
 
-const char *levelTag(QtMsgType type)
-{
-    switch (type) {
-    case QtDebugMsg:
-        return "DBG ";
-    case QtInfoMsg:
-        return "INF ";
-    case QtWarningMsg:
-        return "WRN ";
-    case QtCriticalMsg:
-        return "CRT ";
-    case QtFatalMsg:
-        return "FTL ";
-    }
-    return "";
-}
+/// The levels in the order of QtMsgType.
+constexpr std::array kLevelTags{"DBG ", "WRN ", "CRT ", "FTL ", "INF "};
 
 } // namespace
 
@@ -32,7 +20,8 @@ void messageHandler(QtMsgType type, const QMessageLogContext &context, const QSt
         return;
     QTextStream line(m_logFile.data());
     line << QDateTime::currentDateTime().toString(QStringLiteral("yyyy-MM-dd hh:mm:ss.zzz"))
-         << levelTag(type) << context.category << ": " << msg << Qt::endl;
+         << (std::size_t(type) < kLevelTags.size() ? kLevelTags[type] : "") << context.category
+         << ": " << msg << Qt::endl;
     // Qt::endl has flushed already. The second time is wanted: the line is out whatever ends it.
     line.flush();
 }

@@ -7,6 +7,8 @@
 #include <QtCore/QDebug>
 #include <QtNetwork/QLocalServer>
 
+#include <utility>
+
 LocalServer::LocalServer(QObject *parent)
     : QObject(parent)
     , m_ipcServer(this)
@@ -15,17 +17,18 @@ LocalServer::LocalServer(QObject *parent)
     m_server->setSocketOptions(QLocalServer::WorldAccessOption);
     const QString name = shared::getIpcServiceUrl();
     // With the option, Qt renames the new socket over whatever has the name, a live server's
-    // included.
+    // included. Without it, Qt says of such a name what is said here.
     const bool isTaken = socketname::isTakenByOwnUser(name);
     if (isTaken || !m_server->listen(name)) {
         qDebug() << QStringLiteral("Unable to start the server: %1. LocalServer")
-                        .arg(isTaken ? socketname::addressInUse() : m_server->errorString());
+                        .arg(isTaken ? QStringLiteral("QLocalServer::listen: Address in use")
+                                     : m_server->errorString());
         return;
     }
     socketname::warnUnlessOwnSocket(name);
 
     // Only the first text says what happened; the ends of the others are wanted as they are.
-    connect(m_server.data(), &QLocalServer::newConnection, this, [this] { acceptConnection(); });
+    connect(m_server.data(), &QLocalServer::newConnection, this, &LocalServer::acceptConnection);
     connect(m_server.data(), &QObject::destroyed, this,
             [] { qDebug() << "LocalServer destroyed"; });
     connect(&m_serverNode, &QRemoteObjectHost::remoteObjectRemoved, this,
@@ -49,8 +52,6 @@ void LocalServer::acceptConnection()
     qDebug() << "LocalServer new connection";
     if (!CheckedConnection::accept(*m_server, m_serverNode, IpcInterfaceSource::staticMetaObject))
         return;
-    if (!m_isRemotingEnabled) {
-        m_isRemotingEnabled = true;
+    if (!std::exchange(m_isRemotingEnabled, true))
         m_serverNode.enableRemoting(&m_ipcServer);
-    }
 }

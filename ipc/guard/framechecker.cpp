@@ -47,17 +47,13 @@ bool readsArgument(QDataStream &stream, int expectedType)
     quint32 type = 0;
     quint8 isNull = 0;
     stream >> type >> isNull;
-    if (expectedType < QMetaType::User) {
-        if (type != static_cast<quint32>(expectedType))
-            return false;
-    } else {
+    const bool isUserType = expectedType >= QMetaType::User;
+    if (type != static_cast<quint32>(isUserType ? QMetaType::User : expectedType))
+        return false;
+    if (isUserType) {
         QByteArray name; // with its final zero
-        if (type != QMetaType::User)
-            return false;
         stream >> name;
-        const char *expectedName = QMetaType::typeName(expectedType);
-        if (name
-            != QByteArray::fromRawData(expectedName, static_cast<int>(qstrlen(expectedName)) + 1))
+        if (name != QByteArray(QMetaType::typeName(expectedType)) + '\0')
             return false;
     }
     QVariant value(expectedType, nullptr);

@@ -2,7 +2,6 @@
 
 #include <QtCore/QDebug>
 #include <QtCore/QFile>
-#include <QtNetwork/QLocalServer>
 
 #include <optional>
 
@@ -25,11 +24,6 @@ std::optional<struct stat> ownStatusOf(const QString &path)
 bool socketname::isTakenByOwnUser(const QString &path)
 {
     return ownStatusOf(path).has_value();
-}
-
-QString socketname::addressInUse()
-{
-    return QLocalServer::tr("%1: Address in use").arg(QLatin1String("QLocalServer::listen"));
 }
 
 void socketname::warnUnlessOwnSocket(const QString &path)

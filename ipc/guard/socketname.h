@@ -9,9 +9,6 @@ namespace socketname {
 ///         a daemon that lives, or what a dead one left. A link counts, not its target.
 bool isTakenByOwnUser(const QString &path);
 
-/// @return what QLocalServer::errorString() says of a name that is taken.
-QString addressInUse();
-
 /// Logs a warning unless a socket of this process's own effective user stands at @p path. For after
 /// listening: until then, somebody else may have put something there.
 void warnUnlessOwnSocket(const QString &path);

@@ -6,11 +6,18 @@
 /// `QLocalSocket::connectToServer` take them: absolute paths.
 namespace shared {
 
-/// @return the path of the main socket.
-QString getIpcServiceUrl();
+/// @return the path of the main socket. The colon and "local:" are part of the file's name, not a
+///         scheme.
+inline QString getIpcServiceUrl()
+{
+    return QStringLiteral("/tmp/local:TalvexFreeVpnIpcInterface");
+}
 
 /// @param n the endpoint's number, as `createPrivilegedProcess` returned it.
 /// @return the path of the n-th client's own socket.
-QString getIpcProcessUrl(int n);
+inline QString getIpcProcessUrl(int n)
+{
+    return QStringLiteral("%1_%2").arg(getIpcServiceUrl()).arg(n);
+}
 
 } // namespace shared

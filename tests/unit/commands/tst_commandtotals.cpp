@@ -29,14 +29,14 @@ private:
         return may;
     }
 
-    void use(const CommandTotals::Limits &limits) { m_totals.reset(new CommandTotals(limits)); }
+    void use(const CommandLimits &limits) { m_totals.reset(new CommandTotals(limits)); }
 
     QScopedPointer<CommandTotals> m_totals;
 
 private Q_SLOTS:
     void usualLimits()
     {
-        const CommandTotals::Limits limits;
+        const CommandLimits limits;
         QCOMPARE(limits.connects, 8);
         QCOMPARE(limits.connectsOfUser, 2);
         QCOMPARE(limits.joinTime, 16'000ms);

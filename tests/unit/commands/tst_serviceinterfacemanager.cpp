@@ -175,9 +175,8 @@ private Q_SLOTS:
         row("{'type':'connect'}", "", "connect", {"Connect cmd \"\""});
         row("{'type':'OpenVPN','cmd':'disconnect'}", "", "OpenVPN");
         row("{'type':'disconnect','cmd':'disconnect'}", "", "disconnect");
-        for (const char *text : {"{'cmd':'ovpnUdp'}", "[{'type':'connect','cmd':'ovpnUdp'}]",
-                                 "{'type':'connect','cmd':'ovpnUdp'", "connect", ""})
-            row(text, "", "");
+        row("[{'type':'connect','cmd':'ovpnUdp'}]", "", "");
+        row("connect", "", "");
     }
 
     /// From a client, a command is logged when it arrives and executed from the event loop.
