@@ -1,5 +1,7 @@
+#include "bashscript.h"
 #include "boundedlog.h"
-#include "checkdns.h"
+#include "dnsrestorer.h"
+#include "dnsscripts.h"
 #include "ipcurls.h"
 #include "localserver.h"
 #include "ovpnconnection.h"
@@ -20,6 +22,17 @@ void createDataFolder()
     qDebug() << path;
     if (!QDir().mkpath(path))
         qDebug() << "Directory isn't created";
+}
+
+/// Restores the DNS settings that an earlier run left changed; blocks meanwhile.
+void checkDNS()
+{
+    const QString output =
+        vpncore::runBashScript(vpncore::dnsRestoreScript(), vpncore::kDnsScriptLimit);
+    // Every text contains the empty one, so this says "true" always, and that is wanted: a failed
+    // restore shows in what networksetup printed, not here.
+    qDebug() << "check DNS result " << (output.contains(QString()) ? "true" : "false");
+    vpncore::DnsRestorer::instance().watch();
 }
 
 } // namespace

@@ -44,7 +44,10 @@ private Q_SLOTS:
             QTest::newRow(name) << before << secondLine;
         };
         row("first start", "", "\"\"");
-        row("later start", "mkdir -p /var/root/Library/Preferences/talvexvpnd/data", "\"\"");
+        row("later start, with a backup that cannot be applied",
+            "folder=/var/root/Library/Preferences/talvexvpnd/data; mkdir -p $folder\n"
+            "echo >$folder/TalvexFreeVPN_dns_Wi-Fi",
+            "\"Usage: networksetup -setdnsservers <networkservice> <dns1> [dns2] [...]\\n\"");
         row("something is in the way", "touch /var/root/Library", "Directory isn't created");
     }
 
