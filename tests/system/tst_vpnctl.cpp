@@ -64,19 +64,15 @@ QByteArray remoteOf(const standins::OpenvpnStart &start)
     return lines.value(2).split(' ').value(1) + lines.value(3).mid(6);
 }
 
-/// @return the lines with every time replaced by "T".
-QStringList withoutTimes(QStringList lines)
-{
-    return lines.replaceInStrings(QRegularExpression("[0-9]+\\.[0-9]+"), "T");
-}
-
 /// @return everything but advice: first what went to the standard error, with times as "T".
-QByteArray saidBy(VpnctlProcess &vpnctl)
+QByteArray saidBy(const VpnctlProcess &vpnctl)
 {
     static const QRegularExpression advice("What to do: [^|]*\\||Key: [^|]*\\|");
-    QString said = withoutTimes(vpnctl.errorLines() + vpnctl.lines()).join('|') + '|';
+    static const QRegularExpression time("[0-9]+\\.[0-9]+");
+    QString said = (vpnctl.errorLines() + vpnctl.lines()).join('|') + '|';
     said.remove(advice).chop(1);
-    return said.replace('"', '\'')
+    return said.replace(time, "T")
+        .replace('"', '\'')
         .replace("openvpn reported an error, or was stopped by a newer command or a missing "
                  "heartbeat.",
                  "ERROR")
@@ -198,30 +194,27 @@ private Q_SLOTS:
 
     void withoutDaemonOneClearLine_data()
     {
-        QTest::addColumn<QString>("said");
-        QTest::newRow("no socket")
-            << "vpnctl: The daemon is not running: there is no socket %1.|What to do: Start it: "
-               "sudo launchctl bootstrap system /Library/LaunchDaemons/TalvexVpnd.plist. If that "
-               "fails, somebody has switched the job off: switch it on in Login Items.";
+        QTest::addColumn<QByteArray>("what");
+        QTest::newRow("no socket") << QByteArray("there is no socket %1.");
         QTest::newRow("socket of a daemon that was killed")
-            << "vpnctl: The daemon is not running: it left the socket %1 behind.|What to do: Have "
-               "launchd start it anew: sudo launchctl kickstart -k system/com.talvex.talvexvpnd. "
-               "If launchd does not know the job, somebody has switched it off: switch it on in "
-               "Login Items. Before starting it by hand, remove the file (sudo rm '%1'), or it "
-               "cannot listen.";
+            << QByteArray("it left the socket %1 behind.");
     }
 
     void withoutDaemonOneClearLine()
     {
-        QFETCH(QString, said);
+        QFETCH(QByteArray, what);
         m_daemon->kill();
-        QVERIFY(said.contains("it left") || QFile::remove(kMainSocket));
+        QVERIFY(what.startsWith("it left") || QFile::remove(kMainSocket));
+        const QByteArray said = "vpnctl: The daemon is not running: " + what;
         for (const char *command : {"ping", "connect --server connects.json", "raw {}",
                                     "disconnect --endpoint 1", "watch --endpoint 1"}) {
             VpnctlProcess vpnctl;
             QCOMPARE(vpnctl.run(command), kNoDaemon);
-            QCOMPARE(vpnctl.lines(), QStringList());
-            QCOMPARE(vpnctl.errorLines().join('|'), said.arg(kMainSocket));
+            QCOMPARE(vpnctl.errorLines()
+                         .filter(QRegularExpression("^What to do: .*sudo launchctl"))
+                         .size(),
+                     1);
+            QCOMPARE(saidBy(vpnctl), QByteArray(said).replace("%1", kMainSocket.toLatin1()));
         }
     }
 
@@ -261,7 +254,7 @@ private Q_SLOTS:
         delete server.nextPendingConnection();
         server.close(); // after the connection, as it may happen when a process ends
         QCOMPARE(vpnctl.exitCodeWithin(), kNoDaemon);
-        QVERIFY(vpnctl.errorLines().value(0).contains("there is no socket"));
+        QVERIFY(saidBy(vpnctl).contains("there is no socket"));
     }
 
     void daemonThatOnlyClosesTheConnectionHasNotGone()

@@ -20,9 +20,6 @@ class ServiceInterfaceReplica;
 
 namespace vpnctl {
 
-/// Takes the endpoint's tunnel down, and ends an attempt that is under way.
-const char kDisconnectMessage[] = R"({"type":"openvpn","cmd":"disconnect"})";
-
 /// One run of a subcommand: a conversation with the daemon from its start to an exit status.
 /// Nothing here waits. What comes of a call is told by a virtual function, from the event loop; a
 /// conversation that fails finishes the command.

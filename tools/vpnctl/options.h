@@ -10,6 +10,9 @@
 
 namespace vpnctl {
 
+/// Takes the endpoint's tunnel down, and ends an attempt that is under way.
+const char kDisconnectMessage[] = R"({"type":"openvpn","cmd":"disconnect"})";
+
 /// How long is waited for what. Tests pass shorter times.
 struct Limits
 {
@@ -57,7 +60,7 @@ struct Options
     bool once = false; ///< Or else a tunnel that goes is brought up again.
     int endpoint = 0; ///< 0 when not given.
     QString folder = "vpnctl-report"; ///< For report.
-    QString message; ///< For raw: what to send.
+    QString message = kDisconnectMessage; ///< What disconnect sends, and raw what it is told.
     std::chrono::seconds answerLimit{120};
     Limits limits; ///< Not for the command line.
 

@@ -61,18 +61,13 @@ private:
 class SendCommand : public Command
 {
 public:
-    SendCommand(const Options &options, Report &report)
-        : Command(options, report)
-        , m_isDisconnect(options.command == Options::Command::Disconnect)
-        , m_message(m_isDisconnect ? kDisconnectMessage : options.message)
-    {
-    }
+    using Command::Command;
 
     void start() override
     {
         if (!m_options.recordPath.isEmpty())
             m_server = readServerRecord(m_options.recordPath);
-        checkLength(m_message, m_server);
+        checkLength(m_options.message, m_server);
         if (m_options.endpoint != 0)
             openEndpoint(m_options.endpoint);
         else
@@ -80,19 +75,17 @@ public:
     }
 
 private:
-    void opened() override { send(m_message, m_server); }
+    void opened() override { send(m_options.message, m_server); }
 
     void answered(const QString &message, const OperationResult &result) override
     {
         // An attempt of another client that ends because of a disconnect answers first.
-        if (m_isDisconnect && commandOf(message) != "disconnect")
+        if (m_options.command == Options::Command::Disconnect && commandOf(message) != "disconnect")
             return;
         m_report.answer(message, result, answerArrived());
         finish(result.success ? ExitCode::Done : ExitCode::Failed);
     }
 
-    bool m_isDisconnect;
-    QString m_message;
     VpnServerInformation m_server;
 };
 

@@ -172,40 +172,33 @@ private Q_SLOTS:
         QCOMPARE(linesFor(QString::fromLatin1(arguments)).toUtf8(), lines);
     }
 
+    /// Paths are relative to the file's folder.
     void everyFieldIsRead()
     {
         const auto quoted = [](const QString &pem) { return pem.toLatin1().replace("\n", "\\n"); };
-        write("r.json",
+        const QString certificate = pemtexts::certificate("Q0E=");
+        QVERIFY(QDir::current().mkpath("sub"));
+        write("sub/our c.crt", certificate.toLatin1());
+        write("sub/r.json",
               json("{'name':'Office','id':7,'info':'main','host':'a','udpPort':1,'tcpPort':2,"
                    "'ca':'"
-                   + quoted(pemtexts::certificate("Q0E=")) + "','cert':'c.crt','key':'"
+                   + quoted(pemtexts::certificate()) + "','cert':'our c.crt','key':'"
                    + quoted(pemtexts::key()) + "'}"));
-        const VpnServerInformation record = readServerRecord("r.json");
+        const VpnServerInformation record = readServerRecord("sub/r.json");
         QCOMPARE(record.name + record.info, "Officemain");
         QCOMPARE(record.id, 7);
-        QCOMPARE(record.ca, pemtexts::certificate("Q0E="));
-        QCOMPARE(record.cert, pemtexts::certificate());
+        QCOMPARE(record.ca, pemtexts::certificate());
+        QCOMPARE(record.cert, certificate);
         QCOMPARE(record.key, pemtexts::key());
 
-        write("o.ovpn",
-              "remote a\n<ca>\n" + record.ca.toLatin1() + "</ca>\n<cert>\nBag\n"
-                  + record.cert.toLatin1() + "</cert>\nkey [inline]\n<key>\n"
-                  + record.key.toLatin1() + "</key>\n");
-        const VpnServerInformation server = readOvpnProfile("o.ovpn").server;
+        write("sub/o.ovpn",
+              "remote a\n<ca>\nBag\n" + record.ca.toLatin1()
+                  + "</ca>\ncert \"our c.crt\"\nkey [inline]\n<key>\n" + record.key.toLatin1()
+                  + "</key>\n");
+        const VpnServerInformation server = readOvpnProfile("sub/o.ovpn").server;
         QCOMPARE(server.ca, record.ca);
         QCOMPARE(server.cert, record.cert);
         QCOMPARE(server.key, record.key);
-    }
-
-    void pathsAreRelativeToTheFile()
-    {
-        QVERIFY(QDir::current().mkpath("sub"));
-        write("sub/our ca.crt", pemtexts::certificate("Q0E=").toLatin1());
-        write("sub/o.ovpn", "remote a\nca \"our ca.crt\"\n");
-        write("sub/r.json", json("{'host':'a','ca':'our ca.crt'}"));
-        const QString ca = pemtexts::certificate("Q0E=");
-        QCOMPARE(readOvpnProfile("sub/o.ovpn").server.ca, ca);
-        QCOMPARE(readServerRecord("sub/r.json").ca, ca);
     }
 
     void whatTheDaemonSetsAnywayIsNotReported()
