@@ -2,7 +2,6 @@
 
 #include "operationresult.h"
 #include "options.h"
-#include "problem.h"
 #include "report.h"
 #include "vpnserverinformation.h"
 

@@ -1,6 +1,6 @@
 #include "inputfile.h"
 
-#include "problem.h"
+#include "report.h"
 
 #include <QtCore/QFile>
 #include <QtCore/QRegularExpression>

@@ -1,7 +1,6 @@
 #include "options.h"
 
 #include "observation.h"
-#include "problem.h"
 
 #include <CLI/CLI.hpp>
 
@@ -59,18 +58,7 @@ constexpr CommandRow kCommands[] = {
      "  vpnctl raw '{\"type\":\"openvpn\",\"cmd\":\"disconnect\"}' --endpoint 1"},
 };
 
-constexpr unsigned only(Options::Command command)
-{
-    return 1U << static_cast<unsigned>(command);
-}
-
-constexpr unsigned kEvery = ~0U; ///< and without a command
-constexpr unsigned kConnect = only(Options::Command::Connect);
-constexpr unsigned kDisconnect = only(Options::Command::Disconnect);
-constexpr unsigned kReport = only(Options::Command::Report);
-constexpr unsigned kWatch = only(Options::Command::Watch);
-constexpr unsigned kRaw = only(Options::Command::Raw);
-
+const char kEvery[] = "connect, disconnect, status, report, ping, watch, raw";
 const char kFile[] = "FILE";
 const char kEndpoint[] = "N";
 
@@ -78,7 +66,7 @@ struct OptionRow
 {
     const char *names; ///< A name without dashes is that of a positional argument.
     const char *value; ///< what it takes: kFile and kEndpoint can be completed
-    unsigned commands;
+    const char *commands; ///< that take it; with kEvery, vpnctl takes it before them, too
     std::variant<bool Options::*, int Options::*, std::chrono::seconds Options::*,
                  QString Options::*>
         member;
@@ -89,34 +77,35 @@ struct OptionRow
 
 constexpr OptionRow kOptions[] = {
     {"--json", "", kEvery, &Options::json, "Print one JSON object a line, for programs."},
-    {"FILE,--config", kFile, kConnect, &Options::configPath,
+    {"FILE,--config", kFile, "connect", &Options::configPath,
      "Connect with this OpenVPN client profile. It may stand without --config."},
-    {"--server", kFile, kConnect | kRaw, &Options::recordPath,
+    {"--server", kFile, "connect, raw", &Options::recordPath,
      "Use this server record: JSON with host, ca, cert, key, udpPort and tcpPort."},
-    {"--host", "HOST", kConnect, &Options::host,
+    {"--host", "HOST", "connect", &Options::host,
      "Connect to this name or address, with --ca, --cert and --key."},
-    {"--port", "PORT", kConnect, &Options::port, "The port of --host; 1194 if not given.", 1,
+    {"--port", "PORT", "connect", &Options::port, "The port of --host; 1194 if not given.", 1,
      kMaxPort},
-    {"--ca", kFile, kConnect, &Options::caPath, "The authority's certificate, PEM."},
-    {"--cert", kFile, kConnect, &Options::certPath, "Your certificate, PEM."},
-    {"--key", kFile, kConnect, &Options::keyPath, "Your private key, PEM, not encrypted."},
-    {"--udp", "", kConnect, &Options::udp,
+    {"--ca", kFile, "connect", &Options::caPath, "The authority's certificate, PEM."},
+    {"--cert", kFile, "connect", &Options::certPath, "Your certificate, PEM."},
+    {"--key", kFile, "connect", &Options::keyPath, "Your private key, PEM, not encrypted."},
+    {"--udp", "", "connect", &Options::udp,
      "Use UDP. It is the default for --host, and for a record that has udpPort."},
-    {"--tcp", "", kConnect, &Options::tcp,
+    {"--tcp", "", "connect", &Options::tcp,
      "Use TCP. With a profile, --udp and --tcp choose the servers of this transport; if there are "
      "none, all servers are called with it."},
-    {"--accept-weaker", "", kConnect, &Options::acceptWeaker,
+    {"--accept-weaker", "", "connect", &Options::acceptWeaker,
      "Connect although the daemon does not protect the connection as the profile asks."},
-    {"--detach", "", kConnect, &Options::detach,
+    {"--detach", "", "connect", &Options::detach,
      "Leave the tunnel up, without a heartbeat, and exit. \"vpnctl disconnect\" takes it down."},
-    {"--once", "", kConnect, &Options::once,
+    {"--once", "", "connect", &Options::once,
      "Exit when the tunnel goes. Otherwise it is brought up again, after growing pauses."},
-    {"--endpoint", kEndpoint, kDisconnect | kWatch | kRaw, &Options::endpoint,
+    {"--endpoint", kEndpoint, "disconnect, watch, raw", &Options::endpoint,
      "The number that \"vpnctl connect\" printed.", 1, std::numeric_limits<int>::max()},
-    {"--timeout", "SECONDS", kConnect | kDisconnect | kRaw, &Options::answerLimit,
+    {"--timeout", "SECONDS", "connect, disconnect, raw", &Options::answerLimit,
      "Wait so long for the answer to a command, up to 3600; 120 if not given.", 1, 3600},
-    {"FOLDER", kFile, kReport, &Options::folder, "The folder to make; vpnctl-report if not given."},
-    {"TEXT", "", kRaw, &Options::message, "The JSON text to send."},
+    {"FOLDER", kFile, "report", &Options::folder,
+     "The folder to make; vpnctl-report if not given."},
+    {"TEXT", "", "raw", &Options::message, "The JSON text to send."},
 };
 
 /// CLI11's help, as wide as the terminal.
@@ -191,18 +180,16 @@ void addEverything(CLI::App &app, Options &options)
     app.footer(R"("vpnctl COMMAND --help" shows what a command takes. "man vpnctl" has more.)");
     app.set_help_flag("-h,--help", "Print this help; after a command, the command's.");
     app.set_version_flag("-v,-V,--version", "vpnctl " TALVEX_VERSION, "Print the version.");
-    for (const OptionRow &row : kOptions) {
-        if (row.commands == kEvery)
-            addOption(app, row, options);
-    }
     for (const CommandRow &row : kCommands) {
         CLI::App *command = app.add_subcommand(row.name, row.description)->group("Commands");
         command->footer(std::string("Examples:\n") + row.examples);
         command->callback([&options, &row] { options.command = row.command; });
-        for (const OptionRow &option : kOptions) {
-            if (option.commands & only(row.command))
-                addOption(*command, option, options);
-        }
+    }
+    for (const OptionRow &row : kOptions) {
+        if (row.commands == kEvery)
+            addOption(app, row, options);
+        for (const QString &command : QString(row.commands).split(", "))
+            addOption(*app.get_subcommand(command.toStdString()), row, options);
     }
     app.get_subcommand("raw")->get_option("TEXT")->required();
     for (const char *command : {"disconnect", "watch"})
@@ -274,12 +261,7 @@ QString manualLists(const CLI::App &app)
         add(QString::fromStdString(option->get_name(false, true)).split(','), {},
             QString::fromStdString(option->get_description()));
     for (const OptionRow &row : kOptions) {
-        QStringList commands;
-        for (const CommandRow &command : kCommands) {
-            if (row.commands & only(command.command))
-                commands.append(command.name);
-        }
-        const QString with = QString("With %1: ").arg(commands.join(", "));
+        const QString with = QString("With %1: ").arg(row.commands);
         add({QString::fromLatin1(row.names).section(',', -1)},
             *row.value ? QString(" *%1*").arg(row.value) : QString(),
             (row.commands == kEvery ? QString() : with) + row.text);

@@ -1,5 +1,5 @@
 #include "inputfile.h"
-#include "problem.h"
+#include "report.h"
 #include "target.h"
 
 #include <QtCore/QDir>

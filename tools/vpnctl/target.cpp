@@ -2,7 +2,7 @@
 
 #include "inputfile.h"
 #include "options.h"
-#include "problem.h"
+#include "report.h"
 
 #include <QtCore/QDir>
 #include <QtCore/QFileInfo>

@@ -1,6 +1,5 @@
 #include "options.h"
 
-#include "problem.h"
 #include "report.h"
 
 #include <QtCore/QProcess>

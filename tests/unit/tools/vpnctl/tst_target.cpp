@@ -2,7 +2,7 @@
 #include "options.h"
 #include "ovpntemplate.h"
 #include "pemtexts.h"
-#include "problem.h"
+#include "report.h"
 #include "target.h"
 
 #include <QtTest/QtTest>
