@@ -32,16 +32,15 @@ int main(int argc, char **argv)
     };
 
     if (operation == QLatin1String("status")) {
-        const auto yesOrNo = [](bool value) { return value ? "yes" : "no"; };
-        QTextStream(stdout) << "installed:               " << yesOrNo(mac.isDemonPlistExist())
-                            << '\n'
-                            << "running:                 " << yesOrNo(mac.isDemonLoad()) << '\n'
-                            << "starts with the session: " << yesOrNo(platform.isRunOnStart())
-                            << '\n'
-                            << "speaks L2TP:             " << yesOrNo(platform.l2tpSupports())
-                            << '\n'
-                            << "speaks PPTP:             " << yesOrNo(platform.pptpSupports())
-                            << '\n';
+        const std::pair<const char *, bool> answers[] = {
+            {"installed", mac.isDemonPlistExist()},
+            {"running", mac.isDemonLoad()},
+            {"starts with the session", platform.isRunOnStart()},
+            {"speaks L2TP", platform.l2tpSupports()},
+            {"speaks PPTP", platform.pptpSupports()},
+        };
+        for (const auto &[question, isSo] : answers)
+            QTextStream(stdout) << question << (isSo ? ": yes\n" : ": no\n");
         return 0;
     }
     if (operation == QLatin1String("login-item") && isSwitch) {

@@ -230,11 +230,8 @@ private Q_SLOTS:
         example.start(program, {"status"});
         QVERIFY(example.waitForFinished());
         QCOMPARE(example.readAllStandardOutput(),
-                 QByteArray("installed:               no\n"
-                            "running:                 yes\n"
-                            "starts with the session: no\n"
-                            "speaks L2TP:             yes\n"
-                            "speaks PPTP:             no\n"));
+                 QByteArray("installed: no\nrunning: yes\nstarts with the session: no\n"
+                            "speaks L2TP: yes\nspeaks PPTP: no\n"));
         example.start(program, {"kill-switch", "on"});
         QVERIFY(example.waitForFinished());
         QCOMPARE(example.readAllStandardOutput(), QByteArray("done\n"));

@@ -8,7 +8,6 @@
 
 #include <cerrno>
 #include <csignal>
-#include <functional>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -38,10 +37,9 @@ extern "C" void writeToSignalPipe(int)
     errno = savedError;
 }
 
-/// From here on SIGINT, SIGTERM and SIGHUP do not end the process, but have @p handle called from
-/// the event loop. Those that are ignored stay so. Call once.
-/// @param context must be there when @p handle is called; with it the calls end.
-void onStopSignal(QObject *context, const std::function<void()> &handle)
+/// From here on SIGINT, SIGTERM and SIGHUP do not end the process, but stop the command, from the
+/// event loop. Those that are ignored stay so. Call once.
+void stopOnSignal(Command &command)
 {
     if (::pipe(signalPipe) != 0)
         qFatal("vpnctl: no descriptor left for the signal pipe");
@@ -49,30 +47,29 @@ void onStopSignal(QObject *context, const std::function<void()> &handle)
         ::fcntl(end, F_SETFD, FD_CLOEXEC);
         ::fcntl(end, F_SETFL, O_NONBLOCK);
     }
-    auto *notifier = new QSocketNotifier(signalPipe[0], QSocketNotifier::Read, context);
-    QObject::connect(notifier, &QSocketNotifier::activated, context, [handle] {
+    auto *notifier = new QSocketNotifier(signalPipe[0], QSocketNotifier::Read, &command);
+    QObject::connect(notifier, &QSocketNotifier::activated, &command, [&command] {
         char bytes[64];
         while (::read(signalPipe[0], bytes, sizeof bytes) > 0) {
         }
-        handle();
+        command.stop();
     });
     for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
-        // Whoever starts the program with a signal ignored, like nohup(1), wants it to outlast
-        // that.
+        // Who starts the program with a signal ignored, like nohup(1), wants it to outlast that.
         if (std::signal(signal, SIG_IGN) != SIG_IGN)
             static_cast<void>(std::signal(signal, writeToSignalPipe));
     }
 }
 
-/// Has @p handle called when the standard input ends. A device like /dev/null, and a terminal while
+/// Hangs the command up when the standard input ends. A device like /dev/null, and a terminal while
 /// the program runs in the background, say nothing about anybody's wish and are not watched.
-void onInputEnd(QObject *context, const std::function<void()> &handle)
+void hangUpAtInputEnd(Command &command)
 {
     struct stat input = {};
     if (::fstat(STDIN_FILENO, &input) != 0 || (S_ISCHR(input.st_mode) && !::isatty(STDIN_FILENO)))
         return;
-    auto *notifier = new QSocketNotifier(STDIN_FILENO, QSocketNotifier::Read, context);
-    QObject::connect(notifier, &QSocketNotifier::activated, context, [notifier, handle] {
+    auto *notifier = new QSocketNotifier(STDIN_FILENO, QSocketNotifier::Read, &command);
+    QObject::connect(notifier, &QSocketNotifier::activated, &command, [notifier, &command] {
         // Reading a terminal from the background would stop the whole process.
         const bool isForeign = ::isatty(STDIN_FILENO) && ::tcgetpgrp(STDIN_FILENO) != ::getpgrp();
         char bytes[4096];
@@ -81,7 +78,7 @@ void onInputEnd(QObject *context, const std::function<void()> &handle)
             return;
         notifier->setEnabled(false);
         if (!isForeign)
-            handle();
+            command.hangUp();
     });
 }
 
@@ -97,9 +94,9 @@ int run(const Options &options, Report &report)
                      Qt::QueuedConnection);
     QObject::connect(&report, &Report::outputClosed, command.get(), &Command::hangUp,
                      Qt::QueuedConnection);
-    onStopSignal(command.get(), [&command] { command->stop(); });
+    stopOnSignal(*command);
     if (command->isTiedToInput())
-        onInputEnd(command.get(), [&command] { command->hangUp(); });
+        hangUpAtInputEnd(*command);
     command->start();
     return QCoreApplication::exec();
 }
