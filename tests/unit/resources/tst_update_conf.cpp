@@ -6,7 +6,6 @@
 
 namespace {
 
-const QString kNetworksetup = "/sbin/networksetup";
 const QString kServices = "networksetup/services";
 
 const QStringList kPushed{"dhcp-option DNS 10.8.0.1"};
@@ -70,30 +69,23 @@ private:
     int down() { return run("update_conf_down", {}); }
 
     /// Has a script decide before networksetup does its work.
-    void precedeNetworksetup(const QByteArray &script)
+    static void precedeNetworksetup(const QByteArray &script)
     {
-        standins::writeTool(kNetworksetup, script + "\nexec '" + m_standIn.toUtf8() + "' \"$@\"\n");
+        standins::wrapNetworksetup(script + "\nexec $0.kept \"$@\"\n");
     }
 
-    const QString m_standIn = QFile::symLinkTarget(kNetworksetup);
     QString m_output;
 
 private Q_SLOTS:
     void init()
     {
         lab::resetPrivateRoot();
+        precedeNetworksetup({});
         // macOS itself gives services such names as the last one.
         standins::setState(kServices, "Wi-Fi\niPhone USB\n*Old Modem\nUSB 10/100/1000 LAN\n");
         standins::setState("networksetup/dns_Wi-Fi", "192.0.2.2\n192.0.2.1\n");
         standins::setState("networksetup/search_iPhone USB", "a.test\nb.test\n");
         standins::setState("networksetup/dns_USB 10:100:1000 LAN", "fd00::53\n");
-    }
-
-    void cleanup()
-    {
-        QFile::remove(kNetworksetup);
-        QVERIFY(QFile::link(m_standIn, kNetworksetup));
-        QFile::remove("/sbin/dscacheutil");
     }
 
     void upSavesWhatEveryEnabledServiceHasAndSetsTheTunnels()
@@ -172,6 +164,7 @@ private Q_SLOTS:
             QVERIFY(resolver.waitForFinished(2'000));
         }
         QCOMPARE(down(), 0); // which has nothing to restore
+        QVERIFY(QFile::remove("/sbin/dscacheutil"));
         QCOMPARE(lab::contentOf("/tmp/flushes"), QByteArray("-flushcache\n-flushcache\n"));
     }
 

@@ -2,6 +2,7 @@
 
 #include "configtext.h"
 #include "eventwait.h"
+#include "files.h"
 #include "logcapture.h"
 #include "measures.h"
 #include "privateroot.h"
@@ -70,13 +71,6 @@ QString programPath()
 QStringList temporaryFiles()
 {
     return QDir("/tmp").entryList(QDir::Files | QDir::Hidden);
-}
-
-void create(const QString &path)
-{
-    QFile file(path);
-    QVERIFY(file.open(QIODevice::WriteOnly));
-    QVERIFY(file.setPermissions(QFile::ReadOwner | QFile::ExeOwner));
 }
 
 } // namespace
@@ -335,7 +329,8 @@ private Q_SLOTS:
                      {&OvpnLimits::poll, 100},
                      {&OvpnLimits::attempt, 50},
                      {&OvpnLimits::firstOutput, 50}}));
-        create("/tmp/openvpn");
+        lab::writeFile("/tmp/openvpn", "");
+        QVERIFY(QFile::setPermissions("/tmp/openvpn", QFile::ReadOwner | QFile::ExeOwner));
         mount({"--bind", "/tmp/openvpn"}, programPath());
         // With a lease on the file exec(2) waits, as on a disk that hangs.
         std::signal(SIGIO, SIG_IGN); // which asks for its end
@@ -370,7 +365,7 @@ private Q_SLOTS:
         /// @return a new file in place of the one that the latest attempt had.
         const auto fileAgain = [] {
             const QString path = openvpnStarts().last().arguments.value(2);
-            create(path);
+            lab::writeFile(path, "");
             return path;
         };
         const QString config = "play echo ERROR\n";
@@ -378,7 +373,7 @@ private Q_SLOTS:
         QString file = fileAgain();
         m_connection->deleteConfigFile();
         QVERIFY(!QFile::exists(file));
-        create(file);
+        lab::writeFile(file, "");
         m_connection->deleteConfigFile();
         m_connection->disconnect();
         QVERIFY(QFile::exists(file));
