@@ -1,5 +1,7 @@
 #include "openvpnoutput.h"
 
+#include <QtCore/QVector>
+
 #include <utility>
 
 namespace vpncore {
