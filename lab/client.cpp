@@ -2,10 +2,6 @@
 
 #include "ipcurls.h"
 
-#include <QtCore/QEventLoop>
-#include <QtCore/QTimer>
-#include <QtRemoteObjects/QRemoteObjectPendingCallWatcher>
-
 namespace {
 
 constexpr int kConnectLimitMs = 10'000;
@@ -32,13 +28,8 @@ bool Client::connectToMainSocket()
 
 int Client::createEndpoint()
 {
-    const QRemoteObjectPendingReply<int> reply = m_main->createPrivilegedProcess();
-    QRemoteObjectPendingCallWatcher watcher(reply);
-    QEventLoop loop;
-    connect(&watcher, &QRemoteObjectPendingCallWatcher::finished, &loop, &QEventLoop::quit);
-    QTimer::singleShot(kConnectLimitMs, &loop, &QEventLoop::quit);
-    loop.exec();
-    return reply.isFinished() ? reply.returnValue() : -2;
+    QRemoteObjectPendingReply<int> reply = m_main->createPrivilegedProcess();
+    return reply.waitForFinished(kConnectLimitMs) ? reply.returnValue() : -2;
 }
 
 bool Client::attach(int endpoint)

@@ -3,8 +3,8 @@
 #include "ipcurls.h"
 #include "privateroot.h"
 
+#include <QtCore/QDeadlineTimer>
 #include <QtCore/QDir>
-#include <QtCore/QElapsedTimer>
 #include <QtCore/QRegularExpression>
 #include <QtNetwork/QLocalSocket>
 
@@ -58,14 +58,8 @@ bool DaemonProcess::startOnly()
 
 bool DaemonProcess::start()
 {
-    if (!startOnly())
+    if (!startOnly() || !waitUntilItListens(m_process))
         return false;
-    QElapsedTimer timer;
-    timer.start();
-    while (!isListening()) {
-        if (m_process.waitForFinished(20) || timer.hasExpired(kStartLimitMs))
-            return false;
-    }
     // The trial connection must not be mistaken for a test's own.
     while (count("LocalServer new connection") == 0) {
         if (!m_process.waitForReadyRead(kStartLimitMs))
@@ -75,11 +69,16 @@ bool DaemonProcess::start()
     return true;
 }
 
-bool DaemonProcess::isListening()
+bool DaemonProcess::waitUntilItListens(QProcess &process)
 {
-    QLocalSocket socket;
-    socket.connectToServer(shared::getIpcServiceUrl());
-    return socket.waitForConnected(100);
+    const QDeadlineTimer deadline(kStartLimitMs);
+    while (!process.waitForFinished(20) && !deadline.hasExpired()) {
+        QLocalSocket socket;
+        socket.connectToServer(shared::getIpcServiceUrl());
+        if (socket.waitForConnected(100))
+            return true;
+    }
+    return false;
 }
 
 void DaemonProcess::kill()

@@ -30,8 +30,9 @@ public:
     /// Sets a variable of the daemon's environment.
     void setEnvironment(const QString &name, const QString &value);
 
-    /// @return whether a daemon listens on its main socket, whoever started it.
-    static bool isListening();
+    /// Waits some seconds until a daemon listens on its main socket.
+    /// @return whether it does; false as soon as @p process, which is to be that daemon, has ended.
+    static bool waitUntilItListens(QProcess &process);
 
     /// Starts the daemon and waits until it listens.
     /// @return false when it does not listen within some seconds.

@@ -47,14 +47,7 @@ bool LaunchdJob::startOnly()
 
 bool LaunchdJob::run()
 {
-    if (!startOnly())
-        return false;
-    const QDeadlineTimer deadline(kLimitMs);
-    while (!DaemonProcess::isListening()) {
-        if (waitForFinished(20) || deadline.hasExpired())
-            return false;
-    }
-    return true;
+    return startOnly() && DaemonProcess::waitUntilItListens(*this);
 }
 
 bool LaunchdJob::crash(Survivors survivors)

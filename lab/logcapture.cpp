@@ -32,19 +32,11 @@ LogCapture::~LogCapture()
     qInstallMessageHandler(formerHandler);
 }
 
-QStringList LogCapture::lines() const
-{
-    QStringList texts;
-    for (const Message &message : qAsConst(messages))
-        texts.append(message.text);
-    return texts;
-}
-
-QStringList LogCapture::lines(QtMsgType type) const
+QStringList LogCapture::lines(std::optional<QtMsgType> type) const
 {
     QStringList texts;
     for (const Message &message : qAsConst(messages)) {
-        if (message.type == type)
+        if (message.type == type.value_or(message.type))
             texts.append(message.text);
     }
     return texts;

@@ -2,6 +2,8 @@
 
 #include <QtCore/QStringList>
 
+#include <optional>
+
 /// Collects every message of Qt's log streams while it lives; one at a time.
 class LogCapture
 {
@@ -11,11 +13,8 @@ public:
     LogCapture(const LogCapture &) = delete;
     LogCapture &operator=(const LogCapture &) = delete;
 
-    /// @return the messages so far, in order.
-    QStringList lines() const;
-
-    /// @return the messages of one level.
-    QStringList lines(QtMsgType type) const;
+    /// @return the messages so far, of one level or of all, in order.
+    QStringList lines(std::optional<QtMsgType> type = {}) const;
 
     int count(const QString &line) const;
     void clear();

@@ -11,13 +11,12 @@ namespace measures {
 
 namespace {
 
-/// @return the number behind @p field in a file of /proc/PID, behind @p section if there is one.
-qint64 numberIn(qint64 pid, const char *name, const QByteArray &field, const char *section = "")
+/// @return the number behind @p field in a file of /proc/PID.
+qint64 numberIn(qint64 pid, const char *name, const QByteArray &field)
 {
-    const QString path = QString("/proc/%1/%2").arg(pid).arg(QLatin1String(name));
+    const QString path = QString("/proc/%1/%2").arg(pid).arg(name);
     const QByteArray text = '\n' + lab::contentOf(path);
-    const int start = text.indexOf(section);
-    const int found = start < 0 ? -1 : text.indexOf('\n' + field + ':', start);
+    const int found = text.indexOf('\n' + field + ':');
     return found < 0
         ? -1
         : text.mid(found + field.size() + 2).simplified().split(' ').first().toLongLong();
@@ -33,12 +32,6 @@ qint64 statusOf(qint64 pid, const char *field)
 qint64 memoryKiB(qint64 pid, const char *field)
 {
     return numberIn(pid, "smaps_rollup", field);
-}
-
-qint64 stackKiB(qint64 pid)
-{
-    // The pages that were ever touched; the size of the mapping starts beyond what is used.
-    return numberIn(pid, "smaps", "Rss", "[stack]");
 }
 
 bool growsByLess(qint64 beforeKiB, qint64 nowKiB, qint64 limitKiB)

@@ -7,7 +7,8 @@
 /// Figures of processes, and what the tests need to take them.
 namespace measures {
 
-/// @param field of /proc/PID/status, for example "VmRSS".
+/// @param field of /proc/PID/status, for example "VmRSS", or "VmStk" for how far the stack has
+/// grown.
 /// @return its value, memory in KiB; -1 when there is none.
 qint64 statusOf(qint64 pid, const char *field);
 
@@ -23,9 +24,6 @@ bool growsByLess(qint64 beforeKiB, qint64 nowKiB, qint64 limitKiB);
 /// @return what all threads of a process have used so far, user and system, in milliseconds; -1
 ///         when it has ended.
 double processorTime(qint64 pid);
-
-/// @return how far the stack of a process has ever grown, in KiB.
-qint64 stackKiB(qint64 pid);
 
 /// Lets this process, and those that it starts, open as many descriptors.
 /// @return false when the machine does not allow it.

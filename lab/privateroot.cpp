@@ -3,29 +3,12 @@
 #include "standins.h"
 
 #include <QtCore/QDir>
-#include <QtCore/QString>
+#include <QtCore/QProcess>
 
 #include <csignal>
 #include <unistd.h>
 
 namespace lab {
-
-namespace {
-
-void empty(const QString &folder)
-{
-    const QDir content(folder);
-    const auto entries = content.entryInfoList(QDir::AllEntries | QDir::Hidden | QDir::System
-                                               | QDir::NoDotAndDotDot);
-    for (const QFileInfo &entry : entries) {
-        if (entry.isDir() && !entry.isSymLink())
-            QDir(entry.filePath()).removeRecursively();
-        else
-            QFile::remove(entry.filePath());
-    }
-}
-
-} // namespace
 
 bool isPrivateRoot()
 {
@@ -40,8 +23,8 @@ void resetPrivateRoot()
         if (standins::isAlive(start.pid))
             ::kill(static_cast<pid_t>(start.pid), SIGKILL);
     }
-    for (const char *folder : {"/tmp", "/var/root", "/Applications", "/Library"})
-        empty(QString::fromLatin1(folder));
+    QProcess::execute(
+        "find", {"/tmp", "/var/root", "/Applications", "/Library", "-mindepth", "1", "-delete"});
     QDir().mkpath("/Library/LaunchDaemons");
 }
 

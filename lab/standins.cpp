@@ -4,6 +4,8 @@
 
 #include <QtCore/QDir>
 #include <QtCore/QFile>
+#include <QtCore/QJsonArray>
+#include <QtCore/QJsonDocument>
 #include <QtCore/QProcess>
 
 #include <algorithm>
@@ -116,24 +118,16 @@ void writeBackup(const QString &name, const QByteArray &content)
 
 QVector<QStringList> calls(const QString &tool)
 {
-    // Only bash reads what bash has quoted. It answers with the number of arguments and then these,
-    // each ended by a zero byte.
-    const QString reader = R"bash(while read -r line; do
-        eval "arguments=($line)"
-        printf '%s\0' "${#arguments[@]}" "${arguments[@]}"
-    done <"$0")bash";
-    QProcess bash;
-    bash.start("/bin/bash", {"-c", reader, state(tool + "/journal")});
-    bash.waitForFinished();
-    const QList<QByteArray> words = bash.readAllStandardOutput().split('\0');
-
+    QProcess python;
+    python.start("/usr/bin/python3",
+                 {"-SEc",
+                  "import json, shlex, sys\n"
+                  "print(json.dumps([shlex.split(line) for line in open(sys.argv[1])]))",
+                  state(tool + "/journal")});
+    python.waitForFinished();
     QVector<QStringList> result;
-    for (int i = 0; i + 1 < words.size();) {
-        QStringList call;
-        for (int count = words[i++].toInt(); count > 0; --count)
-            call.append(QString::fromUtf8(words[i++]));
-        result.append(call);
-    }
+    for (const QJsonValue &call : QJsonDocument::fromJson(python.readAllStandardOutput()).array())
+        result.append(call.toVariant().toStringList());
     return result;
 }
 

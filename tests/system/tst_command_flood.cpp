@@ -28,13 +28,13 @@ private:
     {
         m_clients = attachedClients(number);
         m_memoryBefore = m_daemon->residentKiB();
-        m_stackBefore = measures::stackKiB(m_daemon->pid());
+        m_stackBefore = measures::statusOf(m_daemon->pid(), "VmStk");
         QVERIFY(m_stackBefore > 0);
     }
 
     void growsByLess(qint64 memoryKiB, qint64 stackKiB)
     {
-        QVERIFY(measures::stackKiB(m_daemon->pid()) - m_stackBefore < stackKiB);
+        QVERIFY(measures::statusOf(m_daemon->pid(), "VmStk") - m_stackBefore < stackKiB);
         QTRY_VERIFY(measures::growsByLess(m_memoryBefore, m_daemon->residentKiB(), memoryKiB));
     }
 

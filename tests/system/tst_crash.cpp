@@ -28,7 +28,8 @@ const QVector<Settings> kUsersSettings{
 
 /// In front of networksetup. Before or after the change that the file names, the daemon, which
 /// leads its process group, is killed, and the script at work gets no further.
-const QByteArray kKiller = R"bash(if [[ $1 == -set* && -s /tmp/kill-at ]]; then
+const QByteArray kKiller = R"bash(sleep "$(cat /tmp/seconds 2>/dev/null || echo 0)"
+if [[ $1 == -set* && -s /tmp/kill-at ]]; then
     read -r when left </tmp/kill-at
     echo "$when $((left - 1))" >/tmp/kill-at
 fi
@@ -138,6 +139,33 @@ private Q_SLOTS:
         QCOMPARE(standins::runningOpenvpns(), 0);
 
         QVERIFY(job.run());
+        compareSettings();
+    }
+
+    /// A Mac whose networksetup is so slow that a restore is cut off at its limit.
+    void settingsComeBackThoughOpenvpnIsKilledAmongThem()
+    {
+        lab::writeFile("/tmp/seconds", "0.1");
+        LaunchdJob job;
+        QVERIFY(job.run());
+        Client client;
+        QVERIFY(client.attachToNewEndpoint());
+        client.connectUdp(serverFor("connects"));
+        // In the middle of its up script, with more backups than a restore gets done.
+        QTRY_COMPARE(standins::dnsServers("iPhone USB"), QStringList{"10.8.0.1"});
+        lab::writeFile("/tmp/seconds", "2");
+        ::kill(pid_t(standins::openvpnStarts().first().pid), SIGKILL);
+        client.disconnectTunnel(); // so that there is no further attempt
+
+        QElapsedTimer timer;
+        timer.start();
+        QTRY_VERIFY_WITH_TIMEOUT(client.answers().size() == 2 && standins::backupFiles().isEmpty(),
+                                 60'000);
+        QVERIFY(client.outcome() != "success");
+        QVERIFY(timer.elapsed() > 10'000); // so one restore at least was cut off
+        // No script is left that would change something.
+        QTRY_VERIFY_WITH_TIMEOUT(QProcess::execute("pgrep", {"networksetup|update_conf"}) == 1,
+                                 10'000);
         compareSettings();
     }
 

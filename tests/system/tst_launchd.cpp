@@ -100,6 +100,33 @@ private Q_SLOTS:
         QVERIFY(!QFile::exists(shared::getIpcProcessUrl(1)));
         QVERIFY(Client().attachToNewEndpoint());
     }
+
+    /// A client tries to fill the disk.
+    void logStaysWithin32MiBAndGoesOn()
+    {
+        LaunchdJob job;
+        QVERIFY(job.run());
+        Client client;
+        QVERIFY(client.attachToNewEndpoint());
+        // Each of these characters has two bytes in a frame and six in the log: "\u200B".
+        const QString flood = QString("{\"type\":\"%1\"}").arg(QString(120'000, QChar(0x200b)));
+        qint64 greatest = 0;
+        for (int i = 0; i < 120; ++i) {
+            client.send(flood);
+            while (client.endpointSocket().bytesToWrite() > 0)
+                QVERIFY(client.endpointSocket().waitForBytesWritten(5'000));
+            greatest = std::max(greatest, QFileInfo("/var/log/talvexvpnd.log").size());
+        }
+        client.disconnectTunnel();
+        QTRY_COMPARE(client.answers().size(), 1);
+        const QByteArray log = job.log();
+        greatest = std::max(greatest, qint64(log.size()));
+        QVERIFY2(greatest > 16'777'216 && greatest <= 33'554'432,
+                 qPrintable(QString::number(greatest)));
+        QVERIFY(log.left(100).contains("Older lines were removed: the log was full\n"));
+        QVERIFY(log.lastIndexOf(" Send command service ")
+                > log.lastIndexOf(" result params  \"disconnect\"\n"));
+    }
 };
 
 QTEST_GUILESS_MAIN(TestLaunchd)
