@@ -48,9 +48,7 @@ private Q_SLOTS:
     void init()
     {
         lab::resetPrivateRoot();
-        QFile file(m_pem);
-        QVERIFY(file.open(QIODevice::WriteOnly));
-        QVERIFY(file.write(pemtexts::certificate().toLatin1()) > 0);
+        lab::writeFile(m_pem, pemtexts::certificate().toLatin1());
         m_daemon.reset(new DaemonProcess);
         QVERIFY(m_daemon->start());
     }

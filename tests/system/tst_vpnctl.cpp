@@ -1,6 +1,7 @@
 #include "asuser.h"
 #include "client.h"
 #include "daemonprocess.h"
+#include "files.h"
 #include "pemtexts.h"
 #include "privateroot.h"
 #include "standins.h"
@@ -30,18 +31,11 @@ const QString kMainSocket = "/tmp/local:TalvexFreeVpnIpcInterface";
 
 const QByteArray kPem = (pemtexts::certificate() + pemtexts::key()).toLatin1();
 
-void write(const QString &path, const QByteArray &content)
-{
-    QFile file(path);
-    if (!file.open(QIODevice::WriteOnly) || file.write(content) != content.size())
-        qFatal("cannot write %s", qPrintable(path));
-}
-
 /// Writes a record whose host makes the stand-in for openvpn play @p scenario.
 /// @param info makes the record as long as it is wanted.
 void writeRecord(const QString &name, const QByteArray &scenario, const QByteArray &info = {})
 {
-    write(
+    lab::writeFile(
         name + ".json",
         R"({"udpPort":1194,"tcpPort":443,"ca":"all.pem","cert":"all.pem","key":"all.pem","host":")"
             + scenario + R"(","info":")" + info + "\"}");
@@ -49,7 +43,7 @@ void writeRecord(const QString &name, const QByteArray &scenario, const QByteArr
 
 void writeProfile(const QString &name, const QByteArray &text)
 {
-    write(name, text + "ca all.pem\ncert all.pem\nkey all.pem\n");
+    lab::writeFile(name, text + "ca all.pem\ncert all.pem\nkey all.pem\n");
 }
 
 int endpoints()
@@ -90,7 +84,7 @@ private Q_SLOTS:
     void init()
     {
         lab::resetPrivateRoot();
-        write("all.pem", kPem);
+        lab::writeFile("all.pem", kPem);
         for (const char *scenario : {"connects", "error", "ignores-term", "silent"})
             writeRecord(scenario, scenario);
         m_daemon = std::make_unique<DaemonProcess>();

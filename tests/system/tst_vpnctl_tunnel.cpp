@@ -105,12 +105,8 @@ private Q_SLOTS:
         QCOMPARE(vpnctl.run(kConnect + " --detach"), 0);
         const QString log = m_daemon->log().join('\n');
         QVERIFY(log.contains("[AF_INET]192.0.2.2"));
-        QVERIFY(QDir().mkpath("/var/log"));
-        QFile file("/var/log/talvexvpnd.log");
-        QVERIFY(file.open(QIODevice::WriteOnly));
         const VpnServerInformation server = vpnlab::server();
-        file.write((log + server.key + server.ca).toUtf8());
-        file.close();
+        lab::writeFile("/var/log/talvexvpnd.log", (log + server.key + server.ca).toUtf8());
 
         const QString folder = "/tmp/report";
         QCOMPARE(vpnctl.run("report " + folder), 0);

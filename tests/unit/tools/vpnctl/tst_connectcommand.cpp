@@ -1,4 +1,5 @@
 #include "command.h"
+#include "files.h"
 #include "ipcurls.h"
 #include "pemtexts.h"
 #include "privateroot.h"
@@ -65,13 +66,12 @@ private Q_SLOTS:
     void init()
     {
         lab::resetPrivateRoot();
-        QFile pem("/var/root/all.pem");
-        QVERIFY(pem.open(QIODevice::WriteOnly));
-        pem.write((pemtexts::certificate() + pemtexts::key()).toLatin1());
+        const QString pem = "/var/root/all.pem";
+        lab::writeFile(pem, (pemtexts::certificate() + pemtexts::key()).toLatin1());
         m_options = {};
         m_options.command = Options::Command::Connect;
         m_options.host = "a";
-        m_options.caPath = m_options.certPath = m_options.keyPath = pem.fileName();
+        m_options.caPath = m_options.certPath = m_options.keyPath = pem;
     }
 
     void limitsAreThoseOfTheManualPage()

@@ -1,3 +1,4 @@
+#include "files.h"
 #include "inputfile.h"
 #include "options.h"
 #include "ovpntemplate.h"
@@ -15,13 +16,6 @@ namespace {
 QByteArray json(QByteArray text)
 {
     return text.replace('\'', '"');
-}
-
-void write(const QString &path, const QByteArray &content)
-{
-    QFile file(path);
-    if (!file.open(QIODevice::WriteOnly) || file.write(content) != content.size())
-        qFatal("cannot write %s", qPrintable(path));
 }
 
 /// @return what becomes of "vpnctl connect ARGUMENTS": a line for each server, then the notes, then
@@ -58,8 +52,8 @@ private Q_SLOTS:
     void initTestCase()
     {
         QVERIFY(QDir::setCurrent(m_folder.path()));
-        write("c.crt", pemtexts::certificate().toLatin1());
-        write("k.key", pemtexts::key().toLatin1());
+        lab::writeFile("c.crt", pemtexts::certificate().toLatin1());
+        lab::writeFile("k.key", pemtexts::key().toLatin1());
     }
 
     void whereAConnectGoes_data()
@@ -165,9 +159,9 @@ private Q_SLOTS:
         QFETCH(QByteArray, arguments);
         QFETCH(QByteArray, content);
         QFETCH(QByteArray, lines);
-        write("o.ovpn", content + kKeys);
-        write("r.json", json(content + kRecordKeys));
-        write("file", content);
+        lab::writeFile("o.ovpn", content + kKeys);
+        lab::writeFile("r.json", json(content + kRecordKeys));
+        lab::writeFile("file", content);
         lines.replace("FOLDER", m_folder.path().toLocal8Bit());
         QCOMPARE(linesFor(QString::fromLatin1(arguments)).toUtf8(), lines);
     }
@@ -177,13 +171,13 @@ private Q_SLOTS:
     {
         const auto quoted = [](const QString &pem) { return pem.toLatin1().replace("\n", "\\n"); };
         const QString certificate = pemtexts::certificate("Q0E=");
-        QVERIFY(QDir::current().mkpath("sub"));
-        write("sub/our c.crt", certificate.toLatin1());
-        write("sub/r.json",
-              json("{'name':'Office','id':7,'info':'main','host':'a','udpPort':1,'tcpPort':2,"
-                   "'ca':'"
-                   + quoted(pemtexts::certificate()) + "','cert':'our c.crt','key':'"
-                   + quoted(pemtexts::key()) + "'}"));
+        lab::writeFile("sub/our c.crt", certificate.toLatin1());
+        lab::writeFile(
+            "sub/r.json",
+            json("{'name':'Office','id':7,'info':'main','host':'a','udpPort':1,'tcpPort':2,"
+                 "'ca':'"
+                 + quoted(pemtexts::certificate()) + "','cert':'our c.crt','key':'"
+                 + quoted(pemtexts::key()) + "'}"));
         const VpnServerInformation record = readServerRecord("sub/r.json");
         QCOMPARE(record.name + record.info, "Officemain");
         QCOMPARE(record.id, 7);
@@ -191,10 +185,10 @@ private Q_SLOTS:
         QCOMPARE(record.cert, certificate);
         QCOMPARE(record.key, pemtexts::key());
 
-        write("sub/o.ovpn",
-              "remote a\n<ca>\nBag\n" + record.ca.toLatin1()
-                  + "</ca>\ncert \"our c.crt\"\nkey [inline]\n<key>\n" + record.key.toLatin1()
-                  + "</key>\n");
+        lab::writeFile("sub/o.ovpn",
+                       "remote a\n<ca>\nBag\n" + record.ca.toLatin1()
+                           + "</ca>\ncert \"our c.crt\"\nkey [inline]\n<key>\n"
+                           + record.key.toLatin1() + "</key>\n");
         const VpnServerInformation server = readOvpnProfile("sub/o.ovpn").server;
         QCOMPARE(server.ca, record.ca);
         QCOMPARE(server.cert, record.cert);
@@ -209,7 +203,7 @@ private Q_SLOTS:
                 .arg("udp", "a", pemtexts::certificate(), pemtexts::certificate(), pemtexts::key())
                 .arg(1194)
                 .arg("/Resources");
-        write("o.ovpn", daemonsOwn.toLatin1());
+        lab::writeFile("o.ovpn", daemonsOwn.toLatin1());
         QCOMPARE(linesFor("o.ovpn"), "a 1194 UDP|not carried over: up down");
     }
 
