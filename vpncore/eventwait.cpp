@@ -31,9 +31,4 @@ bool waitUntil(QDeadlineTimer deadline, const std::function<bool()> &isDone)
     return true;
 }
 
-void waitUntil(QDeadlineTimer deadline)
-{
-    waitUntil(deadline, [] { return false; });
-}
-
 } // namespace vpncore

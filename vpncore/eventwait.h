@@ -13,11 +13,10 @@ namespace vpncore {
 /// Needs a `QCoreApplication`. Waits may nest; an outer one ends only after the inner one did.
 ///
 /// @param deadline when to stop waiting; `QDeadlineTimer::Forever` for no limit.
-/// @param isDone tested once before the first event and again after every turn of the loop.
+/// @param isDone tested once before the first event and again after every turn of the loop. Without
+///        it, nothing ends the wait before @p deadline.
 /// @return true as soon as @p isDone held, false when the deadline came first.
-bool waitUntil(QDeadlineTimer deadline, const std::function<bool()> &isDone);
-
-/// Turns the event loop until @p deadline, whatever happens meanwhile.
-void waitUntil(QDeadlineTimer deadline);
+bool waitUntil(
+    QDeadlineTimer deadline, const std::function<bool()> &isDone = [] { return false; });
 
 } // namespace vpncore
