@@ -9,7 +9,6 @@
 #include "subjects.h"
 
 #include <QtCore/QCoreApplication>
-#include <QtCore/QJsonArray>
 #include <QtCore/QJsonDocument>
 #include <QtCore/QJsonObject>
 
@@ -18,13 +17,6 @@
 
 namespace {
 
-QJsonArray arrayOf(const QVector<double> &values)
-{
-    QJsonArray array;
-    std::copy(values.begin(), values.end(), std::back_inserter(array));
-    return array;
-}
-
 QJsonObject measure(const char *number)
 {
     for (const Rows &rows : {processRows(), tunnelRows(), remoteCallRows()}) {
@@ -32,9 +24,7 @@ QJsonObject measure(const char *number)
         if (row == rows.end())
             continue;
         const Measurement found = row->second();
-        return {{QStringLiteral("samples"), arrayOf(found.samples)},
-                {QStringLiteral("baseline"), arrayOf(found.baseline)},
-                {QStringLiteral("remark"), found.remark}};
+        return {{"samples", found.samples}, {"baseline", found.baseline}, {"remark", found.remark}};
     }
     throw std::invalid_argument("there is no such row");
 }
@@ -52,8 +42,8 @@ int main(int argc, char **argv)
     try {
         const QJsonObject object = argc > 1
             ? measure(argv[1])
-            : QJsonObject{{QStringLiteral("Qt"), QLatin1String(qVersion())},
-                          {QStringLiteral("compiler"), QStringLiteral(__VERSION__)}};
+            : QJsonObject{{"Qt", QLatin1String(qVersion())},
+                          {"compiler", QStringLiteral(__VERSION__)}};
         std::puts(QJsonDocument(object).toJson(QJsonDocument::Compact).constData());
         return 0;
     } catch (const std::exception &failure) {

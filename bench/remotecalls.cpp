@@ -7,9 +7,7 @@
 #include <QtCore/QFileInfo>
 
 #include <algorithm>
-#include <memory>
 #include <unistd.h>
-#include <vector>
 
 namespace {
 
@@ -25,14 +23,14 @@ double callsPerSecond(const Program &host, Client &client, Call call, const QByt
 {
     const qint64 start = QFileInfo(host.log()).size();
     const qint64 end = start + qint64(kCalls) * (line.size() + 1);
-    const double before = processorTime(host.pid());
-    for (int n = 0; n < kCalls; ++n)
-        call(client);
-    pollUntil([&] { return QFileInfo(host.log()).size() >= end; }, "not every call was logged");
-    const double seconds = (processorTime(host.pid()) - before) / 1e3;
+    const double used = processorTimeOf(host.pid(), [&] {
+        for (int n = 0; n < kCalls; ++n)
+            call(client);
+        pollUntil([&] { return QFileInfo(host.log()).size() >= end; }, "not every call was logged");
+    });
     require(lab::contentOf(host.log()).mid(static_cast<int>(start)).count(line + '\n') == kCalls,
             "the log has other lines");
-    return kCalls / seconds;
+    return kCalls / used * 1e3;
 }
 
 Measurement calls(Call call, const QByteArray &line, const QString &commands)
@@ -55,8 +53,8 @@ Measurement calls(Call call, const QByteArray &line, const QString &commands)
         found.samples.append(best);
         found.baseline.append(bestOfHost);
     }
-    found.remark = QStringLiteral("of processor time; a round is the best of %1 bursts of %2 with "
-                                  "new processes; ratios from {ratios[0]:.3f} to {ratios[1]:.3f}")
+    found.remark = QString("of processor time; a round is the best of %1 bursts of %2 with "
+                           "new processes; ratios from {ratios[0]:.3f} to {ratios[1]:.3f}")
                        .arg(kBursts)
                        .arg(kCalls);
     return found;
@@ -64,14 +62,13 @@ Measurement calls(Call call, const QByteArray &line, const QString &commands)
 
 Measurement callsWithoutEffect(const QString &commands)
 {
-    return calls([](Client &client) { client.send(QStringLiteral(R"({"type":"nothing"})")); },
+    return calls([](Client &client) { client.send(R"({"type":"nothing"})"); },
                  "Command status  \"nothing\"", commands);
 }
 
 Measurement heartbeats()
 {
-    return calls([](Client &client) { client.heartbeat(); }, "Replica state is  true",
-                 QStringLiteral("unread"));
+    return calls([](Client &client) { client.heartbeat(); }, "Replica state is  true", "unread");
 }
 
 Measurement endpointCreation()
@@ -84,45 +81,59 @@ Measurement endpointCreation()
         lab::resetPrivateRoot();
         IpcServer server;
         const auto timeUpTo = [&server](int number) {
-            const double before = processorTime(getpid());
-            int endpoint = 0;
-            while (endpoint < number) {
-                endpoint = server.createPrivilegedProcess();
-                require(endpoint > 0, "an endpoint could not be created");
-            }
-            return processorTime(getpid()) - before;
+            return processorTimeOf(getpid(), [&server, number] {
+                int endpoint = 0;
+                while (endpoint < number) {
+                    endpoint = server.createPrivilegedProcess();
+                    require(endpoint > 0, "an endpoint could not be created");
+                }
+            });
         };
         found.baseline.append(timeUpTo(100));
         timeUpTo(1900);
         found.samples.append(timeUpTo(2000));
     }
     qInstallMessageHandler(printing);
-    found.remark = QStringLiteral("processor time of a hundred, 1,901 to 2,000 against 1 to 100");
+    found.remark = "processor time of a hundred, 1,901 to 2,000 against 1 to 100";
     return found;
 }
 
-/// @param isConnected whether each endpoint has a client.
-/// @return the resident memory that one of @p number endpoints takes.
-QVector<double> memoryOfEndpoints(int number, bool isConnected)
+/// @param take makes @p number endpoints, and gives back what is to live on.
+/// @return the resident memory that one of them takes.
+QJsonArray memoryOfEndpoints(int number, Clients (*take)(int number))
 {
-    QVector<double> each;
+    QJsonArray each;
     for (int round = 0; round < 3; ++round) {
         const Daemon daemon;
-        AttachedClient first;
+        attachedClients(1);
         const double before = memoryOf(daemon.pid(), "Rss");
-        std::vector<std::unique_ptr<AttachedClient>> clients;
-        for (int n = 0; n < number; ++n) {
-            if (!isConnected) {
-                require(first.createEndpoint() > 0, "an endpoint could not be created");
-                continue;
-            }
-            clients.push_back(std::make_unique<AttachedClient>());
-            clients.back()->heartbeat();
-        }
+        const Clients clients = take(number);
         vpncore::waitUntil(500ms);
         each.append((memoryOf(daemon.pid(), "Rss") - before) / number);
     }
     return each;
+}
+
+Measurement memoryUnconnected()
+{
+    const auto take = [](int number) {
+        Clients clients = attachedClients(1);
+        while (number-- > 0)
+            require(clients.front()->createEndpoint() > 0, "an endpoint could not be created");
+        return clients;
+    };
+    return {memoryOfEndpoints(2000, take), {}, "of 2000"};
+}
+
+Measurement memoryConnected()
+{
+    const auto take = [](int number) {
+        Clients clients = attachedClients(number);
+        for (const auto &client : clients)
+            client->heartbeat();
+        return clients;
+    };
+    return {memoryOfEndpoints(100, take), {}, "of 100, with their connections to the main socket"};
 }
 
 } // namespace
@@ -130,17 +141,9 @@ QVector<double> memoryOfEndpoints(int number, bool isConnected)
 Rows remoteCallRows()
 {
     return {{"6a", heartbeats},
-            {"6b", [] { return callsWithoutEffect(QStringLiteral("read")); }},
-            {"6c", [] { return callsWithoutEffect(QStringLiteral("unread")); }},
+            {"6b", [] { return callsWithoutEffect("read"); }},
+            {"6c", [] { return callsWithoutEffect("unread"); }},
             {"7a", endpointCreation},
-            {"7b",
-             [] {
-                 return Measurement{memoryOfEndpoints(2000, false), {}, QStringLiteral("of 2000")};
-             }},
-            {"7c", [] {
-                 return Measurement{
-                     memoryOfEndpoints(100, true),
-                     {},
-                     QStringLiteral("of 100, with their connections to the main socket")};
-             }}};
+            {"7b", memoryUnconnected},
+            {"7c", memoryConnected}};
 }

@@ -4,6 +4,7 @@
 #include "ipcurls.h"
 #include "measures.h"
 #include "privateroot.h"
+#include "vpnlab.h"
 
 #include <QtCore/QFile>
 #include <QtNetwork/QLocalSocket>
@@ -24,7 +25,7 @@ QStringList installedDaemon(DaemonProcess::Openvpn openvpn)
 {
     lab::resetPrivateRoot();
     DaemonProcess installs(openvpn);
-    return {DaemonProcess::programFolder() + QStringLiteral("/talvexvpnd")};
+    return {DaemonProcess::programFolder() + "/talvexvpnd"};
 }
 
 } // namespace
@@ -35,11 +36,13 @@ void require(bool holds, const char *text)
         throw std::runtime_error(text);
 }
 
-double processorTime(qint64 pid)
+double processorTimeOf(qint64 pid, const std::function<void()> &work)
 {
-    const double time = measures::processorTime(pid);
-    require(time >= 0, "the program has ended");
-    return time;
+    const double before = measures::processorTime(pid);
+    work();
+    const double after = measures::processorTime(pid);
+    require(before >= 0 && after >= 0, "the program has ended");
+    return after - before;
 }
 
 double memoryOf(qint64 pid, const char *field)
@@ -66,7 +69,7 @@ void pollUntil(const std::function<bool()> &isDone, const char *failure)
 Program::Program(const QStringList &command, const QString &socketName)
 {
     static int programs = 0;
-    m_process.setStandardErrorFile(QStringLiteral("/tmp/program%1.log").arg(++programs));
+    m_process.setStandardErrorFile(QString("/tmp/program%1.log").arg(++programs));
     QElapsedTimer timer;
     timer.start();
     m_process.start(command.first(), command.mid(1));
@@ -91,7 +94,7 @@ Daemon::Daemon(DaemonProcess::Openvpn openvpn)
 }
 
 MinimalHost::MinimalHost(const QString &commands)
-    : Program({QStringLiteral(TALVEX_MINIMAL_HOST), commands, shared::getIpcProcessUrl(kEndpoint)},
+    : Program({TALVEX_MINIMAL_HOST, commands, shared::getIpcProcessUrl(kEndpoint)},
               shared::getIpcProcessUrl(kEndpoint))
 {
 }
@@ -126,12 +129,17 @@ double AttachedClient::endTunnel()
     return time;
 }
 
+void needServers()
+{
+    require(vpnlab::up(), "the OpenVPN servers could not be started");
+}
+
 double runRestoreScript()
 {
     QProcess bash;
     QElapsedTimer timer;
     timer.start();
-    bash.start(QStringLiteral("/bin/bash"), {QStringLiteral("-c"), vpncore::dnsRestoreScript()});
+    bash.start("/bin/bash", {"-c", vpncore::dnsRestoreScript()});
     require(bash.waitForFinished(), "the restore script did not end");
     return milliseconds(timer);
 }

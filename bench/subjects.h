@@ -5,8 +5,8 @@
 #include "eventwait.h"
 
 #include <QtCore/QElapsedTimer>
+#include <QtCore/QJsonArray>
 #include <QtCore/QProcess>
-#include <QtCore/QVector>
 
 #include <chrono>
 #include <functional>
@@ -25,8 +25,8 @@ constexpr auto kLimit = 40s;
 /// braces, what scripts/bench finds in them.
 struct Measurement
 {
-    QVector<double> samples;
-    QVector<double> baseline;
+    QJsonArray samples;
+    QJsonArray baseline;
     QString remark;
 };
 
@@ -43,8 +43,10 @@ Rows remoteCallRows();
 /// Ends the row as failed, with @p text as the reason, unless @p holds.
 void require(bool holds, const char *text);
 
-/// As of measures, for a program that has not ended.
-double processorTime(qint64 pid);
+/// @return the milliseconds of processor time that a process uses while @p work is done.
+double processorTimeOf(qint64 pid, const std::function<void()> &work);
+
+/// As measures::memoryKiB(), of a program that has not ended.
 double memoryOf(qint64 pid, const char *field);
 
 double milliseconds(const QElapsedTimer &timer);
@@ -106,6 +108,9 @@ public:
     double connectTunnel(const VpnServerInformation &server, bool isUdp = true);
     double endTunnel();
 };
+
+/// Makes the OpenVPN servers that vpnlab::server() describes.
+void needServers();
 
 /// Runs the script that gives the DNS settings back, as the daemon does.
 /// @return the milliseconds that it took.

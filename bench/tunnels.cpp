@@ -2,14 +2,13 @@
 #include "subjects.h"
 
 #include "asuser.h"
+#include "configtext.h"
+#include "macplatform.h"
 #include "openvpnoutput.h"
 #include "standins.h"
 #include "vpnlab.h"
 
-#include <QtCore/QDir>
-
 #include <memory>
-#include <vector>
 
 namespace {
 
@@ -30,8 +29,7 @@ BareRun runBare(const QString &file)
     vpncore::OpenvpnOutput output; // the laboratory's servers have names that look like success
     QElapsedTimer timer;
     timer.start();
-    openvpn.start(DaemonProcess::programFolder() + QStringLiteral("/openvpn"),
-                  {QStringLiteral("--config"), file});
+    openvpn.start(DaemonProcess::programFolder() + "/openvpn", {"--config", file});
     const auto isUp = [&] {
         output.add(openvpn.readAllStandardOutput());
         return output.judgedText().contains(QLatin1String(vpncore::kSuccessMarker));
@@ -46,37 +44,26 @@ BareRun runBare(const QString &file)
     return {untilSuccess, milliseconds(timer)};
 }
 
-/// Connects and disconnects once.
-/// @return the name of a copy of the configuration that the daemon wrote.
-QString configurationFrom(AttachedClient &client, const VpnServerInformation &server, bool isUdp)
+/// @return the name of a file with the configuration that the daemon writes.
+QString configurationFor(const VpnServerInformation &server, bool isUdp = true)
 {
-    const QString copy = QStringLiteral("/tmp/configuration");
-    const auto isCopied = [&copy] {
-        const QDir folder(QStringLiteral("/tmp"), QStringLiteral("talvexvpnd.*"));
-        for (const QFileInfo &file : folder.entryInfoList(QDir::Files)) {
-            if (lab::contentOf(file.filePath()).contains("</key>"))
-                return QFile::copy(file.filePath(), copy);
-        }
-        return false;
-    };
-    client.timeOf([&] {
-        isUdp ? client.connectUdp(server) : client.connectTcp(server);
-        // The daemon removes it when the attempt is over.
-        pollUntil(isCopied, "the daemon wrote no configuration");
-    });
-    require(client.answers().last().result.success, "the connect failed");
-    client.endTunnel();
-    return copy;
+    using vpncore::OvpnConnection;
+    const QString text =
+        configtext::generated(isUdp ? OvpnConnection::Udp : OvpnConnection::Tcp, server)
+            .replace(vpncore::MacPlatform::resourcesDir(),
+                     DaemonProcess::programFolder().replace("MacOS", "Resources"));
+    lab::writeFile("/tmp/configuration", configtext::written(text));
+    return "/tmp/configuration";
 }
 
 template<bool isUdp>
 Measurement connects()
 {
     const Daemon daemon(Openvpn::Real);
-    require(vpnlab::up(), "the OpenVPN servers could not be started");
+    needServers();
     const VpnServerInformation server = vpnlab::server();
     AttachedClient client;
-    const QString configuration = configurationFrom(client, server, isUdp);
+    const QString configuration = configurationFor(server, isUdp);
     Measurement found{{}, {}, kWorst};
     for (int n = 0; n < 30; ++n) {
         found.baseline.append(runBare(configuration).untilSuccess);
@@ -90,12 +77,12 @@ template<Openvpn openvpn>
 Measurement disconnects()
 {
     const Daemon daemon(openvpn);
-    require(openvpn != Openvpn::Real || vpnlab::up(), "the OpenVPN servers could not be started");
-    const VpnServerInformation server = openvpn == Openvpn::Real
-        ? vpnlab::server()
-        : standins::serverFor(QStringLiteral("prints-at-once-success"));
+    if (openvpn == Openvpn::Real)
+        needServers();
+    const VpnServerInformation server =
+        openvpn == Openvpn::Real ? vpnlab::server() : standins::serverFor("prints-at-once-success");
     AttachedClient client;
-    const QString configuration = configurationFrom(client, server, true);
+    const QString configuration = configurationFor(server);
     Measurement found{{}, {}, kWorst};
     for (int n = 0; n < 20; ++n) {
         found.baseline.append(runBare(configuration).untilEnd + runRestoreScript());
@@ -111,12 +98,11 @@ Measurement disconnectInAFlood()
     constexpr uid_t kUser = 501;
     constexpr uid_t kHostileUser = 502;
     const Daemon daemon;
-    std::vector<std::unique_ptr<AttachedClient>> hostile;
+    Clients hostile;
     {
         const lab::AsUser as(kHostileUser);
         require(as.isActive(), "this private root has one user only");
-        while (hostile.size() < 64)
-            hostile.push_back(std::make_unique<AttachedClient>());
+        hostile = attachedClients(64);
     }
     std::unique_ptr<AttachedClient> victim;
     {
@@ -124,19 +110,17 @@ Measurement disconnectInAFlood()
         victim = std::make_unique<AttachedClient>();
     }
 
-    Measurement found{{}, {}, QStringLiteral("the worst; median {measured:.1f} ms")};
+    Measurement found{{}, {}, "the worst; median {measured:.1f} ms"};
     for (int round = 0; round < 10; ++round) {
-        victim->connectTunnel(standins::serverFor(QStringLiteral("prints-at-once-success")));
-        const QString told =
-            QStringLiteral("%1 is told to end").arg(standins::openvpnStarts().last().pid);
+        victim->connectTunnel(standins::serverFor("prints-at-once-success"));
+        const QString told = QString("%1 is told to end").arg(standins::openvpnStarts().last().pid);
         for (const auto &client : hostile)
-            client->connectUdp(standins::serverFor(QStringLiteral("silent")));
+            client->connectUdp(standins::serverFor("silent"));
         QElapsedTimer timer;
         timer.start();
         victim->disconnectTunnel();
-        pollUntil(
-            [&] { return standins::stateLines(QStringLiteral("openvpn/journal")).contains(told); },
-            "openvpn is not told to end");
+        pollUntil([&] { return standins::stateLines("openvpn/journal").contains(told); },
+                  "openvpn is not told to end");
         found.samples.append(milliseconds(timer));
         for (const auto &client : hostile)
             client->disconnectTunnel();
