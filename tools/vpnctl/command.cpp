@@ -91,9 +91,9 @@ Command::Command(const Options &options, Report &report)
 
 Command::~Command() = default;
 
-void Command::reach()
+void Command::openMainSocket()
 {
-    open(m_main, shared::getIpcServiceUrl(), &Command::reached);
+    open(m_main, shared::getIpcServiceUrl(), &Command::opened);
 }
 
 void Command::openNewEndpoint()

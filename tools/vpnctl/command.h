@@ -44,40 +44,36 @@ public:
     /// Nobody gives input or takes output any more.
     virtual void hangUp() { stop(); }
 
-    /// @return whether the end of the standard input is to end the command.
-    virtual bool isTiedToInput() const { return false; }
-
 Q_SIGNALS:
     /// Comes once; nothing is printed after it.
     /// @param exitCode an ExitCode
     void finished(int exitCode);
 
 protected:
-    /// Goes as far as the main socket's interface, which leaves nothing behind in the daemon; then
-    /// comes reached().
-    void reach();
+    // One of these comes first, and opened() when it is done.
 
-    /// Has the daemon make an endpoint, reports its number and connects to it; then comes opened().
-    /// The endpoint lasts as long as the daemon.
+    /// Goes as far as the main socket's interface, which leaves nothing behind in the daemon.
+    void openMainSocket();
+
+    /// Has the daemon make an endpoint, reports its number and connects to it. The endpoint lasts
+    /// as long as the daemon.
     void openNewEndpoint();
 
-    /// Connects to an endpoint that is there; then comes opened().
+    /// Connects to an endpoint that is there.
     void openEndpoint(int endpoint);
 
     /// The daemon closes the connection at a longer frame than it allows, so check before opening.
     /// @throws Problem when the command @p message with the record @p server is too long.
     static void checkLength(const QString &message, const VpnServerInformation &server);
 
-    /// Sends a command as it stands, and awaits its answer. Call only after opened(), like
-    /// keepAlive().
+    /// Sends a command as it stands to the endpoint, and awaits its answer.
     void send(const QString &message, const VpnServerInformation &server = {});
 
     /// Calls the heartbeat, now and again and again. From the first one on the daemon takes the
     /// tunnel down when it hears none for 30 s, without an answer.
     void keepAlive();
 
-    virtual void reached() {}
-    virtual void opened() {}
+    virtual void opened() = 0;
 
     /// An answer on this endpoint, whoever gave the command. It may not be the awaited one.
     /// @param message JSON; commandOf() tells which command it is about.

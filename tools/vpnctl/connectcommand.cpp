@@ -80,8 +80,6 @@ public:
             close(m_phase == Phase::Holding ? ExitCode::Done : ExitCode::Interrupted);
     }
 
-    bool isTiedToInput() const override { return !m_options.detach; }
-
 private:
     enum class Phase { Opening, Connecting, Holding, Closing, Pausing };
 

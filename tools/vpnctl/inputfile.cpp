@@ -10,7 +10,7 @@ namespace vpnctl {
 
 QString readTextFile(const QString &path, const QString &what)
 {
-    constexpr int kMaxCharacters = 1'048'576;
+    constexpr int kMaxCharacters = 1'000'000;
     QFile file(path);
     QString text;
     if (file.open(QIODevice::ReadOnly)) {
@@ -21,7 +21,7 @@ QString readTextFile(const QString &path, const QString &what)
     if (file.error() != QFile::NoError)
         throw wrongUse(QString("Cannot read the %1 %2: %3.").arg(what, path, file.errorString()));
     if (text.size() > kMaxCharacters)
-        throw wrongUse(QString("The %1 %2 is too large; at most 1 MiB is read.").arg(what, path));
+        throw wrongUse(QString("The %1 %2 has more than a million characters.").arg(what, path));
     return text;
 }
 

@@ -4,7 +4,7 @@
 
 namespace vpnctl {
 
-/// Reads a whole file in UTF-8, of at most 1,048,576 characters: far more than any profile, record
+/// Reads a whole file in UTF-8, of at most a million characters: far more than any profile, record
 /// or chain of certificates. That keeps a wrong path, which may be that of a device without an end,
 /// from filling the memory.
 /// @param what it is, for the problem: "profile", for example.

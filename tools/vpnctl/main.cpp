@@ -95,7 +95,7 @@ int run(const Options &options, Report &report)
     QObject::connect(&report, &Report::outputClosed, command.get(), &Command::hangUp,
                      Qt::QueuedConnection);
     stopOnSignal(*command);
-    if (command->isTiedToInput())
+    if (options.command == Options::Command::Connect && !options.detach)
         hangUpAtInputEnd(*command);
     command->start();
     return QCoreApplication::exec();

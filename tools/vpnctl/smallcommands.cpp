@@ -19,11 +19,11 @@ public:
     {
         if (m_options.command == Options::Command::Status)
             reportObservation(m_report);
-        reach();
+        openMainSocket();
     }
 
 private:
-    void reached() override
+    void opened() override
     {
         const double milliseconds = std::round(answerArrived().count() * 1e6) / 1e3;
         m_report.print(

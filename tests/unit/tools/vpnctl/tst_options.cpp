@@ -88,6 +88,7 @@ private Q_SLOTS:
         QCOMPARE(narrow.simplified(), wide.simplified());
         for (const QString &line : narrow.section("Examples", 0, 0).split('\n'))
             QVERIFY2(line.size() <= 50, qPrintable(line));
+        QCOMPARE(wrapped("a bc defgh i", 4), "a bc\ndefgh\ni");
     }
 
     void bashOffersWhatFits_data()

@@ -144,14 +144,14 @@ private Q_SLOTS:
             "file lacks: cert, key.");
         row("--server file", "host: a", "file is not valid JSON: illegal value (at byte 1).");
         row("--server file", "[]", "file must hold one JSON object.");
-        row("file", QByteArray(1'048'577, '#'),
-            "The profile file is too large; at most 1 MiB is read.");
-        row("file", QByteArray(1'048'576, '#'), "file names no server: it has no \"remote\" line.");
+        row("file", QByteArray(1'000'001, '#'),
+            "The profile file has more than a million characters.");
+        row("file", QByteArray(1'000'000, '#'), "file names no server: it has no \"remote\" line.");
         row("file", QByteArray("\xff\xfer\0e\0m\0o\0t\0e\0 \0a\0", 18),
             "file lacks: ca, cert, key.");
         row("none", {}, "Cannot read the profile none: No such file or directory.");
         row("/", {}, "Cannot read the profile /: file to open is a directory.");
-        row("--server /dev/zero", {}, "The record /dev/zero is too large; at most 1 MiB is read.");
+        row("--server /dev/zero", {}, "The record /dev/zero has more than a million characters.");
     }
 
     void whereAConnectGoes()
