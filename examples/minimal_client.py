@@ -5,6 +5,7 @@ It asks for an endpoint, brings a tunnel up, keeps it for some seconds and takes
     minimal_client.py HOST UDP-PORT CA-FILE CERT-FILE KEY-FILE
 """
 import io
+import pathlib
 import select
 import socket
 import struct
@@ -120,13 +121,10 @@ class Connection:
 def main():
     if len(sys.argv) != 6:
         sys.exit("usage: minimal_client.py HOST UDP-PORT CA-FILE CERT-FILE KEY-FILE")
-    texts = []
-    for path in sys.argv[3:]:
-        try:
-            with open(path, encoding="latin-1") as file:
-                texts.append(file.read())
-        except OSError:
-            sys.exit("cannot read " + path)
+    try:
+        texts = [pathlib.Path(path).read_text("latin-1") for path in sys.argv[3:]]
+    except OSError as error:
+        sys.exit(f"cannot read {error.filename}")
     server = record(sys.argv[1], int(sys.argv[2]), *texts)
     try:
         ipc = Connection(MAIN_SOCKET, IPC)
