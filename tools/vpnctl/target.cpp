@@ -85,7 +85,7 @@ TargetList readTargets(const Options &options)
     if (!options.host.isEmpty())
         return fromHost(options);
     const bool isProfile = !options.configPath.isEmpty();
-    const TargetList list = isProfile ? fromProfile(options) : fromRecord(options);
+    TargetList list = isProfile ? fromProfile(options) : fromRecord(options);
     // The daemon's configuration always has all three, and openvpn does not start with an empty
     // one.
     QStringList missing;
