@@ -1,6 +1,7 @@
 #include "ipcserver.h"
 
 #include "client.h"
+#include "files.h"
 #include "ipcurls.h"
 #include "localserver.h"
 #include "logcapture.h"
@@ -53,8 +54,7 @@ private Q_SLOTS:
 
     void endpointIsSharedAndOutlivesItsClients()
     {
-        QFile stale(shared::getIpcProcessUrl(1)); // which is replaced
-        QVERIFY(stale.open(QIODevice::WriteOnly));
+        lab::writeFile(shared::getIpcProcessUrl(1), "stale"); // which is replaced
         const LogCapture log;
         const LocalServer server;
         auto first = std::make_unique<Client>();

@@ -69,12 +69,8 @@ private Q_SLOTS:
         LogCapture log;
         QScopedPointer<LocalServer> server(new LocalServer);
         QVERIFY(QFile(m_name).permissions() == QFile::Permissions(0x7777)); // every user's
-        std::array<std::unique_ptr<Client>, 3> clients;
-        for (int i = 0; i < 3; ++i) {
-            clients[i] = std::make_unique<Client>();
-            QVERIFY(clients[i]->attachToNewEndpoint());
-            QCOMPARE(clients[i]->endpoint(), i + 1);
-        }
+        Clients clients = attachedClients(3);
+        QCOMPARE(clients.back()->endpoint(), 3);
         QCOMPARE(log.count("LocalServer new connection"), 3);
         // A second publication of the same object would have brought Qt's warning.
         QCOMPARE(log.lines(QtWarningMsg), QStringList());
