@@ -2,7 +2,6 @@
 
 #include "ipcserver.h"
 
-#include <QtCore/QObject>
 #include <QtCore/QSharedPointer>
 #include <QtRemoteObjects/QRemoteObjectHost>
 
