@@ -207,6 +207,19 @@ private Q_SLOTS:
         }
     }
 
+    void newerCommandEndsAConnectThatRuns()
+    {
+        m_connection->onCall = [this] {
+            if (m_connection->calls.size() > 1)
+                return;
+            m_manager->vpn_command(kDisconnect, {});
+            QTRY_COMPARE(m_connection->calls.size(), 2);
+        };
+        m_manager->vpn_command(kConnectUdp, server());
+        QTRY_COMPARE(m_answers, (QStringList{kConnectAnswer, kDisconnectAnswer}));
+        QCOMPARE(m_connection->calls, (QStringList{"udp hostkey", "disconnect", "disconnect"}));
+    }
+
     void directCallInsideACommandNests()
     {
         m_connection->onCall = [this] {
