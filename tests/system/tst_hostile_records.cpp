@@ -48,7 +48,7 @@ class Run : public QProcess
 public:
     explicit Run(const QString &configText)
     {
-        const QString path = QString("%1/openvpn.%2.conf").arg(kFolder).arg(++s_count);
+        const QString path = kFolder + QString("/openvpn.conf");
         lab::writeFile(path, configtext::written(configText));
         setProcessChannelMode(MergedChannels);
         start("openvpn", {"--config", path});
@@ -74,11 +74,8 @@ public:
     const QByteArray &output() const { return m_output; }
 
 private:
-    static int s_count;
     QByteArray m_output;
 };
-
-int Run::s_count = 0;
 
 } // namespace
 
