@@ -41,12 +41,6 @@ void DaemonProcess::install(Openvpn openvpn)
         QFile::link(TALVEX_STANDIN_OPENVPN, program);
 }
 
-void DaemonProcess::setEnvironment(const QString &name, const QString &value)
-{
-    m_environment.insert(name, value);
-    m_process.setProcessEnvironment(m_environment);
-}
-
 bool DaemonProcess::startOnly()
 {
     QStringList command = m_wrapper;

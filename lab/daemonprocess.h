@@ -27,9 +27,6 @@ public:
     /// Puts something in front of the daemon's command line, for example "prlimit --nofile=256".
     void setWrapper(const QStringList &wrapper) { m_wrapper = wrapper; }
 
-    /// Sets a variable of the daemon's environment.
-    void setEnvironment(const QString &name, const QString &value);
-
     /// Waits some seconds until a daemon listens on its main socket.
     /// @return whether it does; false as soon as @p process, which is to be that daemon, has ended.
     static bool waitUntilItListens(QProcess &process);
@@ -66,7 +63,6 @@ private:
     void install(Openvpn openvpn);
 
     QProcess m_process;
-    QProcessEnvironment m_environment = QProcessEnvironment::systemEnvironment();
     QStringList m_wrapper;
     QByteArray m_log;
 };

@@ -115,7 +115,7 @@ QVector<Record> of(const QString &field, const VpnServerInformation &good,
         text.replace("DIRECTIVE", directive(records.size()));
         VpnServerInformation server = good;
         fieldOf(server, field) = text;
-        records.append({name, field, server, isInjection});
+        records.append({name, server, isInjection});
     };
     if (field == fields().first())
         addHostTricks(add, good);

@@ -13,7 +13,6 @@ namespace hostilerecords {
 struct Record
 {
     QString name; ///< the trick, in words
-    QString field; ///< the field that carries it
     VpnServerInformation server;
     /// Whether OpenVPN would read the directive if the field got into the configuration as it is.
     /// If not, the trick works on another reader, or with another conversion of the text.

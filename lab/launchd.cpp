@@ -23,12 +23,9 @@ LaunchdJob::LaunchdJob()
 {
     const DaemonProcess installed; // which is not started, but lies in its place
     QDir().mkpath("/var/log");
-    const QString support = "/Library/Application Support/Talvex VPN Service/";
-    QDir().mkpath(support);
-    const QString launcher = support + "Talvex VPN Service";
-    QFile::remove(launcher);
-    if (!QFile::copy(TALVEX_PACKAGING "/launcher", launcher))
-        qFatal("cannot make %s", qPrintable(launcher));
+    const QString launcher = "/Library/Application Support/Talvex VPN Service/Talvex VPN Service";
+    if (QProcess::execute("install", {"-D", TALVEX_PACKAGING "/launcher", launcher}) != 0)
+        qFatal("cannot install the launcher");
 }
 
 LaunchdJob::~LaunchdJob()

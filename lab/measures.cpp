@@ -2,6 +2,8 @@
 
 #include "files.h"
 
+#include <QtCore/QRegularExpression>
+
 #include <algorithm>
 #include <ctime>
 
@@ -12,14 +14,13 @@ namespace measures {
 namespace {
 
 /// @return the number behind @p field in a file of /proc/PID.
-qint64 numberIn(qint64 pid, const char *name, const QByteArray &field)
+qint64 numberIn(qint64 pid, const char *name, const QString &field)
 {
     const QString path = QString("/proc/%1/%2").arg(pid).arg(name);
-    const QByteArray text = '\n' + lab::contentOf(path);
-    const int found = text.indexOf('\n' + field + ':');
-    return found < 0
-        ? -1
-        : text.mid(found + field.size() + 2).simplified().split(' ').first().toLongLong();
+    const auto found =
+        QRegularExpression('^' + field + ":\\s*(\\d+)", QRegularExpression::MultilineOption)
+            .match(lab::contentOf(path));
+    return found.hasMatch() ? found.captured(1).toLongLong() : -1;
 }
 
 } // namespace
