@@ -52,6 +52,7 @@ private Q_SLOTS:
     void initTestCase()
     {
         QVERIFY(QDir::setCurrent(m_folder.path()));
+        QTextCodec::setCodecForLocale(QTextCodec::codecForName("ISO-8859-1")); // no file's
         lab::writeFile("c.crt", pemtexts::certificate().toLatin1());
         lab::writeFile("k.key", pemtexts::key().toLatin1());
     }
@@ -174,12 +175,12 @@ private Q_SLOTS:
         lab::writeFile("sub/our c.crt", certificate.toLatin1());
         lab::writeFile(
             "sub/r.json",
-            json("{'name':'Office','id':7,'info':'main','host':'a','udpPort':1,'tcpPort':2,"
+            json("{'name':'Büro','id':7,'info':'main','host':'a','udpPort':1,'tcpPort':2,"
                  "'ca':'"
                  + quoted(pemtexts::certificate()) + "','cert':'our c.crt','key':'"
                  + quoted(pemtexts::key()) + "'}"));
         const VpnServerInformation record = readServerRecord("sub/r.json");
-        QCOMPARE(record.name + record.info, "Officemain");
+        QCOMPARE(record.name + record.info, "Büromain");
         QCOMPARE(record.id, 7);
         QCOMPARE(record.ca, pemtexts::certificate());
         QCOMPARE(record.cert, certificate);
