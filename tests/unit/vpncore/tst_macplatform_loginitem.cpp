@@ -104,7 +104,7 @@ private Q_SLOTS:
         standins::writeTool("/tmp/bin/osascript", "echo TalvexVPN\nexec sleep 120\n");
         qputenv("PATH", "/tmp/bin:" + searchPath);
         vpncore::MacPlatformLimits limits;
-        limits.listing = 0s; // so that one second has to go by
+        limits.listing = std::chrono::seconds(0); // so that one second has to go by
         QElapsedTimer timer;
         timer.start();
         const bool isRunOnStart = MacPlatform(limits).isRunOnStart();

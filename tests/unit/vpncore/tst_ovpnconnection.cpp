@@ -56,8 +56,9 @@ constexpr qint64 kSoonMs = 10'000;
 OvpnLimits patient(std::initializer_list<std::pair<Limit, int>> shortened = {})
 {
     OvpnLimits limits;
-    limits.poll = 10ms;
-    limits.firstOutput = limits.attempt = limits.request = limits.terminate = limits.start = 30s;
+    limits.poll = std::chrono::milliseconds(10);
+    limits.firstOutput = limits.attempt = limits.request = limits.terminate = limits.start =
+        std::chrono::seconds(30);
     for (const auto &[limit, ms] : shortened)
         limits.*limit = std::chrono::milliseconds(ms);
     return limits;
@@ -175,9 +176,9 @@ private Q_SLOTS:
         // What counts of several reasons that have come about when the first wait is over.
         OvpnLimits several = patient({{&OvpnLimits::poll, 60}, {&OvpnLimits::firstOutput, 20}});
         row("silence before the program's end", "exit 1", several, kNoResponse);
-        several.attempt = 30ms;
+        several.attempt = std::chrono::milliseconds(30);
         row("attempt before silence", kSilent, several, timeOut);
-        several.firstOutput = 30s;
+        several.firstOutput = std::chrono::seconds(30);
         row("attempt before the program's end", "exit 1", several, timeOut);
     }
 

@@ -98,7 +98,7 @@ private Q_SLOTS:
     {
         for (const bool detach : {false, true}) {
             const Daemon daemon;
-            m_options.limits.heartbeatPeriod = 50ms;
+            m_options.limits.heartbeatPeriod = std::chrono::milliseconds(50);
             m_options.detach = detach;
             begin();
             QTRY_VERIFY(detach ? m_finished == ExitCode::Done : daemon.heartbeats >= 5);
