@@ -47,7 +47,7 @@ double processorTimeOf(qint64 pid, const std::function<void()> &work)
 
 double memoryOf(qint64 pid, const char *field)
 {
-    const qint64 memory = measures::memoryKiB(pid, field);
+    const qint64 memory = measures::statusOf(pid, field, "smaps_rollup");
     require(memory >= 0, "the memory of the program could not be read");
     return static_cast<double>(memory);
 }

@@ -46,7 +46,7 @@ void require(bool holds, const char *text);
 /// @return the milliseconds of processor time that a process uses while @p work is done.
 double processorTimeOf(qint64 pid, const std::function<void()> &work);
 
-/// As measures::memoryKiB(), of a program that has not ended.
+/// @return the KiB of the field "Rss" or "Pss", of a program that has not ended.
 double memoryOf(qint64 pid, const char *field);
 
 double milliseconds(const QElapsedTimer &timer);

@@ -54,7 +54,7 @@ public:
     QStringList linesWith(const QString &start);
 
     /// @return resident memory in KiB.
-    qint64 residentKiB() const { return measures::statusOf(pid(), "VmRSS"); }
+    qint64 residentKiB() const { return measures::statusOf(pid(), QStringLiteral("VmRSS")); }
 
     /// @return the number of open descriptors.
     int descriptors() const;

@@ -11,28 +11,12 @@
 
 namespace measures {
 
-namespace {
-
-/// @return the number behind @p field in a file of /proc/PID.
-qint64 numberIn(qint64 pid, const char *name, const QString &field)
+qint64 statusOf(qint64 pid, const QString &field, const QString &file)
 {
-    const QString path = QString("/proc/%1/%2").arg(pid).arg(name);
     const auto found =
         QRegularExpression('^' + field + ":\\s*(\\d+)", QRegularExpression::MultilineOption)
-            .match(lab::contentOf(path));
+            .match(lab::contentOf(QString("/proc/%1/%2").arg(pid).arg(file)));
     return found.hasMatch() ? found.captured(1).toLongLong() : -1;
-}
-
-} // namespace
-
-qint64 statusOf(qint64 pid, const char *field)
-{
-    return numberIn(pid, "status", field);
-}
-
-qint64 memoryKiB(qint64 pid, const char *field)
-{
-    return numberIn(pid, "smaps_rollup", field);
 }
 
 bool growsByLess(qint64 beforeKiB, qint64 nowKiB, qint64 limitKiB)

@@ -1,21 +1,17 @@
 #pragma once
 
-#include <QtCore/QtGlobal>
+#include <QtCore/QString>
 
 #include <sys/resource.h>
 
 /// Figures of processes, and what the tests need to take them.
 namespace measures {
 
-/// @param field of /proc/PID/status, for example "VmRSS", or "VmStk" for how far the stack has
-/// grown.
+/// @param field of a file of /proc/PID, for example "VmRSS", or "VmStk" for how far the stack has
+///              grown, or in "smaps_rollup" "Pss" for memory in which each page is divided by the
+///              number of processes that share it.
 /// @return its value, memory in KiB; -1 when there is none.
-qint64 statusOf(qint64 pid, const char *field);
-
-/// @param field "Rss", or "Pss" for memory in which each page is divided by the number of processes
-///              that share it.
-/// @return KiB; -1 when the process has ended.
-qint64 memoryKiB(qint64 pid, const char *field);
+qint64 statusOf(qint64 pid, const QString &field, const QString &file = QStringLiteral("status"));
 
 /// @return whether resident memory has grown by less than @p limitKiB, always true with the
 ///         sanitizers, which keep freed memory back; prints by how much.
