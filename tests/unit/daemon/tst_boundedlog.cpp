@@ -136,6 +136,8 @@ private Q_SLOTS:
         QCOMPARE(content(), kNotice + kept + "line 1\n");
     }
 
+    void usualLimit() { QCOMPARE(kMaxLogBytes, 33'554'432); }
+
     void pipeIsLeftAlone()
     {
         int ends[2];
