@@ -82,6 +82,8 @@ private:
                     m_answers.append(text);
                     m_results.append(result);
                 });
+        connect(m_manager.data(), &ServiceInterfaceManager::finished, this,
+                [this] { m_answers.append("nobody awaits this"); });
     }
 
     /// @return the watch over the client, the only timer.

@@ -28,6 +28,7 @@ private:
 private Q_SLOTS:
     void initTestCase()
     {
+        QVERIFY(!m_logFile); // until somebody opens one
         // A time zone in which local time is not UTC.
         qputenv("TZ", "XXT-05:30");
         tzset();

@@ -1,9 +1,12 @@
 #include "iplatform.h"
 
+#include "iovpnconnection.h"
+
 #include <QtTest/QtTest>
 
 #include <cstring>
 
+using vpncore::IOvpnConnection;
 using vpncore::IPlatform;
 
 namespace {
@@ -44,6 +47,12 @@ private Q_SLOTS:
         QCOMPARE(slotOf(&IPlatform::turnOnNetDevices), 14);
         QVERIFY(!std::has_virtual_destructor_v<IPlatform>);
         QCOMPARE(sizeof(IPlatform), sizeof(void *)); // no data
+
+        QVERIFY(std::has_virtual_destructor_v<IOvpnConnection>);
+        const int first = slotOf(&IOvpnConnection::connectUdp); // after those of the destructor
+        QVERIFY(first > 1);
+        QCOMPARE(slotOf(&IOvpnConnection::connectTcp), first + 1);
+        QCOMPARE(slotOf(&IOvpnConnection::disconnect), first + 2);
     }
 };
 

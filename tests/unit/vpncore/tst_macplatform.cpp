@@ -52,7 +52,7 @@ class MacPlatformTest : public QObject
     Q_OBJECT
 
 private:
-    int run(const QString &command, int timeout = 10)
+    int run(const QString &command, int timeout = std::numeric_limits<int>::max())
     {
         m_timer.start();
         return MacPlatform::runProcess(command, timeout, m_output);

@@ -33,6 +33,9 @@ class TestOvpnConnectionText : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
+    /// In which a number has dots between its thousands, unless it is written for a machine.
+    void initTestCase() { QLocale::setDefault(QLocale(QLocale::German, QLocale::Germany)); }
+
     void templateIsFilled_data()
     {
         QTest::addColumn<ConnectionType>("type");
@@ -42,6 +45,7 @@ private Q_SLOTS:
         QTest::newRow("TCP") << kTcp << 0 << "tcp" << 443;
         QTest::newRow("UDP") << kUdp << 1 << "udp" << 1194;
         QTest::newRow("neither is UDP with the TCP port") << other() << 2 << "udp" << 443;
+        QTest::newRow("lowest port") << kUdp << 1 << "udp" << std::numeric_limits<qint32>::min();
     }
 
     void templateIsFilled()
@@ -55,8 +59,8 @@ private Q_SLOTS:
         server.ca = "CA\n";
         server.cert = "CERT";
         server.key = "KEY %1";
-        server.udpPort = 1194;
-        server.tcpPort = 443;
+        server.udpPort = server.tcpPort = 1;
+        (type == kUdp ? server.udpPort : server.tcpPort) = port;
         QString expected = vpncore::ovpnTemplate();
         expected.replace("%1", protocol).replace("%2", server.host).replace("%3", server.ca);
         expected.replace("%4", server.cert).replace("%5", server.key);
