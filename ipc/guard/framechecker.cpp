@@ -53,7 +53,9 @@ bool readsArgument(QDataStream &stream, int expectedType)
     if (isUserType) {
         QByteArray name; // with its final zero
         stream >> name;
-        if (name != QByteArray(QMetaType::typeName(expectedType)) + '\0')
+        const char *expectedName = QMetaType::typeName(expectedType);
+        if (name.size() != static_cast<int>(qstrlen(expectedName)) + 1
+            || qstrcmp(name.constData(), expectedName) != 0)
             return false;
     }
     QVariant value(expectedType, nullptr);
