@@ -115,6 +115,21 @@ private Q_SLOTS:
         for (const auto &client : clients)
             QCOMPARE(client->answers().size(), 1);
     }
+
+    /// Last, since networksetup stays as it is then.
+    void networksetupThatHangsHoldsUpTheStartForTenSeconds()
+    {
+        lab::resetPrivateRoot();
+        standins::wrapNetworksetup("exec sleep 120\n");
+        DaemonProcess daemon;
+        QElapsedTimer timer;
+        timer.start();
+        QVERIFY(daemon.startOnly());
+        QTRY_COMPARE_WITH_TIMEOUT(daemon.count("check DNS result  true"), 1, 30'000);
+        QVERIFY2(timer.elapsed() >= 10'000 && timer.elapsed() < 14'000,
+                 qPrintable(QString::number(timer.elapsed())));
+        QTRY_VERIFY(Client().connectToMainSocket());
+    }
 };
 
 QTEST_GUILESS_MAIN(TestLimits)
