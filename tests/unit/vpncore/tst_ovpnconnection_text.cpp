@@ -76,6 +76,7 @@ private Q_SLOTS:
         auto type = kTcp;
         QString text = "previous content";
         const OperationResult result = OvpnConnection().generateConfigText(type, {}, text);
+        QCOMPARE(type, kTcp);
         QCOMPARE(result.code, 1);
         QCOMPARE(result.success, true);
         QCOMPARE(result.message, QString());
