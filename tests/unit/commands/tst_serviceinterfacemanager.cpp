@@ -173,6 +173,10 @@ private Q_SLOTS:
         row("{'type':'openvpn','cmd':'ovpnUdp'}", "", "openvpn", {"result params  \"ovpnUdp\""});
         row("{'type':'connect','cmd':'disconnect'}", "", "connect", {"Connect cmd \"disconnect\""});
         row("{'type':'connect','cmd':'OVPNUDP'}", "", "connect", {"Connect cmd \"OVPNUDP\""});
+        row("{'type':'connect','cmd':'OVPNTCP'}", "", "connect", {"Connect cmd \"OVPNTCP\""});
+        row("{'type':'openvpn','cmd':'Disconnect'}", "", "openvpn",
+            {"result params  \"Disconnect\""});
+        row("{'type':'Connect','cmd':'ovpnUdp'}", "", "Connect");
         row("{'type':'connect','cmd':7}", "", "connect", {"Connect cmd \"\""});
         row("{'type':'connect'}", "", "connect", {"Connect cmd \"\""});
         row("{'type':'OpenVPN','cmd':'disconnect'}", "", "OpenVPN");

@@ -61,11 +61,14 @@ private Q_SLOTS:
         row("[SUCCESS] Peer Connection Initiated with [AF_INET]192.0.2.2\n", kUndecided);
     }
 
-    /// In one piece, byte by byte, and cut anywhere in two.
+    /// In one piece, byte by byte, cut anywhere in two, and before its last line is complete.
     void outputIsJudged()
     {
         QFETCH(int, verdict);
         const QByteArray text = QTest::currentDataTag();
+        OpenvpnOutput incomplete;
+        incomplete.add(text.trimmed());
+        QCOMPARE(verdictOf(incomplete), verdict);
         OpenvpnOutput bytewise;
         for (int cut = 0; cut < text.size(); ++cut) {
             OpenvpnOutput output;

@@ -318,7 +318,8 @@ private Q_SLOTS:
     void programThatCannotBeStartedFailsAtOnce()
     {
         mount({"--bind", "/etc/passwd"}, programPath());
-        QCOMPARE(connectTo({}).message, kCannotStart);
+        const lab::Translation translation(kCannotStart, "as in every language");
+        QCOMPARE(connectTo({}).message, QString("as in every language"));
         QCOMPARE(m_log->lines().filter("openvpn state"), QStringList());
         QCOMPARE(temporaryFiles(), QStringList());
     }

@@ -91,12 +91,13 @@ private Q_SLOTS:
         const auto row = [](const char *text, ConnectionType type, const QString &expected) {
             QTest::newRow(text) << type << expected;
         };
-        row("proto udp\nverb 1\nproto udp\n", kTcp, "proto tcp\nverb 1\nproto tcp\n");
-        row("proto tcp\n#proto tcp-client", kUdp, "proto udp\n#proto udp-client");
+        row("proto udp\nproto UDP\nproto udp\n", kTcp, "proto tcp\nproto UDP\nproto tcp\n");
+        row("proto tcp\nproto TCP\n#proto tcp-client", kUdp,
+            "proto udp\nproto TCP\n#proto udp-client");
         row("proto tcp\nproto udp\n", kTcp, "proto tcp\nproto tcp\n");
         for (const char *text : {"proto tcp\n", "proto  udp\nproto\tudp\n", "proto UDP\n", "\n"})
             row(text, kTcp, text);
-        row("proto udp\n", kUdp, "proto udp\n");
+        row("proto udp\nproto TCP\n", kUdp, "proto udp\nproto TCP\n");
         row("proto udp\nproto tcp\n", other(), "proto udp\nproto tcp\n");
     }
 
