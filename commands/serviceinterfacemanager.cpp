@@ -23,6 +23,14 @@ const QLatin1String kDisconnect("disconnect");
 const QLatin1String kOvpnTcp("ovpnTcp");
 const QLatin1String kOvpnUdp("ovpnUdp");
 
+/// Keeps a connection whose tunnel stays up without its manager, until the process ends.
+void keepTunnel(std::unique_ptr<vpncore::OvpnConnection> connection)
+{
+    // Never destroyed, since that would end the tunnels in it.
+    static auto *const tunnels = new std::vector<std::unique_ptr<vpncore::OvpnConnection>>;
+    tunnels->push_back(std::move(connection));
+}
+
 } // namespace
 
 ServiceInterfaceManager::ServiceInterfaceManager(const QSharedPointer<CommandTotals> &totals,
@@ -59,11 +67,8 @@ ServiceInterfaceManager::ServiceInterfaceManager(vpncore::IOvpnConnection *conne
 ServiceInterfaceManager::~ServiceInterfaceManager()
 {
     livenessTimer->stop();
-    if (ownConnection && ownConnection->hasProcess()) {
-        // Never destroyed, since that would end the tunnels in it.
-        static auto *const tunnels = new std::vector<std::unique_ptr<vpncore::OvpnConnection>>;
-        tunnels->push_back(std::move(ownConnection));
-    }
+    if (ownConnection && ownConnection->hasProcess())
+        keepTunnel(std::move(ownConnection));
 }
 
 void ServiceInterfaceManager::vpn_command(const QString &message,
