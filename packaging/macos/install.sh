@@ -4,7 +4,7 @@
 # Usage: sudo packaging/macos/install.sh STAGE
 #
 # STAGE is where "cmake --install BUILD --component daemon --prefix STAGE" has put the bundle. Libraries
-# that have been added in its Contents/Frameworks are installed with it.
+# that have been added in its Contents/Frameworks/talvexvpnd are installed with it.
 #
 # Everything is copied beside what is there before the daemon is stopped, and only renamed afterwards. When
 # something fails, what was there comes back, and runs.
@@ -34,23 +34,6 @@ failIfLinksLeave() {
     done < <(find "$1" -type l)
 }
 
-isListed() { grep -Fqx -e "$1" "$frameworksList" 2>/dev/null; }
-
-# The programs look for libraries there, whoever brought them.
-checkFrameworks() {
-    local library
-    if [[ -d $frameworks ]]; then
-        failIfWritable "$frameworks"
-        failIfLinksLeave "$frameworks"
-    fi
-    [[ -d $staged/Frameworks ]] || return 0
-    failIfLinksLeave "$staged/Frameworks"
-    for library in "$staged"/Frameworks/*; do
-        [[ ! -e $frameworks/${library##*/} ]] || isListed "${library##*/}" ||
-            fail "the application has a ${library##*/} of its own; take yours out of $staged/Frameworks"
-    done
-}
-
 makeFolder() {
     [[ ! -d $1 ]] || return 0
     makeFolder "${1%/*}"
@@ -71,23 +54,12 @@ prepare() {
     [[ $# -eq 1 ]] || install -o 0 -g 0 -m "$2" "$3" "$1$new"
 }
 
-prepareFrameworks() {
-    local name library
-    # The list goes first, so that what is half installed can be removed.
-    prepare "$frameworksList"
-    for name in ${listed[@]+"${listed[@]}"}; do
-        [[ -e $staged/Frameworks/$name ]] || prepare "$frameworks/$name"
-    done
-    [[ -d $staged/Frameworks ]] || return 0
-    makeFolder "$frameworks"
-    install -o 0 -g 0 -m 644 /dev/null "$frameworksList$new"
-    for library in "$staged"/Frameworks/*; do
-        name=${library##*/}
-        echo "$name" >>"$frameworksList$new"
-        prepare "$frameworks/$name"
-        cp -RP "$library" "$frameworks/$name$new"
-        chmod -R u=rwX,go=rX "$frameworks/$name$new"
-    done
+prepareLibraries() {
+    prepare "$libraries"
+    [[ -d $stagedLibraries ]] || return 0
+    makeFolder "${libraries%/*}"
+    cp -RP "$stagedLibraries" "$libraries$new"
+    chmod -R u=rwX,go=rX "$libraries$new"
 }
 
 prepareAll() {
@@ -96,7 +68,7 @@ prepareAll() {
         makeFolder "$folder"
     done
     for program in "${programs[@]}"; do prepare "$contents/$program" 755 "$staged/$program"; done
-    prepareFrameworks
+    prepareLibraries
     prepare "$launcher" 755 "$here/launcher"
     prepare "$support/update_conf_down" 755 "$staged/Resources/update_conf_down"
     prepare "$support/uninstall.sh" 755 "$here/uninstall.sh"
@@ -153,13 +125,13 @@ finish() {
 [[ $# -eq 1 ]] || fail "usage: install.sh STAGE"
 ((EUID == 0)) || fail "this needs root: sudo $0 $*"
 readonly staged="$1/Talvex VPN.app/Contents"
+readonly stagedLibraries="$staged/${libraries#"$contents/"}"
 readonly programs=(MacOS/talvexvpnd MacOS/openvpn Resources/update_conf_up Resources/update_conf_down)
 for program in "${programs[@]}"; do
     [[ -x $staged/$program ]] || fail "there is no program $staged/$program"
 done
 checkFolders
-readFrameworksList
-checkFrameworks
+[[ ! -d $stagedLibraries ]] || failIfLinksLeave "$stagedLibraries"
 
 trap finish EXIT
 trap 'exit 1' HUP INT TERM

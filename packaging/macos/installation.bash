@@ -5,9 +5,8 @@
 
 readonly app="/Applications/Talvex VPN.app"
 readonly contents="$app/Contents"
-readonly frameworks="$contents/Frameworks"
-# The names in Frameworks that come from here and not from the application, one a line.
-readonly frameworksList="$contents/Resources/talvexvpnd.frameworks"
+# Where the programs look for libraries first; the application keeps its own one folder above.
+readonly libraries="$contents/Frameworks/talvexvpnd"
 # Outside the application, so that it is there when the application has gone.
 readonly support="/Library/Application Support/Talvex VPN Service"
 readonly launcher="$support/Talvex VPN Service"
@@ -51,16 +50,12 @@ removeSockets() {
 # Ends the openvpn of the daemon as a disconnect does, so that it gives the DNS settings back. What has
 # not ended then, launchd ends with the job.
 endTunnels() {
-    local daemon parent process name tries=75 openvpns=()
+    local daemon tries=75
     daemon=$(launchctl print "$job" 2>/dev/null | sed -n 's/^[[:space:]]*pid = //p') || return 0
     daemon=${daemon%%$'\n'*}
     [[ -n $daemon ]] || return 0
-    while read -r parent process name; do
-        [[ $parent != "$daemon" || ${name##*/} != openvpn ]] || openvpns+=("$process")
-    done < <(ps -axo ppid= -o pid= -o comm=)
-    ((${#openvpns[@]})) || return 0
-    kill "${openvpns[@]}" 2>/dev/null || true
-    while ((tries-- > 0)) && kill -0 "${openvpns[@]}" 2>/dev/null; do sleep 0.2; done
+    pkill -P "$daemon" -x openvpn || return 0
+    while ((tries-- > 0)) && pgrep -P "$daemon" -x openvpn >/dev/null; do sleep 0.2; done
 }
 
 # failIfWritable PATH [OPTION-OF-FIND]...: fails when others than root may change what find finds.
@@ -75,21 +70,8 @@ runs is root. To make the application root's: sudo chown -R root:wheel \"$app\";
 # /Applications, so they can put another bundle there; but they may become root anyway.)
 checkFolders() {
     local folder
-    for folder in "$app" "$contents" "$contents/MacOS" "$contents/Resources" "$frameworks" "$support"; do
+    for folder in "$app" "$contents" "$contents"/{MacOS,Resources,Frameworks} "$libraries" "$support"; do
         [[ ! -L $folder ]] || fail "$folder is a link and not a folder"
         [[ ! -d $folder ]] || failIfWritable "$folder" -prune
     done
-}
-
-# Sets the array "listed" to the names in Frameworks that come from an earlier installation.
-readFrameworksList() {
-    local name
-    listed=()
-    [[ -e $frameworksList ]] || return 0
-    while IFS= read -r name; do
-        case $name in
-            "" | . | .. | */*) fail "\"$name\" in $frameworksList is no name; remove the line" ;;
-        esac
-        listed+=("$name")
-    done <"$frameworksList"
 }

@@ -31,19 +31,16 @@ was removed. Put them right by hand, remove the files in $data, and start this a
 }
 
 removeAll() {
-    local path name
-    for name in ${listed[@]+"${listed[@]}"}; do
-        rm -rf "${frameworks:?}/${name:?}" "${frameworks:?}/$name$new" "${frameworks:?}/$name$old"
-    done
-    for path in "$daemonPlist" "$restorePlist" "$log" "$frameworksList" \
-        "$contents"/MacOS/{talvexvpnd,openvpn} "$contents"/Resources/update_conf_{up,down} \
+    local path
+    for path in "$daemonPlist" "$restorePlist" "$log" "$libraries" "$contents"/MacOS/{talvexvpnd,openvpn} \
+        "$contents"/Resources/update_conf_{up,down} \
         "$launcher" "$support"/{update_conf_down,uninstall.sh,installation.bash}; do
-        rm -f "$path" "$path$new" "$path$old"
+        rm -rf "$path" "$path$new" "$path$old"
     done
     removeSockets
     rm -rf "${data%/*}"
     # Only where nothing else is in them.
-    rmdir "$contents/MacOS" "$contents/Resources" "$frameworks" "$support" 2>/dev/null || true
+    rmdir "$contents"/{MacOS,Resources,Frameworks} "$support" 2>/dev/null || true
     rmdir "$contents" "$app" 2>/dev/null || true
 }
 
@@ -52,7 +49,6 @@ main() {
     [[ $# -eq 0 ]] || fail "usage: uninstall.sh"
     ((EUID == 0)) || fail "this needs root: sudo $0"
     checkFolders
-    readFrameworksList
     endTunnels
     stopJob "$restoreJob"
     stopJob "$job"
