@@ -68,7 +68,7 @@ private Q_SLOTS:
                 const auto match = calls.next();
                 const QString event = match.captured(1);
                 const QString entry =
-                    manual.section("\n**" + event + "**\n", 1).section("\n\n", 0, 0);
+                    manual.section("\n- **" + event + "**:", 1).section("\n- ", 0, 0);
                 QVERIFY2(!entry.isEmpty(), qPrintable(event));
                 for (auto matches = key.globalMatch(match.captured(2)); matches.hasNext(); ++keys) {
                     const QString name = matches.next().captured(1);
