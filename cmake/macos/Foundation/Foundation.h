@@ -6,44 +6,27 @@
 
 #include <objc/NSObject.h>
 
-#include <stdarg.h>
-#include <stddef.h>
-#include <stdint.h>
-#include <stdio.h>
-
 #pragma clang assume_nonnull begin
 
 @interface NSString : NSObject
-
 + (nullable instancetype)stringWithUTF8String:(const char *)nullTerminatedCString;
 @property(nullable, readonly) const char *UTF8String;
-
 @end
 
 @interface NSDictionary<KeyType, ObjectType> : NSObject
-
 + (instancetype)dictionary;
-
 @end
 
 @interface NSAppleEventDescriptor : NSObject
-
 @property(nullable, readonly, copy) NSString *stringValue;
-
 @end
 
 @interface NSAppleScript : NSObject
-
 - (nullable instancetype)initWithSource:(NSString *)source;
 - (NSAppleEventDescriptor *)executeAndReturnError:
     (NSDictionary<NSString *, id> *_Nullable *_Nullable)errorInfo;
-
 @end
 
-#if defined(__cplusplus)
-extern "C"
-#endif
-    void
-    NSLog(NSString *format, ...) __attribute__((format(__NSString__, 1, 2)));
+extern "C" void NSLog(NSString *format, ...) __attribute__((format(__NSString__, 1, 2)));
 
 #pragma clang assume_nonnull end
