@@ -19,10 +19,10 @@ private Q_SLOTS:
         const LogCapture log;
         bool fired = false;
         QTimer::singleShot(0, this, [&fired] { fired = true; });
-        // Bash's own words, UTF-8, standard error, and a status.
+        // Standard error, bash's own words, UTF-8, and a status.
         QCOMPARE(
             runBashScript(
-                "a=(1 2); printf \"${a[1]}gr\\303\\274n\\n\\0after\"; echo error >&2; exit 3", 10s),
+                "echo error >&2; a=(1 2); printf \"${a[1]}gr\\303\\274n\\n\\0after\"; exit 3", 10s),
             "2gr\u00fcn\n");
         QCOMPARE(log.lines(), QStringList("\"2gr\u00fcn\\n\""));
         QVERIFY(!fired); // events wait meanwhile
