@@ -296,20 +296,22 @@ private Q_SLOTS:
     }
 
     /// With its real connection, and the stand-in for openvpn.
-    void tunnelOutlivesItsManager()
+    void managerThatGoesDisconnectsNothing()
     {
         lab::resetPrivateRoot();
         const LogCapture log;
         QObject parent;
-        auto *manager =
-            new ServiceInterfaceManager(QSharedPointer<CommandTotals>::create(), 501, &parent);
-        QCOMPARE(manager->parent(), &parent);
-        manager->parseVpnCmd(kConnectUdp, standins::serverFor("prints-at-once-success"));
-        QCOMPARE(standins::runningOpenvpns(), 1);
-        delete manager;
-        QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
-        QCOMPARE(standins::runningOpenvpns(), 1);
-        QCOMPARE(log.count("result output  true"), 0);
+        for (const char *played : {"succeed", "echo ERROR; exit"}) { // by itself
+            auto *manager =
+                new ServiceInterfaceManager(QSharedPointer<CommandTotals>::create(), 501, &parent);
+            QCOMPARE(manager->parent(), &parent);
+            manager->parseVpnCmd(kConnectUdp, standins::serverThatPlays(played));
+            QTRY_COMPARE(standins::runningOpenvpns(), 1);
+            delete manager;
+            QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+            QCOMPARE(standins::runningOpenvpns(), 1);
+            QCOMPARE(log.count("result output  true"), 0);
+        }
     }
 };
 
