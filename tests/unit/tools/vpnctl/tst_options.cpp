@@ -104,8 +104,8 @@ private Q_SLOTS:
         row("connect --de", "--detach");
         row("raw x --e", "--endpoint");
         row("raw --timeout ", "");
-        row("connect scripts/packages.", "scripts/packages.txt");
-        row("connect --json --ca scripts/packages.", "scripts/packages.txt");
+        row("connect docs/packages.", "docs/packages.txt");
+        row("connect --json --ca docs/packages.", "docs/packages.txt");
     }
 
     void bashOffersWhatFits()
