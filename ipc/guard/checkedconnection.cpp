@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 #include <unistd.h>
 
@@ -151,7 +152,7 @@ void CheckedConnection::checkIncoming()
     const QByteArray arrived = m_socket->readAll();
     if (m_isRefused)
         return;
-    const QByteArray checked = m_checker.check(arrived);
+    QByteArray checked = m_checker.check(arrived);
     if (!m_checker.violation().isEmpty()) {
         refuse(m_checker.violation());
         return;
@@ -159,8 +160,9 @@ void CheckedConnection::checkIncoming()
     limitHeldBytes();
     if (m_isRefused || checked.isEmpty())
         return;
-    m_readable += checked;
-    if (checked.size() > guard::kMaxKeptBytes)
+    const bool isLong = checked.size() > guard::kMaxKeptBytes;
+    m_readable += std::exchange(checked, {}); // shared with nobody, so that reading copies it once
+    if (isLong)
         m_readable += callOfNothing();
     // Slots are called from within.
     const QScopedValueRollback<std::optional<quint32>> reading(readUser, m_user);

@@ -8,6 +8,7 @@
 #include <QtCore/QtEndian>
 #include <QtRemoteObjects/qtremoteobjectglobal.h>
 
+#include <cstring>
 #include <utility>
 
 namespace {
@@ -85,7 +86,7 @@ QByteArray FrameChecker::check(const QByteArray &bytes)
             m_violation = QStringLiteral("a frame of %1 bytes is too long").arg(size);
         else if (static_cast<quint32>(m_unfinished.size() - checked - kLengthBytes) < size)
             break;
-        else
+        else if (!isUsual(start + kLengthBytes, size))
             m_violation =
                 violationOf(QByteArray::fromRawData(start + kLengthBytes, static_cast<int>(size)));
         if (!m_violation.isEmpty()) {
@@ -99,12 +100,16 @@ QByteArray FrameChecker::check(const QByteArray &bytes)
     return std::exchange(m_unfinished, rest);
 }
 
+bool FrameChecker::isUsual(const char *frame, quint32 size) const
+{
+    return size > 0 && size == static_cast<quint32>(m_usual.size())
+        && std::memcmp(frame, m_usual.constData(), size) == 0;
+}
+
 /// QDataStream believes no length: it reads texts in steps, and stops where the frame ends. So a
 /// text that says to have 4 GiB costs one step of 2 MiB at most, which is given back at once.
 QString FrameChecker::violationOf(const QByteArray &frame)
 {
-    if (!frame.isEmpty() && frame == m_usual)
-        return {};
     QDataStream stream(frame);
     stream.setVersion(QDataStream::Qt_5_12); // as Remote Objects
     quint16 type = 0;

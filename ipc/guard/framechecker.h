@@ -34,6 +34,7 @@ public:
     QString violation() const { return m_violation; }
 
 private:
+    bool isUsual(const char *frame, quint32 size) const;
     QString violationOf(const QByteArray &frame);
     QString problemOf(quint16 type, QDataStream &stream);
     QString problemOfInvoke(QDataStream &stream) const;
