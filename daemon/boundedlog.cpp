@@ -14,7 +14,6 @@ namespace {
 qint64 maxLogBytes = 0;
 QtMessageHandler writeMessage = nullptr;
 qint64 unseenBytes = 0; ///< written since the last look at the file's size, at most
-qint64 maxUnseenBytes = 0; ///< before the next look, which costs a fifth of a short line
 
 /// @return a name for the file behind standard error, whose descriptor need not be for reading.
 QString nameOfStandardError()
@@ -38,12 +37,19 @@ QByteArray newestLines(qint64 size)
     return log.readAll();
 }
 
+/// How much may be written before the file's size is looked at again. A look costs a fifth of a
+/// short line.
+qint64 maxUnseenBytes()
+{
+    return maxLogBytes / 256;
+}
+
 /// Makes room for @p bytes more, and for what is written before the next look.
 void makeRoom(qint64 bytes)
 {
     struct stat status = {};
     if (::fstat(STDERR_FILENO, &status) != 0
-        || status.st_size + bytes + maxUnseenBytes <= maxLogBytes)
+        || status.st_size + bytes + maxUnseenBytes() <= maxLogBytes)
         return;
     const QByteArray kept = newestLines(status.st_size);
     if (::ftruncate(STDERR_FILENO, 0) != 0)
@@ -60,7 +66,7 @@ void writeWithinLimit(QtMsgType type, const QMessageLogContext &context, const Q
     // A UTF-16 unit has three bytes at most.
     const qint64 bytes = qint64{3} * message.size() + kFrameOfALine;
     unseenBytes += bytes;
-    if (unseenBytes > maxUnseenBytes) {
+    if (unseenBytes > maxUnseenBytes()) {
         makeRoom(bytes);
         unseenBytes = bytes;
     }
@@ -77,7 +83,6 @@ bool keepLogWithin(qint64 maxBytes)
     // Otherwise the next message after a cut would stand where the end was before, behind a hole.
     ::fcntl(STDERR_FILENO, F_SETFL, ::fcntl(STDERR_FILENO, F_GETFL) | O_APPEND);
     maxLogBytes = maxBytes;
-    maxUnseenBytes = maxBytes / 256;
     unseenBytes = maxBytes; // so the first message looks
     writeMessage = qInstallMessageHandler(writeWithinLimit);
     return true;
