@@ -129,6 +129,8 @@ private Q_SLOTS:
         const QString output = client.readAllStandardOutput() + client.readAllStandardError();
         QVERIFY2(output.startsWith(said), qPrintable(output));
         QCOMPARE(standins::openvpnStarts().size(), host == "connects" ? 0 : 1);
+        if (keyFile != m_pem) // which is read before anything else
+            QCOMPARE(m_daemon->log(), QStringList());
         QCOMPARE(standins::runningOpenvpns(), host == "silent" ? 1 : 0);
     }
 
